@@ -1,0 +1,178 @@
+// The command table and process_line, the one routine every input line passes.
+#include <cstring>
+
+#include "platform/platform.h"
+#include "shell/shell.h"
+
+#define NI cmd_not_implemented
+
+const CommandEntry CommandTable[CommandCount] = {
+    {"is_ready", cmd_answer_only, 1},
+    {"solver_time", cmd_solver_time, 1},
+    {"show_hand_order", cmd_show_hand_order, 1},
+    {"show_settings", NI, 1},
+    {"show_tree_params", NI, 1},
+    {"set_threads", cmd_set_threads, 2},
+    {"ai6_set_threads", cmd_set_threads, 2},
+    {"set_recalc_accuracy", cmd_set_recalc_accuracy, 4},
+    {"set_isomorphism", cmd_set_isomorphism, 3},
+    {"skip_if_done", cmd_skip_if_done, 3},
+    {"is_tree_present", NI, 1},
+    {"go", NI, -1},
+    {"stop", NI, 1},
+    {"load_script", cmd_load_script, 2},
+    {"set_range", cmd_set_range, 1328},
+    {"set_board", cmd_set_board, -1},
+    {"set_pot", cmd_set_pot, 4},
+    {"clear_lines", NI, 1},
+    {"free_schematic_tree", NI, 1},
+    {"add_line", NI, -1},
+    {"remove_line", NI, -1},
+    {"force_line", NI, -1},
+    {"cut_line", NI, 2},
+    {"build_tree", NI, 1},
+    {"load_tree", NI, 2},
+    {"dump_tree", NI, -1},
+    {"free_tree", NI, 1},
+    {"show_node", NI, 2},
+    {"show_children", NI, 2},
+    {"show_strategy", NI, 2},
+    {"show_strategy_pp", NI, 2},
+    {"show_locked_combos", NI, 2},
+    {"show_range", NI, -1},
+    {"show_probs", NI, 2},
+    {"calc_results", NI, 1},
+    {"calc_ev", NI, 3},
+    {"calc_ev_pp", NI, 3},
+    {"calc_ev_line", NI, 3},
+    {"calc_line_freq", NI, 2},
+    {"calc_global_freq", NI, 2},
+    {"calc_eq", NI, 2},
+    {"calc_eq_pp", NI, 2},
+    {"calc_eq_node", NI, 3},
+    {"stdoutredi", cmd_stdoutredi, 2},
+    {"stdoutredi_append", cmd_stdoutredi_append, 2},
+    {"stdoutback", cmd_stdoutback, 1},
+    {"wait_for_solver", NI, 1},
+    {"show_memory", NI, 1},
+    {"node_count", NI, 1},
+    {"show_effective_stack", cmd_show_effective_stack, 1},
+    {"set_eff_stack", cmd_answer_only, 2},
+    {"set_rake", cmd_set_rake, 3},
+    {"set_ev_boost", NI, 3},
+    {"set_accuracy", cmd_set_accuracy, -1},
+    {"forget", NI, 2},
+    {"rebuild_forgotten_streets", NI, 1},
+    {"rebuild_all", NI, 1},
+    {"solve_all_splits", NI, 2},
+    {"lock_node", NI, 2},
+    {"unlock_node", NI, 2},
+    {"set_strategy", NI, 1329},
+    {"combo_lock_node", NI, 1328},
+    {"solve_partial", NI, 2},
+    {"explo_partial", NI, 2},
+    {"show_category_names", NI, 1},
+    {"show_categories", NI, -1},
+    {"ai6_set_compression", NI, 2},
+    {"set_compression", NI, 2},
+    {"ai6_get_actual_compression", NI, 1},
+    {"get_actual_compression", NI, 1},
+    {"ai6_get_instruction_set", cmd_get_instruction_set, 1},
+    {"get_instruction_set", cmd_get_instruction_set, 1},
+    {"set_scheduler", cmd_set_scheduler, 2},
+    {"enable_avx512", cmd_enable_avx512, 2},
+    {"enable_river_strategy", cmd_enable_river_strategy, 2},
+    {"sleep", cmd_sleep, 2},
+    {"take_a_break", cmd_take_a_break, 2},
+    {"repeat", cmd_repeat, -1},
+    {"echo", cmd_echo, -1},
+    {"ignore_mem_check", cmd_ignore_mem_check, 2},
+    {"connect", cmd_connect, -1},
+    {"disconnect", cmd_disconnect, 1},
+    {"show_cpu_info", cmd_show_cpu_info, 1},
+    {"reset_tree_info", cmd_reset_tree_info, 1},
+    {"add_info_line", cmd_add_info_line, 2},
+    {"show_tree_info", cmd_show_tree_info, 1},
+    {"set_simd_level", cmd_set_simd_level, 2},
+    {"set_precision", cmd_set_precision, 2},
+    {"set_must_use_hole_cards", cmd_set_must_use_hole_cards, 2},
+    {"set_hand_type_order", cmd_set_hand_type_order, 10},
+    {"set_low_card", cmd_set_low_card, 2},
+    {"eval_hand", cmd_eval_hand, 2},
+    {"enable_adaptive_precision", cmd_enable_adaptive_precision, 2},
+    {"help", cmd_help, 1},
+};
+
+#undef NI
+
+void cmd_not_implemented(const Tokens&) { fail_command("not implemented yet"); }
+
+const CommandEntry* find_command(const std::string& name) {
+  for (const CommandEntry& e : CommandTable)
+    if (name == e.name) return &e;
+  return nullptr;
+}
+
+void process_line(const Tokens& tokens) {
+  if (tokens.empty()) return;
+
+  // 1. A listed poker client blocks every line, exit included.
+  if (BannedProcessRunning) {
+    shell_print("ERROR: banned process running: %s\n", banned_process_name().c_str());
+    return;
+  }
+  // 2. Echo, before anything else can swallow the line.
+  if (EchoCommands) {
+    std::lock_guard<std::mutex> lock(OutputLock);
+    if (ColorText) set_console_attribute(2);
+    std::string line = join_tokens(tokens, 0, tokens.size());
+    fwrite(line.data(), 1, line.size(), stdout);
+    if (ColorText) set_console_attribute(7);
+    fputc('\n', stdout);
+  }
+  // 3. Labels end a skip; they answer nothing.
+  if (tokens.size() >= 2 && tokens[0] == "LABEL:") {
+    if (tokens[1] == SkipLabel) SkipLabel.clear();
+    return;
+  }
+  // 4. A skip swallows everything, exit and comments included.
+  if (!SkipLabel.empty()) return;
+  // 5. Comments.
+  if (tokens[0][0] == '#') return;
+  // 6. exit has no answer.
+  if (tokens[0] == "exit") normal_exit();
+  // 7. The table.
+  const CommandEntry* entry = find_command(tokens[0]);
+  if (!entry) {
+    shell_print("ERROR: Command %s not recognized\n", tokens[0].c_str());
+    if (TerminateOnError) error_exit();
+    return;
+  }
+  try {
+    // 8. The table's token count.
+    if (entry->arg_count > 0 && size_t(entry->arg_count) != tokens.size()) fail_argument(tokens[0]);
+    // 9. The handler.
+    CurrentCommand = tokens[0];
+    entry->handler(tokens);
+  } catch (const std::invalid_argument&) {
+    shell_print("ERROR: Invalid value\n");
+    if (TerminateOnError) error_exit();
+  } catch (const std::out_of_range&) {
+    // A number too large for its type: the nearest answer is the unreadable number's.
+    shell_print("ERROR: Invalid value\n");
+    if (TerminateOnError) error_exit();
+  } catch (const std::runtime_error& e) {
+    shell_print("%s", e.what());
+    if (TerminateOnError) error_exit();
+  } catch (const std::bad_alloc&) {
+    shell_print("ERROR: %s out of memory\n", CurrentCommand.c_str());
+    if (TerminateOnError) error_exit();
+  } catch (const std::exception& e) {
+    shell_print("ERROR: %s %s\n", CurrentCommand.c_str(), e.what());
+    if (TerminateOnError) error_exit();
+  } catch (const char* text) {
+    shell_print("#exception: %s\n", text);
+    fflush(stdout);
+    throw;
+  }
+}
