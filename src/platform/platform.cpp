@@ -107,6 +107,10 @@ void release_address_space(void* base, size_t bytes) {
 
 size_t page_size() { return size_t(sysconf(_SC_PAGESIZE)); }
 
+bool release_address_space_checked(void* base, size_t bytes) {
+  return !base || munmap(base, bytes) == 0;
+}
+
 MemoryStatus memory_status() {
   MemoryStatus m{};
   struct sysinfo si;

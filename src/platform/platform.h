@@ -27,6 +27,8 @@ void* reserve_address_space(size_t bytes);
 bool commit_memory(void* base, size_t bytes);
 void release_address_space(void* base, size_t bytes);
 size_t page_size();
+// release_address_space that reports whether the system gave the range back.
+bool release_address_space_checked(void* base, size_t bytes);
 
 // ---- Memory figures -------------------------------------------------------
 struct MemoryStatus {

@@ -50,7 +50,7 @@ struct MemoryByteWriter : ByteWriter {
 };
 
 // A source over a byte range that it doesn't own; reading past the end raises
-// std::runtime_error("can't read from memory").
+// an error through fail_command.
 struct MemoryByteSource : ByteSource {
   const uint8_t* data = nullptr;
   size_t size = 0;

@@ -1,0 +1,244 @@
+// FseCodec: transformed rows split into 24 byte channels that are staged in
+// 65536-byte blocks and FSE-coded a whole block at a time, so the row loop
+// itself does no entropy coding.
+//
+// Channel roles:
+//   0       after the CodecId, one byte per row: uses_reference
+//   1       one byte per group of eight values: bit i set if value i isn't
+//           zero (a last shorter group has its own byte)
+//   2..17   non-zero values less one, channel 2 + context, or 255 as escape;
+//           the context is the previous non-zero value less one of the row,
+//           cut to 15, and 0 at the row's start
+//   18, 19  low and high byte of an escaped value, or 255, 255 to escape again
+//   20..23  the four bytes of a doubly escaped value, low byte first
+// Each channel is a sequence of blocks: source_size (32 bits), coded_size (32
+// bits, the result of FSE_compress), then coded_size bytes if coded_size > 1,
+// one byte repeated source_size times if coded_size is 1, and source_size raw
+// bytes otherwise (0, or an error code).
+#include <nmmintrin.h>
+
+#include <cstring>
+
+#include "storage/arena.h"
+#include "storage/codec.h"
+
+namespace {
+
+constexpr uint32_t BlockBytes = 65536;
+constexpr size_t CodedBytes = FSE_compressBound(BlockBytes);
+
+[[noreturn]] void fse_failure() { storage_fatal_line("fse error\n"); }
+
+uint8_t* allocate(size_t bytes) {
+  void* p = aligned_alloc_bytes(bytes, RowAlignment);
+  if (!p) storage_fatal("out of memory");
+  return static_cast<uint8_t*>(p);
+}
+
+inline void put_u32(uint8_t* p, uint32_t v) { memcpy(p, &v, 4); }
+inline uint32_t get_u32(const uint8_t* p) {
+  uint32_t v;
+  memcpy(&v, p, 4);
+  return v;
+}
+
+// Non-zero lanes of eight values as a bit mask.
+inline unsigned nonzero_mask8(const uint32_t* v) {
+  __m128i z = _mm_setzero_si128();
+  __m128i a = _mm_cmpeq_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(v)), z);
+  __m128i b = _mm_cmpeq_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(v + 4)), z);
+  unsigned zero = unsigned(_mm_movemask_ps(_mm_castsi128_ps(a))) |
+                  unsigned(_mm_movemask_ps(_mm_castsi128_ps(b))) << 4;
+  return ~zero & 0xff;
+}
+
+class FseEncoder final : public RowEncoder {
+ public:
+  explicit FseEncoder(ChannelSink s) : sink(s) {
+    // A full count makes the first push allocate the buffer.
+    for (uint32_t& f : fill) f = BlockBytes;
+  }
+
+  ~FseEncoder() override {
+    for (int c = 0; c < CodecChannelCount; c++) {
+      if (staged[c] && fill[c] > 0) cut_block(c);
+      aligned_free_bytes(staged[c]);
+    }
+    aligned_free_bytes(coded);
+  }
+
+  void encode(const uint32_t* t, int count, bool uses_reference) override {
+    if (count > MaxRowValues) storage_fatal("row too long");
+    push(0, uses_reference ? 1 : 0);
+    unsigned context = 0;
+    for (int i = 0; i < count; i += 8) {
+      unsigned mask;
+      if (count - i >= 8) {
+        mask = nonzero_mask8(t + i);
+      } else {
+        mask = 0;
+        for (int j = 0; i + j < count; j++) mask |= unsigned(t[i + j] != 0) << j;
+      }
+      for (unsigned m = mask; m; m &= m - 1) {
+        uint32_t v = t[i + __builtin_ctz(m)] - 1;
+        if (v < 255) {
+          push(2 + int(context), uint8_t(v));
+          context = v < 16 ? v : 15;
+          continue;
+        }
+        push(2 + int(context), 255);
+        context = 15;
+        if (v < 65535) {
+          push(18, uint8_t(v));
+          push(19, uint8_t(v >> 8));
+        } else {
+          push(18, 255);
+          push(19, 255);
+          push(20, uint8_t(v));
+          push(21, uint8_t(v >> 8));
+          push(22, uint8_t(v >> 16));
+          push(23, uint8_t(v >> 24));
+        }
+      }
+      push(1, uint8_t(mask));
+    }
+  }
+
+ private:
+  ChannelSink sink;
+  uint8_t* staged[CodecChannelCount] = {};
+  uint32_t fill[CodecChannelCount];
+  uint8_t* coded = nullptr;
+
+  inline void push(int c, uint8_t b) {
+    if (fill[c] == BlockBytes) make_room(c);
+    staged[c][fill[c]++] = b;
+  }
+
+  void make_room(int c) {
+    if (staged[c])
+      cut_block(c);
+    else
+      staged[c] = allocate(BlockBytes);
+    fill[c] = 0;
+  }
+
+  void cut_block(int c) {
+    if (!coded) coded = allocate(CodedBytes);
+    const uint32_t size = fill[c];
+    int64_t r = FSE_compress(coded, CodedBytes, staged[c], size);
+    uint8_t head[8];
+    put_u32(head, size);
+    put_u32(head + 4, uint32_t(int32_t(r)));
+    sink.write(sink.context, c, head, 8);
+    if (r > 1)
+      sink.write(sink.context, c, coded, size_t(r));
+    else if (r == 1)
+      sink.write(sink.context, c, staged[c], 1);
+    else
+      sink.write(sink.context, c, staged[c], size);
+    fill[c] = 0;
+  }
+};
+
+class FseDecoder final : public RowDecoder {
+ public:
+  explicit FseDecoder(ChannelSource s) : source(s) {}
+
+  ~FseDecoder() override {
+    for (uint8_t* b : buffer) aligned_free_bytes(b);
+    aligned_free_bytes(coded);
+  }
+
+  void decode32(uint32_t* row, const uint32_t* reference, int count) override {
+    uint32_t t[MaxRowValues + 8];
+    bool uses_reference = decode_values(t, count);
+    untransform_row32(row, reference, t, count, uses_reference);
+  }
+
+  void decode16(uint16_t* row, const uint16_t* reference, int count) override {
+    uint32_t t[MaxRowValues + 8];
+    bool uses_reference = decode_values(t, count);
+    untransform_row16(row, reference, t, count, uses_reference);
+  }
+
+  bool handles_reference() const override { return true; }
+
+ private:
+  ChannelSource source;
+  uint8_t* buffer[CodecChannelCount] = {};
+  uint32_t position[CodecChannelCount] = {};
+  uint32_t size[CodecChannelCount] = {};  // bytes of the current block
+  uint8_t* coded = nullptr;
+
+  inline uint8_t get(int c) {
+    if (position[c] == size[c]) refill(c);
+    return buffer[c][position[c]++];
+  }
+
+  void read_exact(int c, uint8_t* dst, size_t n) {
+    if (source.read(source.context, c, dst, n) != n) fse_failure();
+  }
+
+  void refill(int c) {
+    uint8_t head[8];
+    read_exact(c, head, 8);
+    const uint32_t source_size = get_u32(head);
+    const int32_t coded_size = int32_t(get_u32(head + 4));
+    if (source_size == 0 || source_size > BlockBytes) fse_failure();
+    if (!buffer[c]) buffer[c] = allocate(BlockBytes);
+    if (coded_size > 1) {
+      if (size_t(coded_size) > CodedBytes) fse_failure();
+      if (!coded) coded = allocate(CodedBytes);
+      read_exact(c, coded, size_t(coded_size));
+      int64_t r = FSE_decompress(buffer[c], BlockBytes, coded, size_t(coded_size));
+      if (r != int64_t(source_size)) fse_failure();
+    } else if (coded_size == 1) {
+      uint8_t b;
+      read_exact(c, &b, 1);
+      memset(buffer[c], b, source_size);
+    } else {
+      read_exact(c, buffer[c], source_size);
+    }
+    position[c] = 0;
+    size[c] = source_size;
+  }
+
+  // Entropy stage: fills t[0 .. count) (and up to 7 entries beyond) with the
+  // transformed row and returns its uses_reference flag.
+  bool decode_values(uint32_t* t, int count) {
+    if (count > MaxRowValues) storage_fatal("row too long");
+    bool uses_reference = get(0) != 0;
+    unsigned context = 0;
+    const __m128i zero = _mm_setzero_si128();
+    for (int i = 0; i < count; i += 8) {
+      unsigned mask = get(1);
+      if (count - i < 8) mask &= (1u << (count - i)) - 1;
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(t + i), zero);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(t + i + 4), zero);
+      for (; mask; mask &= mask - 1) {
+        uint32_t v = get(2 + int(context));
+        if (v != 255) {
+          context = v < 16 ? v : 15;
+        } else {
+          context = 15;
+          v = get(18);
+          v |= uint32_t(get(19)) << 8;
+          if (v == 0xffff) {
+            v = get(20);
+            v |= uint32_t(get(21)) << 8;
+            v |= uint32_t(get(22)) << 16;
+            v |= uint32_t(get(23)) << 24;
+          }
+        }
+        t[i + __builtin_ctz(mask)] = v + 1;
+      }
+    }
+    return uses_reference;
+  }
+};
+
+}  // namespace
+
+RowEncoder* make_fse_encoder(ChannelSink sink) { return new FseEncoder(sink); }
+RowDecoder* make_fse_decoder(ChannelSource source) { return new FseDecoder(source); }

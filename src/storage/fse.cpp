@@ -1,0 +1,611 @@
+// The FSE (finite-state entropy, tabled ANS) coder in its block format.
+//
+// Block: [normalised-count header][bitstream].
+//
+// Header, a little-endian bit stream, least significant bit first:
+//   4 bits          table log - 5
+//   per symbol      its count + 1, from symbol 0 to the last present one, in a
+//                   variable number of bits: with `remaining` = points still
+//                   free + 1 and `threshold` the largest power of two not above
+//                   it, values below (2 * threshold - 1 - remaining) take
+//                   log2(threshold) bits and the others one more. A count of -1
+//                   means "below one point" and takes one point. A count of 0
+//                   is followed by 2-bit repeat flags: the number of further
+//                   zero counts, 3 meaning "3 and another flag".
+//   The header ends when all 1 << table_log points are given out, rounded up
+//   to whole bytes.
+//
+// Table: symbols of count -1 take the last cells, downward; the others are
+// spread with step (size >> 1) + (size >> 3) + 3, skipping those cells. The
+// k-th cell of a symbol with count p (in cell order) reads
+// table_log - highbit(p + k) bits and goes to state ((p + k) << bits) - size
+// plus the bits.
+//
+// Bitstream: written forwards, read backwards from a final 1 bit. It opens
+// with the two initial states (table_log bits each, state 1 first), then the
+// decoder alternates: symbol of state 1, its bits; symbol of state 2, its
+// bits; ... When a read runs past the start of the stream, the other state
+// gives the last symbol. The encoder therefore starts both states on the two
+// last symbols with cells that read at least one bit.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "storage/codec.h"
+
+namespace {
+
+inline unsigned highbit32(uint32_t v) { return 31u - unsigned(__builtin_clz(v)); }
+
+inline int64_t fse_error(FseErrorCode code) { return -int64_t(code); }
+
+inline uint64_t load_u64(const uint8_t* p) {
+  uint64_t v;
+  memcpy(&v, p, 8);
+  return v;
+}
+
+// ---- Header bits ----------------------------------------------------------------
+
+struct BitWriter {
+  uint8_t* out;
+  uint8_t* end;
+  uint64_t acc = 0;
+  unsigned count = 0;
+  bool overflow = false;
+  void put(uint32_t value, unsigned bits) {
+    acc |= uint64_t(value) << count;
+    count += bits;
+    while (count >= 8) {
+      if (out == end) {
+        overflow = true;
+        return;
+      }
+      *out++ = uint8_t(acc);
+      acc >>= 8;
+      count -= 8;
+    }
+  }
+  void finish() {
+    if (count == 0) return;
+    if (out == end) {
+      overflow = true;
+      return;
+    }
+    *out++ = uint8_t(acc);
+    count = 0;
+  }
+};
+
+struct BitReader {
+  const uint8_t* in;
+  size_t size;
+  size_t position = 0;  // in bits
+  bool get(unsigned bits, uint32_t& value) {
+    if (position + bits > size * 8) return false;
+    value = 0;
+    for (unsigned b = 0; b < bits; b++, position++)
+      value |= uint32_t((in[position >> 3] >> (position & 7)) & 1) << b;
+    return true;
+  }
+};
+
+// ---- Symbol spread ----------------------------------------------------------------
+
+// Fills `cell_symbol`; false if the counts don't spread into the table exactly.
+bool spread_symbols(uint8_t* cell_symbol, const int16_t* norm, unsigned max_symbol,
+                    unsigned table_log) {
+  const unsigned size = 1u << table_log, mask = size - 1;
+  int high = int(size) - 1;
+  for (unsigned s = 0; s <= max_symbol; s++)
+    if (norm[s] == -1) {
+      if (high < 0) return false;
+      cell_symbol[high--] = uint8_t(s);
+    }
+  const unsigned step = (size >> 1) + (size >> 3) + 3;
+  unsigned position = 0;
+  for (unsigned s = 0; s <= max_symbol; s++) {
+    for (int k = 0; k < norm[s]; k++) {
+      cell_symbol[position] = uint8_t(s);
+      do position = (position + step) & mask;
+      while (int(position) > high);
+    }
+  }
+  return position == 0;
+}
+
+// Points a count takes in the table.
+inline unsigned points(int16_t n) { return n == -1 ? 1u : unsigned(n); }
+
+// Checks a normalised distribution before a table is built from it.
+bool counts_fill_table(const int16_t* norm, unsigned max_symbol, unsigned table_log) {
+  unsigned total = 0;
+  for (unsigned s = 0; s <= max_symbol; s++) {
+    if (norm[s] < -1) return false;
+    total += points(norm[s]);
+  }
+  return total == (1u << table_log);
+}
+
+// ---- Decoding table ---------------------------------------------------------------
+
+struct DecodeCell {
+  uint16_t base;   // next state before the bits are added
+  uint8_t symbol;
+  uint8_t bits;
+};
+
+bool build_decode_table(DecodeCell* table, const int16_t* norm, unsigned max_symbol,
+                        unsigned table_log) {
+  const unsigned size = 1u << table_log;
+  if (!counts_fill_table(norm, max_symbol, table_log)) return false;
+  uint8_t cell_symbol[1u << FSE_MAX_TABLELOG];
+  if (!spread_symbols(cell_symbol, norm, max_symbol, table_log)) return false;
+  uint16_t next[FSE_MAX_SYMBOL_VALUE + 1];
+  for (unsigned s = 0; s <= max_symbol; s++) next[s] = uint16_t(points(norm[s]));
+  for (unsigned u = 0; u < size; u++) {
+    unsigned s = cell_symbol[u];
+    unsigned n = next[s]++;
+    unsigned bits = table_log - highbit32(n);
+    table[u].base = uint16_t((n << bits) - size);
+    table[u].symbol = uint8_t(s);
+    table[u].bits = uint8_t(bits);
+  }
+  return true;
+}
+
+// ---- Encoding table ---------------------------------------------------------------
+
+struct EncodeSymbol {
+  int32_t find_state;   // index into the state table, less the state's top bits
+  uint32_t delta_bits;  // (state + delta_bits) >> 16 = bits to write
+};
+
+struct EncodeTable {
+  unsigned table_log;
+  uint16_t state[1u << FSE_MAX_TABLELOG];  // states in [size, 2 * size), by symbol
+  EncodeSymbol symbol[FSE_MAX_SYMBOL_VALUE + 1];
+};
+
+void build_encode_table(EncodeTable& t, const int16_t* norm, unsigned max_symbol,
+                        unsigned table_log) {
+  const unsigned size = 1u << table_log;
+  uint8_t cell_symbol[1u << FSE_MAX_TABLELOG];
+  spread_symbols(cell_symbol, norm, max_symbol, table_log);
+  unsigned start[FSE_MAX_SYMBOL_VALUE + 2];
+  start[0] = 0;
+  for (unsigned s = 0; s <= max_symbol; s++) start[s + 1] = start[s] + points(norm[s]);
+  unsigned fill[FSE_MAX_SYMBOL_VALUE + 1];
+  memcpy(fill, start, sizeof(unsigned) * (max_symbol + 1));
+  // The k-th cell of a symbol (in cell order) is the one whose next value is p + k.
+  for (unsigned u = 0; u < size; u++) t.state[fill[cell_symbol[u]]++] = uint16_t(size + u);
+  t.table_log = table_log;
+  for (unsigned s = 0; s <= max_symbol; s++) {
+    unsigned p = points(norm[s]);
+    if (norm[s] == 0) {
+      t.symbol[s] = {0, 0};
+      continue;
+    }
+    // States at or above p << max_bits write max_bits, those below one fewer.
+    unsigned max_bits = p == 1 ? table_log : table_log - highbit32(p - 1);
+    t.symbol[s].delta_bits = (max_bits << 16) - (p << max_bits);
+    t.symbol[s].find_state = int32_t(start[s]) - int32_t(p);
+  }
+}
+
+// ---- Bitstream, backward reading ----------------------------------------------------
+
+// Writes forwards in 64-bit steps; the decoder reads the result from its end.
+struct StreamWriter {
+  uint8_t* start;
+  uint8_t* out;
+  uint8_t* limit;  // last position where a whole 8-byte store still fits
+  uint64_t acc = 0;
+  unsigned count = 0;
+  bool overflow = false;
+  StreamWriter(uint8_t* dst, size_t capacity)
+      : start(dst), out(dst), limit(capacity >= 8 ? dst + capacity - 8 : dst) {
+    overflow = capacity < 8;
+  }
+  void put(uint32_t value, unsigned bits) {
+    acc |= uint64_t(value & ((1u << bits) - 1)) << count;
+    count += bits;
+  }
+  void flush() {
+    if (out > limit) overflow = true;
+    if (overflow) {  // keep going without storing; close() reports it
+      acc = 0;
+      count = 0;
+      return;
+    }
+    memcpy(out, &acc, 8);
+    unsigned bytes = count >> 3;
+    out += bytes;
+    acc = bytes == 8 ? 0 : acc >> (bytes * 8);
+    count &= 7;
+  }
+  // Adds the end mark and returns the size, 0 if the output didn't fit.
+  size_t close() {
+    put(1, 1);
+    flush();
+    if (overflow) return 0;
+    return size_t(out - start) + (count > 0);
+  }
+};
+
+struct StreamReader {
+  const uint8_t* start;
+  const uint8_t* ptr;  // the container holds the 8 bytes from here
+  uint64_t container = 0;
+  unsigned consumed = 0;  // bits used from the top of the container
+
+  // False for an empty stream or one without its end mark.
+  bool init(const uint8_t* src, size_t size) {
+    if (size == 0) return false;
+    uint8_t last = src[size - 1];
+    if (last == 0) return false;
+    start = src;
+    if (size >= 8) {
+      ptr = src + size - 8;
+      container = load_u64(ptr);
+    } else {
+      ptr = src;
+      for (size_t i = 0; i < size; i++) container |= uint64_t(src[i]) << (8 * i);
+      consumed = unsigned(8 - size) * 8;
+    }
+    consumed += 8 - highbit32(last);
+    return true;
+  }
+  // Bits past the start of the stream read as anything; the caller stops there.
+  uint32_t read(unsigned bits) {
+    uint32_t v = uint32_t(((container << (consumed & 63)) >> 1) >> (63 - bits));
+    consumed += bits;
+    return v;
+  }
+  // true when the container holds unread data for at least 4 symbols
+  // (48 bits); false near the start.
+  bool reload_fast() {
+    if (ptr - start >= 8 && consumed <= 64) {
+      ptr -= consumed >> 3;
+      consumed &= 7;
+      container = load_u64(ptr);
+      return true;
+    }
+    return false;
+  }
+  // Reloads near the start; true once bits were read past the start.
+  bool reload_overflowed() {
+    if (consumed > 64) return true;
+    if (ptr == start) return false;
+    size_t bytes = consumed >> 3;
+    if (bytes > size_t(ptr - start)) bytes = size_t(ptr - start);
+    ptr -= bytes;
+    consumed -= unsigned(bytes) * 8;
+    container = load_u64(ptr);
+    return false;
+  }
+};
+
+// Number of times the largest symbol occurs; max_symbol becomes the largest present.
+uint32_t histogram(uint32_t* count, unsigned& max_symbol, const uint8_t* src, size_t size) {
+  // Four tables break the store-to-load chains of runs of equal bytes.
+  uint32_t c[4][256] = {};
+  size_t i = 0;
+  for (; i + 4 <= size; i += 4) {
+    c[0][src[i]]++;
+    c[1][src[i + 1]]++;
+    c[2][src[i + 2]]++;
+    c[3][src[i + 3]]++;
+  }
+  for (; i < size; i++) c[0][src[i]]++;
+  uint32_t largest = 0;
+  max_symbol = 0;
+  for (unsigned s = 0; s < 256; s++) {
+    count[s] = c[0][s] + c[1][s] + c[2][s] + c[3][s];
+    if (count[s]) max_symbol = s;
+    largest = std::max(largest, count[s]);
+  }
+  return largest;
+}
+
+}  // namespace
+
+// ---- Table log and normalisation ------------------------------------------------------
+
+unsigned FSE_optimalTableLog(unsigned max_table_log, size_t src_size, unsigned max_symbol_value) {
+  int table_log = int(max_table_log ? max_table_log : FSE_DEFAULT_TABLELOG);
+  if (src_size > 1) {
+    // No more cells than a quarter of the source, but enough for every symbol.
+    int max_bits_src = int(highbit32(uint32_t(std::min<size_t>(src_size - 1, 0xffffffffu)))) - 2;
+    if (max_bits_src < table_log) table_log = max_bits_src;
+    int min_bits_src = int(highbit32(uint32_t(std::min<size_t>(src_size, 0xffffffffu)))) + 1;
+    int min_bits_symbols = int(highbit32(std::max(1u, max_symbol_value))) + 2;
+    int min_bits = std::min(min_bits_src, min_bits_symbols);
+    if (min_bits > table_log) table_log = min_bits;
+  }
+  table_log = std::clamp(table_log, int(FSE_MIN_TABLELOG), int(FSE_MAX_TABLELOG));
+  return unsigned(table_log);
+}
+
+int64_t FSE_normalizeCount(int16_t* norm, unsigned table_log, const uint32_t* count, size_t total,
+                           unsigned max_symbol_value) {
+  if (table_log == 0) table_log = FSE_DEFAULT_TABLELOG;
+  if (table_log < FSE_MIN_TABLELOG) return fse_error(FSE_ERROR_GENERIC);
+  if (table_log > FSE_MAX_TABLELOG) return fse_error(FSE_ERROR_tableLog_tooLarge);
+  if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return fse_error(FSE_ERROR_maxSymbolValue_tooLarge);
+  const uint64_t size = 1ull << table_log;
+  unsigned present = 0;
+  uint64_t sum = 0;
+  for (unsigned s = 0; s <= max_symbol_value; s++) {
+    present += count[s] != 0;
+    sum += count[s];
+  }
+  if (sum != total || total == 0) return fse_error(FSE_ERROR_GENERIC);
+  // One symbol can't be coded: its states would read no bits.
+  if (present > size || present < 2) return fse_error(FSE_ERROR_GENERIC);
+
+  // Symbols below one point get the mark -1 (one cell); the others share the
+  // rest in proportion, rounded to nearest, at least one.
+  int64_t left = int64_t(size);
+  uint64_t rest_total = total;
+  for (unsigned s = 0; s <= max_symbol_value; s++) {
+    norm[s] = 0;
+    if (count[s] != 0 && uint64_t(count[s]) * size < total) {
+      norm[s] = -1;
+      left--;
+      rest_total -= count[s];
+    }
+  }
+  int64_t given = 0;
+  for (unsigned s = 0; s <= max_symbol_value; s++) {
+    if (count[s] == 0 || norm[s] == -1) continue;
+    uint64_t p = (uint64_t(count[s]) * uint64_t(left) * 2 + rest_total) / (2 * rest_total);
+    norm[s] = int16_t(std::max<uint64_t>(1, p));
+    given += norm[s];
+  }
+  // Settle the rounding where it costs least: a symbol of count c at p points
+  // costs c * log2(size / p) bits. `change` is the cost of the next step of
+  // each symbol in the direction needed.
+  int64_t diff = left - given;
+  if (diff == 0) return int64_t(table_log);
+  const int direction = diff > 0 ? 1 : -1;
+  double change[FSE_MAX_SYMBOL_VALUE + 1];
+  auto cost_of_step = [&](unsigned s) {
+    double p = norm[s];
+    if (norm[s] <= 0 || (direction < 0 && norm[s] == 1)) return HUGE_VAL;
+    return direction > 0 ? -double(count[s]) * std::log2((p + 1) / p)
+                         : double(count[s]) * std::log2(p / (p - 1));
+  };
+  for (unsigned s = 0; s <= max_symbol_value; s++) change[s] = cost_of_step(s);
+  for (; diff != 0; diff -= direction) {
+    unsigned best = 0;
+    for (unsigned s = 1; s <= max_symbol_value; s++)
+      if (change[s] < change[best]) best = s;
+    if (change[best] == HUGE_VAL) return fse_error(FSE_ERROR_GENERIC);
+    norm[best] = int16_t(norm[best] + direction);
+    change[best] = cost_of_step(best);
+  }
+  return int64_t(table_log);
+}
+
+// ---- Header ---------------------------------------------------------------------------
+
+int64_t FSE_writeNCount(void* dst, size_t dst_capacity, const int16_t* norm,
+                        unsigned max_symbol_value, unsigned table_log) {
+  if (table_log > FSE_MAX_TABLELOG) return fse_error(FSE_ERROR_tableLog_tooLarge);
+  if (table_log < FSE_MIN_TABLELOG) return fse_error(FSE_ERROR_GENERIC);
+  if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return fse_error(FSE_ERROR_maxSymbolValue_tooLarge);
+  if (!counts_fill_table(norm, max_symbol_value, table_log)) return fse_error(FSE_ERROR_GENERIC);
+  uint8_t* out = static_cast<uint8_t*>(dst);
+  BitWriter w{out, out + dst_capacity};
+  w.put(table_log - FSE_MIN_TABLELOG, 4);
+  int remaining = (1 << table_log) + 1;
+  int threshold = 1 << table_log;
+  unsigned bits = table_log + 1;
+  unsigned s = 0;
+  while (remaining > 1) {
+    if (s > max_symbol_value) return fse_error(FSE_ERROR_GENERIC);
+    int count = norm[s++];
+    int value = count + 1;
+    int small = 2 * threshold - 1 - remaining;
+    if (value < small) {
+      w.put(uint32_t(value), bits - 1);
+    } else {
+      if (value >= threshold) value += small;
+      w.put(uint32_t(value), bits);
+    }
+    remaining -= count < 0 ? -count : count;
+    if (count == 0) {
+      unsigned zeros = 0;
+      while (s + zeros <= max_symbol_value && norm[s + zeros] == 0) zeros++;
+      s += zeros;
+      for (; zeros >= 3; zeros -= 3) w.put(3, 2);
+      w.put(zeros, 2);
+    }
+    while (remaining < threshold) {
+      bits--;
+      threshold >>= 1;
+    }
+  }
+  w.finish();
+  if (w.overflow) return fse_error(FSE_ERROR_dstSize_tooSmall);
+  return int64_t(w.out - out);
+}
+
+int64_t FSE_readNCount(int16_t* norm, unsigned* max_symbol_value, unsigned* table_log,
+                       const void* src, size_t src_size) {
+  BitReader r{static_cast<const uint8_t*>(src), src_size};
+  uint32_t v;
+  if (!r.get(4, v)) return fse_error(FSE_ERROR_srcSize_wrong);
+  unsigned log = v + FSE_MIN_TABLELOG;
+  if (log > FSE_MAX_TABLELOG) return fse_error(FSE_ERROR_tableLog_tooLarge);
+  const unsigned limit = *max_symbol_value;
+  int remaining = (1 << log) + 1;
+  int threshold = 1 << log;
+  unsigned bits = log + 1;
+  unsigned s = 0;
+  while (remaining > 1) {
+    if (s > limit) return fse_error(FSE_ERROR_maxSymbolValue_tooSmall);
+    int small = 2 * threshold - 1 - remaining;
+    uint32_t low;
+    if (!r.get(bits - 1, low)) return fse_error(FSE_ERROR_corruptionDetected);
+    int value = int(low);
+    if (value >= small) {
+      uint32_t top;
+      if (!r.get(1, top)) return fse_error(FSE_ERROR_corruptionDetected);
+      value |= int(top) << (bits - 1);
+      if (value >= threshold) value -= small;
+    }
+    int count = value - 1;
+    norm[s++] = int16_t(count);
+    remaining -= count < 0 ? -count : count;
+    if (remaining < 1) return fse_error(FSE_ERROR_corruptionDetected);
+    if (count == 0) {
+      for (;;) {
+        uint32_t repeat;
+        if (!r.get(2, repeat)) return fse_error(FSE_ERROR_corruptionDetected);
+        if (s + repeat > limit + 1) return fse_error(FSE_ERROR_maxSymbolValue_tooSmall);
+        for (uint32_t k = 0; k < repeat; k++) norm[s++] = 0;
+        if (repeat != 3) break;
+      }
+    }
+    while (remaining < threshold) {
+      bits--;
+      threshold >>= 1;
+    }
+  }
+  *max_symbol_value = s - 1;
+  *table_log = log;
+  return int64_t((r.position + 7) / 8);
+}
+
+// ---- Blocks ---------------------------------------------------------------------------
+
+int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t src_size,
+                      unsigned max_symbol_value, unsigned table_log) {
+  const uint8_t* in = static_cast<const uint8_t*>(src);
+  uint8_t* out = static_cast<uint8_t*>(dst);
+  if (src_size <= 1) return 0;
+  if (max_symbol_value == 0) max_symbol_value = FSE_MAX_SYMBOL_VALUE;
+  if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return fse_error(FSE_ERROR_maxSymbolValue_tooLarge);
+  if (table_log == 0) table_log = FSE_DEFAULT_TABLELOG;
+  if (table_log > FSE_MAX_TABLELOG) return fse_error(FSE_ERROR_tableLog_tooLarge);
+  if (src_size > 0xffffffffu) return fse_error(FSE_ERROR_srcSize_wrong);
+
+  uint32_t count[256];
+  unsigned max_symbol;
+  uint32_t largest = histogram(count, max_symbol, in, src_size);
+  if (max_symbol > max_symbol_value) return fse_error(FSE_ERROR_maxSymbolValue_tooSmall);
+  if (largest == src_size) return 1;             // one repeated byte
+  if (largest == 1) return 0;                    // no byte twice: nothing to gain
+  if (largest < (src_size >> 7)) return 0;       // flat enough not to pay
+
+  unsigned log = FSE_optimalTableLog(table_log, src_size, max_symbol);
+  int16_t norm[256];
+  int64_t r = FSE_normalizeCount(norm, log, count, src_size, max_symbol);
+  if (FSE_isError(r)) return r;
+  int64_t header = FSE_writeNCount(out, dst_capacity, norm, max_symbol, log);
+  if (FSE_isError(header)) return header;
+
+  EncodeTable table;
+  build_encode_table(table, norm, max_symbol, log);
+  const uint16_t* state_table = table.state;
+  const EncodeSymbol* sym = table.symbol;
+  StreamWriter w(out + header, dst_capacity - size_t(header));
+
+  auto encode = [&](uint32_t& state, uint8_t s) {
+    const EncodeSymbol e = sym[s];
+    unsigned bits = (state + e.delta_bits) >> 16;
+    w.put(state, bits);
+    state = state_table[int32_t(state >> bits) + e.find_state];
+  };
+  // Each state starts at the first cell of its symbol, which reads at least one bit.
+  size_t k = src_size - 1;
+  uint32_t state_last = state_table[sym[in[k]].find_state + int32_t(points(norm[in[k]]))];
+  uint32_t state_prev = state_table[sym[in[k - 1]].find_state + int32_t(points(norm[in[k - 1]]))];
+  // State 1 carries the even positions.
+  uint32_t& state1 = (k & 1) ? state_prev : state_last;
+  uint32_t& state2 = (k & 1) ? state_last : state_prev;
+  size_t i = src_size - 2;  // positions [0, i) remain
+  if (i & 1) {
+    encode(state1, in[--i]);  // position i is even
+    w.flush();
+  }
+  // Now i is even: pairs (i-1: state 2, i-2: state 1).
+  while (i >= 4) {
+    encode(state2, in[i - 1]);
+    encode(state1, in[i - 2]);
+    encode(state2, in[i - 3]);
+    encode(state1, in[i - 4]);
+    w.flush();
+    i -= 4;
+  }
+  if (i >= 2) {
+    encode(state2, in[i - 1]);
+    encode(state1, in[i - 2]);
+    w.flush();
+    i -= 2;
+  }
+  w.put(state2, log);
+  w.put(state1, log);
+  w.flush();
+  size_t stream = w.close();
+  if (stream == 0) return 0;
+  size_t total = size_t(header) + stream;
+  if (total >= src_size - 1) return 0;
+  return int64_t(total);
+}
+
+int64_t FSE_compress(void* dst, size_t dst_capacity, const void* src, size_t src_size) {
+  return FSE_compress2(dst, dst_capacity, src, src_size, FSE_MAX_SYMBOL_VALUE, FSE_DEFAULT_TABLELOG);
+}
+
+int64_t FSE_decompress(void* dst, size_t dst_capacity, const void* src, size_t src_size) {
+  const uint8_t* in = static_cast<const uint8_t*>(src);
+  int16_t norm[256];
+  unsigned max_symbol = FSE_MAX_SYMBOL_VALUE, log;
+  int64_t header = FSE_readNCount(norm, &max_symbol, &log, in, src_size);
+  if (FSE_isError(header)) return header;
+  if (size_t(header) >= src_size) return fse_error(FSE_ERROR_srcSize_wrong);
+  DecodeCell table[1u << FSE_MAX_TABLELOG];
+  if (!build_decode_table(table, norm, max_symbol, log)) return fse_error(FSE_ERROR_corruptionDetected);
+
+  StreamReader r;
+  if (!r.init(in + header, src_size - size_t(header))) return fse_error(FSE_ERROR_corruptionDetected);
+  uint8_t* out = static_cast<uint8_t*>(dst);
+  uint8_t* const end = out + dst_capacity;
+  uint32_t state1 = r.read(log);
+  uint32_t state2 = r.read(log);
+  if (r.reload_overflowed()) return fse_error(FSE_ERROR_corruptionDetected);
+
+  auto step = [&](uint32_t& state) {
+    DecodeCell c = table[state];
+    state = c.base + r.read(c.bits);
+    return c.symbol;
+  };
+  // Far from the start a reload leaves at least 57 bits: four symbols.
+  while (end - out >= 4 && r.reload_fast()) {
+    out[0] = step(state1);
+    out[1] = step(state2);
+    out[2] = step(state1);
+    out[3] = step(state2);
+    out += 4;
+  }
+  for (;;) {
+    if (out == end) return fse_error(FSE_ERROR_dstSize_tooSmall);
+    *out++ = step(state1);
+    if (r.reload_overflowed()) {
+      if (out == end) return fse_error(FSE_ERROR_dstSize_tooSmall);
+      *out++ = table[state2].symbol;
+      break;
+    }
+    if (out == end) return fse_error(FSE_ERROR_dstSize_tooSmall);
+    *out++ = step(state2);
+    if (r.reload_overflowed()) {
+      if (out == end) return fse_error(FSE_ERROR_dstSize_tooSmall);
+      *out++ = table[state1].symbol;
+      break;
+    }
+  }
+  return int64_t(out - static_cast<uint8_t*>(dst));
+}

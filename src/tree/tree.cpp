@@ -1,0 +1,252 @@
+// The built tree: its creation from the flat records, its destruction in a
+// fixed order, node statistics, and the commands that report on the tree.
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <string>
+
+#include "storage/store.h"
+#include "tree/board_tree.h"
+#include "tree/tree.h"
+
+Tree* ActiveTree = nullptr;
+void (*EmptySubgameQueue)() = nullptr;
+
+double StrategyExponent = 1.5;
+double StrategyWeightCap = 262143.0;
+int32_t RiverGroupIterations = 0;
+int32_t MaxIterations = 9000;
+
+// ---- Destruction --------------------------------------------------------------
+
+static void free_node_extras(Node& node) {
+  delete node.regretStore;
+  node.regretStore = nullptr;
+  delete node.strategyStore;
+  node.strategyStore = nullptr;
+  node.stores_ready = false;
+  delete[] node.turn_locks;
+  node.turn_locks = nullptr;
+  delete[] node.street_records;
+  node.street_records = nullptr;
+  node.street_record_count = 0;
+}
+
+// Board data first, then the tree's own lists, then each node with what it
+// owns, then the array: nothing below is freed while something above still
+// points at it.
+static void destroy_tree(Tree* tree) {
+  if (!tree) return;
+  delete tree->boards;
+  tree->boards = nullptr;
+  for (int p = 0; p < 2; p++) {
+    std::vector<float>().swap(tree->reach_weights[p]);
+    std::vector<float>().swap(tree->norm_weights[p]);
+  }
+  for (Node& node : tree->nodes)
+    if (node.owns_extras) free_node_extras(node);
+  std::vector<Node>().swap(tree->nodes);
+  delete tree;
+}
+
+void free_active_tree() {
+  Tree* tree = ActiveTree;
+  // Unpublish before destroying, so nothing can find a half-freed tree.
+  ActiveTree = nullptr;
+  TreePresent = false;
+  destroy_tree(tree);
+  if (EmptySubgameQueue) EmptySubgameQueue();
+  empty_all_row_pools();
+}
+
+// ---- Construction -------------------------------------------------------------
+
+void make_tree(const std::vector<LineRecord>& records, const Card flop[3], int turn, int river,
+               const Range ranges[2], bool use_isomorphism) {
+  free_active_tree();
+
+  // Owned by the guard until complete, so a failed allocation frees it.
+  std::unique_ptr<Tree, void (*)(Tree*)> tree(new Tree, destroy_tree);
+  Tree& t = *tree;
+  t.flags = NEW_TREE;
+  t.average_policy = 1;
+  t.river_average_now = true;
+  t.max_range_weight[0] = t.max_range_weight[1] = 1.0;
+  t.flop_board = CardBit(flop[0]) | CardBit(flop[1]) | CardBit(flop[2]);
+  t.board = t.flop_board;
+  if (turn >= 0) t.board |= CardBit(turn);
+  if (river >= 0) t.board |= CardBit(river);
+  for (int p = 0; p < 2; p++)
+    if (ranges[p].size() == size_t(HandCount))
+      std::copy(ranges[p].begin(), ranges[p].end(), t.ranges[p]);
+
+  t.nodes = std::vector<Node>(records.size());
+  int64_t children_total = 0, parents = 0;
+  for (size_t i = 0; i < records.size(); i++) {
+    const LineRecord& r = records[i];
+    Node& node = t.nodes[i];
+    node.kind = r.kind;
+    node.parent_index = r.parent_index;
+    node.player = r.player;
+    node.street = r.street;
+    node.value = r.value;
+    node.ev_boost = 0;
+    node.cell_mark[0] = node.cell_mark[1] = -1;
+
+    // Records are in pre-order, so the parent is complete already.
+    Node* parent = r.parent_index >= 0 ? &t.nodes[r.parent_index] : nullptr;
+    if (parent) {
+      parent->children.push_back(int32_t(i));
+      node.parent = parent;
+    }
+    if (r.kind != NODE_DECISION) {
+      if (parent) node.player = parent->player;
+      // All cards are dealt before a showdown; a fold ends where it happens.
+      node.street = r.kind == NODE_FOLD ? (parent ? parent->street : r.street) : 3;
+      t.max_payoff = std::max(t.max_payoff, std::fabs(node.value));
+    }
+
+    // Where a street begins, the subgames of its cards meet: the turn's first
+    // node locks per turn card, the first decisions keep their street records.
+    if (node.street == 2 && (!parent || parent->street < 2)) {
+      node.turn_locks = new std::mutex[TurnCardSlots];
+      if (node.kind == NODE_DECISION) {
+        node.street_records = new SubgameResults[1];
+        node.street_record_count = 1;
+      }
+    } else if (node.kind == NODE_DECISION && node.street == 3 && (!parent || parent->street < 3)) {
+      node.street_records = new SubgameResults[RiverCardSlots];
+      node.street_record_count = RiverCardSlots;
+    }
+    node.owns_extras = true;
+  }
+  for (const Node& node : t.nodes) {
+    if (node.children.empty()) continue;
+    t.action_max = std::max(t.action_max, int32_t(node.children.size()));
+    children_total += int64_t(node.children.size());
+    parents++;
+  }
+  t.action_average = parents ? double(children_total) / double(parents) : 0.0;
+  shell_print("#actions max %d avg %.2g\n", t.action_max, t.action_average);
+
+  if (use_isomorphism) t.flags |= ISOMORPHISM_ON;
+
+  RiverGroupIterations = 0;
+  MaxIterations = 9000;
+  StrategyExponent = 1.5;
+  StrategyWeightCap = 262143.0;
+  // A river game is short: later iterations get far more weight in the average.
+  if (!t.nodes.empty() && t.nodes[0].street == 3) {
+    StrategyExponent = 4.0;
+    StrategyWeightCap = DBL_MAX;
+  }
+  t.regret_scale = std::pow(2.0, Precision) * RegretScaleBase / t.max_payoff;
+
+  ActiveTree = tree.release();
+}
+
+// ---- Statistics ---------------------------------------------------------------
+
+// Card sequences that lead to a street: one flop, 49 turns, 49 x 48 rivers.
+static int64_t street_multiplicity(int32_t street) {
+  return street <= 1 ? 1 : street == 2 ? 49 : 2352;
+}
+
+// Lines added after a build can reach past the river; they count as river.
+static int32_t clamp_street(int32_t street) { return std::min(std::max(street, 1), 3); }
+
+NodeCounts count_nodes(const SchematicNode& root, int32_t start_street) {
+  NodeCounts c;
+  // Order doesn't matter to sums; a stack keeps deep lines off the call stack.
+  std::vector<const SchematicNode*> stack{&root};
+  while (!stack.empty()) {
+    const SchematicNode& node = *stack.back();
+    stack.pop_back();
+    int32_t s = clamp_street(start_street + node.street);
+    int64_t m = street_multiplicity(s);
+    if (!node.children.empty()) {
+      c.decisions[node.player & 1][s] += m;
+      c.decisions[node.player & 1][0] += m;
+      c.total += m;
+    }
+    for (const auto& entry : node.children) {
+      const SchematicNode& child = *entry.second;
+      if (child.street > node.street) {
+        c.splits[s] += m;
+        c.splits[0] += m;
+        c.total += m;
+      }
+      if (child.children.empty()) {
+        c.ends[s] += m;
+        c.ends[0] += m;
+        c.total += m;
+      }
+      stack.push_back(&child);
+    }
+  }
+  return c;
+}
+
+// ---- Module state ---------------------------------------------------------------
+
+void reset_tree_state() {
+  free_active_tree();
+  clear_schematic_tree();
+  StartStreet = 1;
+  StrategyExponent = 1.5;
+  StrategyWeightCap = 262143.0;
+  RiverGroupIterations = 0;
+  MaxIterations = 9000;
+}
+
+// ---- Commands -------------------------------------------------------------------
+
+void cmd_is_tree_present(const Tokens&) { shell_print("%s\n", TreePresent ? "true" : "false"); }
+
+void cmd_show_tree_params(const Tokens&) {
+  // The board as node printing shows it: flop cards in card order, then the
+  // turn and the river.
+  std::string board;
+  for (CardMask part : {BoardFlop, BoardTurn, BoardRiver}) {
+    for (int c = 0; c < 52; c++) {
+      if (!(part & CardBit(c))) continue;
+      if (!board.empty()) board += ' ';
+      board += card_text(Card(c));
+    }
+  }
+  shell_print("board: %s\n", board.c_str());
+  shell_print("pot: %g %g %g\n", 0.0, 0.0, StartPot);
+  shell_print("bet_sizes: \n");
+  shell_print("donk_bet: FALSE\n");
+  shell_print("END\n");
+}
+
+void cmd_show_settings(const Tokens&) { shell_print("END\n"); }
+
+void cmd_node_count(const Tokens&) {
+  if (!TreePresent) fail_command("missing/incorrect tree");
+  NodeCounts c = count_nodes(*SchematicRoot, StartStreet);
+  auto block = [](const char* title, const int64_t* counts) {
+    shell_print("%s: %lld\n", title, (long long)counts[0]);
+    shell_print("FLOP  %lld\n", (long long)counts[1]);
+    shell_print("TURN  %lld\n", (long long)counts[2]);
+    shell_print("RIVER  %lld\n", (long long)counts[3]);
+  };
+  block("H_DEC", c.decisions[1]);
+  block("V_DEC", c.decisions[0]);
+  block("SPLIT", c.splits);
+  block("END", c.ends);
+  shell_print("ROOT: 1\n");
+  shell_print("FLOP  %d\n", StartStreet == 1 ? 1 : 0);
+  shell_print("TURN  %d\n", StartStreet == 2 ? 1 : 0);
+  shell_print("RIVER %d\n", StartStreet == 3 ? 1 : 0);
+  shell_print("TOTAL: %lld\n", (long long)(c.total + 1));
+  shell_print("END\n");
+}
+
+void cmd_free_tree(const Tokens& t) {
+  // The solving thread walks the tree without a reference of its own.
+  if (SolverRunning) fail_command("Can't do that when solver is running");
+  free_active_tree();
+  print_ok(t);
+}

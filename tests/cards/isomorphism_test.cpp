@@ -1,0 +1,240 @@
+// Suit renaming: the canonical board naming, masks and pairs under a map, and
+// the translation of per-pair arrays between real and canonical suits,
+// checked against brute-force references over all suit permutations.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "cards/cards.h"
+
+namespace {
+
+struct Isomorphism : ::testing::Test {
+  static void SetUpTestSuite() {
+    build_card_tables();
+    ASSERT_TRUE(build_rank_tables());
+  }
+};
+
+std::vector<SuitMap> all_suit_maps() {
+  std::vector<SuitMap> maps;
+  std::array<uint8_t, 4> p = {0, 1, 2, 3};
+  do maps.push_back(SuitMap{{p[0], p[1], p[2], p[3]}});
+  while (std::next_permutation(p.begin(), p.end()));
+  return maps;
+}
+
+// Reference: the image card by card.
+CardMask map_by_cards(CardMask m, const SuitMap& map) {
+  CardMask out = 0;
+  for (int c = 0; c < 52; c++)
+    if (m & CardBit(c)) out |= CardBit(MakeCard(RankOf(Card(c)), map.to[SuitOf(Card(c))]));
+  return out;
+}
+
+int pair_of_mask(CardMask m) { return PairIndexOf(63 - __builtin_clzll(m), __builtin_ctzll(m)); }
+
+int suits_of(CardMask m) {
+  int used = 0;
+  for (int c = 0; c < 52; c++)
+    if (m & CardBit(c)) used |= 1 << SuitOf(Card(c));
+  return used;
+}
+
+bool is_permutation(const SuitMap& map) {
+  int seen = 0;
+  for (int s = 0; s < 4; s++) seen |= 1 << map.to[s];
+  return seen == 15;
+}
+
+TEST_F(Isomorphism, FlopNamingFollowsSuitCounts) {
+  // Qs Jh 2h: hearts (two cards) first, spades second.
+  CardMask flop = parse_cards("QsJh2h"), turn = 0, river = 0;
+  SuitMap map = canonicalise_board(flop, turn, river);
+  EXPECT_EQ(map.to[2], 0);
+  EXPECT_EQ(map.to[3], 1);
+  EXPECT_TRUE(is_permutation(map));
+  EXPECT_EQ(flop, CardBit(MakeCard(0, 0)) | CardBit(MakeCard(9, 0)) | CardBit(MakeCard(10, 1)));
+  EXPECT_EQ(turn, 0u);
+  EXPECT_EQ(river, 0u);
+
+  // One suit: it becomes suit 0 and the others follow in suit order.
+  flop = parse_cards("9h7h2h");
+  map = canonicalise_board(flop, turn, river);
+  EXPECT_EQ(map.to[2], 0);
+  EXPECT_EQ(map.to[0], 1);
+  EXPECT_EQ(map.to[1], 2);
+  EXPECT_EQ(map.to[3], 3);
+  EXPECT_EQ(flop, parse_cards("9c7c2c"));
+
+  // Rainbow: by the flop's cards in ascending number.
+  flop = parse_cards("2sKh9d");
+  map = canonicalise_board(flop, turn, river);
+  EXPECT_EQ(map.to[1], 0);
+  EXPECT_EQ(map.to[2], 1);
+  EXPECT_EQ(map.to[3], 2);
+  EXPECT_EQ(map.to[0], 3);
+  EXPECT_EQ(flop, parse_cards("9cKd2h"));
+}
+
+TEST_F(Isomorphism, TurnAndRiverTakeTheNextFreeSuits) {
+  // Flop of one suit (spades): a diamond turn becomes suit 1, a club river 2.
+  CardMask flop = parse_cards("AsKs2s"), turn = parse_cards("5d"), river = parse_cards("7c");
+  SuitMap map = canonicalise_board(flop, turn, river);
+  EXPECT_EQ(map.to[3], 0);
+  EXPECT_EQ(map.to[1], 1);
+  EXPECT_EQ(map.to[0], 2);
+  EXPECT_EQ(map.to[2], 3);
+  EXPECT_EQ(turn, parse_cards("5d"));
+  EXPECT_EQ(river, parse_cards("7h"));
+
+  // A turn of a flop suit leaves the free suits for the river.
+  flop = parse_cards("AsKs2d");
+  turn = parse_cards("5s");
+  river = parse_cards("7h");
+  map = canonicalise_board(flop, turn, river);
+  EXPECT_EQ(turn, parse_cards("5c"));
+  EXPECT_EQ(river, parse_cards("7h"));
+}
+
+TEST_F(Isomorphism, CanonicalBoardsUseTheLowestSuitsForEveryBoard) {
+  // Every flop, with a random turn and river: the map is a permutation, the
+  // masks are the images of the originals, and the suits in use are 0 .. u-1
+  // after the flop, after the turn and after the river.
+  std::mt19937 rng(7);
+  int flops = 0;
+  for (int a = 0; a < 52; a++)
+    for (int b = a + 1; b < 52; b++)
+      for (int c = b + 1; c < 52; c++) {
+        CardMask flop0 = CardBit(a) | CardBit(b) | CardBit(c);
+        int t = 0, r = 0;
+        do t = int(rng() % 52); while (flop0 & CardBit(t));
+        do r = int(rng() % 52); while ((flop0 | CardBit(t)) & CardBit(r));
+        CardMask flop = flop0, turn = CardBit(t), river = CardBit(r);
+        SuitMap map = canonicalise_board(flop, turn, river);
+        ASSERT_TRUE(is_permutation(map));
+        ASSERT_EQ(flop, map_by_cards(flop0, map));
+        ASSERT_EQ(turn, map_by_cards(CardBit(t), map));
+        ASSERT_EQ(river, map_by_cards(CardBit(r), map));
+        for (CardMask m : {flop, flop | turn, flop | turn | river}) {
+          int used = suits_of(m);
+          ASSERT_EQ(used & (used + 1), 0) << mask_text(flop0);  // a prefix 0 .. u-1
+        }
+        flops++;
+      }
+  EXPECT_EQ(flops, 22100);
+}
+
+TEST_F(Isomorphism, CanonicalFlopIsTheSameForRenamedFlopsOfOneOrTwoSuits) {
+  for (const char* text : {"9h7h2h", "QsJh2h", "AcAd5c", "KdKc2d"}) {
+    CardMask reference = parse_cards(text), t = 0, r = 0;
+    canonicalise_board(reference, t, r);
+    for (const SuitMap& m : all_suit_maps()) {
+      CardMask flop = map_by_cards(parse_cards(text), m);
+      canonicalise_board(flop, t, r);
+      EXPECT_EQ(flop, reference) << text;
+    }
+  }
+}
+
+TEST_F(Isomorphism, MasksPairsAndSwapsAgreeWithCardByCardImages) {
+  std::mt19937_64 rng(11);
+  for (const SuitMap& map : all_suit_maps()) {
+    for (int i = 0; i < 200; i++) {
+      CardMask m = rng() & ((CardMask(1) << 52) - 1);
+      ASSERT_EQ(apply_suit_map(m, map), map_by_cards(m, map));
+      ASSERT_EQ(apply_suit_map(apply_suit_map(m, map), inverse_suit_map(map)), m);
+    }
+    for (int p = 0; p < 1326; p++)
+      ASSERT_EQ(apply_suit_map_to_pair(p, map), pair_of_mask(map_by_cards(PairMasks[p], map)));
+    for (int c = 0; c < 52; c++)
+      ASSERT_EQ(CardBit(apply_suit_map(Card(c), map)), map_by_cards(CardBit(c), map));
+  }
+  for (int a = 0; a < 4; a++)
+    for (int b = 0; b < 4; b++) {
+      SuitMap swap = IdentitySuitMap;
+      swap.to[a] = uint8_t(b);
+      swap.to[b] = uint8_t(a);
+      for (int i = 0; i < 100; i++) {
+        CardMask m = rng() & ((CardMask(1) << 52) - 1);
+        ASSERT_EQ(swap_suits(m, a, b), map_by_cards(m, swap));
+      }
+    }
+}
+
+TEST_F(Isomorphism, RangeMappingMovesEachWeightToItsImage) {
+  std::mt19937 rng(3);
+  std::vector<double> in(1326), out(1326), back(1326);
+  for (auto& w : in) w = double(rng() % 1000) / 999.0;
+  for (const SuitMap& map : all_suit_maps()) {
+    map_range_to_canonical(in.data(), out.data(), map);
+    for (int p = 0; p < 1326; p++) ASSERT_EQ(out[size_t(pair_of_mask(map_by_cards(PairMasks[p], map)))], in[size_t(p)]);
+    // Undoing the map brings every pair back to its own weight.
+    undo_suit_map(out.data(), map, back.data());
+    ASSERT_EQ(back, in);
+  }
+}
+
+TEST_F(Isomorphism, ExpandedListsUndoTheQueryMap) {
+  // A board list over a random subset of canonical pairs; each real pair gets
+  // the entry of its canonical image, absent ones the fill value.
+  std::mt19937 rng(5);
+  std::vector<uint16_t> position(1326, NoPosition);
+  std::vector<float> list;
+  std::vector<double> list_d;
+  for (int p = 0; p < 1326; p++)
+    if (rng() % 3) {
+      position[size_t(p)] = uint16_t(list.size());
+      list.push_back(float(rng() % 100) + 0.5f);
+      list_d.push_back(double(list.back()));
+    }
+  std::vector<double> out(1326), out_d(1326);
+  for (const SuitMap& map : all_suit_maps()) {
+    expand_board_list(list.data(), position.data(), map, std::nan(""), out.data());
+    expand_board_list(list_d.data(), position.data(), map, -2.0, out_d.data());
+    for (int p = 0; p < 1326; p++) {
+      int image = pair_of_mask(map_by_cards(PairMasks[p], map));
+      uint16_t pos = position[size_t(image)];
+      if (pos == NoPosition) {
+        ASSERT_TRUE(std::isnan(out[size_t(p)]));
+        ASSERT_EQ(out_d[size_t(p)], -2.0);
+      } else {
+        ASSERT_EQ(out[size_t(p)], double(list[pos]));
+        ASSERT_EQ(out_d[size_t(p)], list_d[pos]);
+      }
+    }
+  }
+}
+
+TEST_F(Isomorphism, QueryCardsInAnyFreeSuitFindTheRepresentative) {
+  // Flop Qs Jh 2h leaves clubs and diamonds free; a turn in either becomes
+  // the first free suit (2), and the maps differ only by those two suits.
+  CardMask flop = parse_cards("QsJh2h");
+  CanonicalCards club = canonicalise_query(flop, MakeCard(3, 0), -1, true);
+  CanonicalCards diamond = canonicalise_query(flop, MakeCard(3, 1), -1, true);
+  EXPECT_EQ(club.turn, MakeCard(3, 2));
+  EXPECT_EQ(diamond.turn, MakeCard(3, 2));
+  EXPECT_EQ(club.river, -1);
+  for (int s = 2; s < 4; s++) EXPECT_EQ(club.map.to[s], diamond.map.to[s]);
+  EXPECT_EQ(club.map.to[0], diamond.map.to[1]);
+  EXPECT_EQ(club.map.to[1], diamond.map.to[0]);
+
+  // A river in the last free suit becomes the first suit free after the turn.
+  CanonicalCards both = canonicalise_query(flop, MakeCard(3, 0), MakeCard(8, 1), true);
+  EXPECT_EQ(both.turn, MakeCard(3, 2));
+  EXPECT_EQ(both.river, MakeCard(8, 3));
+  CanonicalCards same_suit = canonicalise_query(flop, MakeCard(3, 0), MakeCard(8, 0), true);
+  EXPECT_EQ(same_suit.river, MakeCard(8, 2));
+
+  // Without isomorphism the cards stay and the map is the identity.
+  CanonicalCards plain = canonicalise_query(flop, MakeCard(3, 0), MakeCard(8, 1), false);
+  EXPECT_EQ(plain.turn, MakeCard(3, 0));
+  EXPECT_EQ(plain.river, MakeCard(8, 1));
+  for (int s = 0; s < 4; s++) EXPECT_EQ(plain.map.to[s], s);
+}
+
+}  // namespace

@@ -1,0 +1,177 @@
+// Hole sets under suit isomorphism against the same board built card by
+// card: every real turn and river, renamed onto its representative, must
+// have the same hands with the same strengths, and the parent mappings of
+// the variants must lead back to the same root hands.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "shell/shell.h"
+#include "tree/board_tree.h"
+
+namespace {
+
+int pair_of(CardMask m) { return PairIndexOf(63 - __builtin_clzll(m), __builtin_ctzll(m)); }
+
+// Weights equal within each starting-hand shape, so symmetric in all suits;
+// about one shape in six left out.
+std::vector<double> symmetric_range(uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::vector<double> r(1326, 0.0);
+  for (const auto& bucket : ShapeBuckets) {
+    double w = rng() % 6 == 0 ? 0.0 : double(rng() % 1000 + 1) / 1000.0;
+    for (uint16_t p : bucket) r[p] = w;
+  }
+  return r;
+}
+
+std::unique_ptr<BoardTree> build(CardMask flop, const std::vector<double>& r0, const std::vector<double>& r1,
+                                 bool iso) {
+  BoardSetup setup;
+  setup.flop = flop;
+  setup.ranges[0] = r0.data();
+  setup.ranges[1] = r1.data();
+  setup.use_isomorphism = iso;
+  setup.action_max = 2;
+  return build_board_tree(setup);
+}
+
+// The record of `card` among the children of a canonical board with `used`
+// suits, and the suit exchange that maps the real card onto it.
+struct Representative {
+  const BoardRecord* record;
+  int variant;
+  int suit_a, suit_b;  // exchanged suits (equal: none)
+};
+
+Representative find_representative(const std::vector<BoardRecord>& children, const uint16_t card_child[52],
+                                   int card) {
+  if (card_child[card] != NoPosition) return {&children[card_child[card]], 0, 0, 0};
+  int used = 0;
+  CardMask board = children.front().board & ~CardBit(children.front().card);
+  for (int s = 0; s < 4; s++)
+    if ((board >> (13 * s)) & 0x1FFF) used = s + 1;
+  int rep = MakeCard(RankOf(Card(card)), used);
+  EXPECT_NE(card_child[rep], NoPosition) << card_text(Card(card));
+  return {&children[card_child[rep]], SuitOf(Card(card)) - used, used, SuitOf(Card(card))};
+}
+
+struct IsomorphicBoards : ::testing::TestWithParam<const char*> {
+  static void SetUpTestSuite() {
+    build_card_tables();
+    ASSERT_TRUE(build_rank_tables());
+    reset_game_state();
+  }
+};
+
+TEST_P(IsomorphicBoards, EveryRealCardAgreesWithItsRepresentative) {
+  std::vector<double> r0 = symmetric_range(17), r1 = symmetric_range(29);
+  auto iso = build(parse_cards(GetParam()), r0, r1, true);
+  ASSERT_TRUE(iso->isomorphic);
+  // Built card by card on the canonical flop; the ranges need no renaming.
+  auto plain = build(iso->board, r0, r1, false);
+  ASSERT_EQ(iso->holes, plain->holes);
+
+  // Variants add up to the real cards.
+  int turn_cards = 0;
+  for (const BoardRecord& t : iso->children) {
+    turn_cards += t.variants;
+    int river_cards = 0;
+    for (const BoardRecord& r : t.children) river_cards += r.variants;
+    EXPECT_EQ(river_cards, 48);
+  }
+  EXPECT_EQ(turn_cards, 49);
+  EXPECT_LE(iso->children.size(), plain->children.size());
+
+  int rivers_checked = 0;
+  for (const BoardRecord& real_turn : plain->children) {
+    Representative t = find_representative(iso->children, iso->cardChild, real_turn.card);
+    const BoardRecord& rep_turn = *t.record;
+    ASSERT_LT(t.variant, rep_turn.variants);
+    auto turn_swap = [&](CardMask m) { return swap_suits(m, t.suit_a, t.suit_b); };
+    ASSERT_EQ(rep_turn.board, turn_swap(real_turn.board));
+
+    // The same hands with the same strengths, and variant t.variant of each
+    // representative hand leads to the real hand in the root list.
+    ASSERT_EQ(rep_turn.holes.size(), real_turn.holes.size());
+    for (size_t j = 0; j < real_turn.holes.size(); j++) {
+      CardMask h = real_turn.holes[j];
+      uint16_t pos = rep_turn.pairPosition[size_t(pair_of(turn_swap(h)))];
+      ASSERT_NE(pos, NoPosition);
+      ASSERT_EQ(rep_turn.strength[pos], real_turn.strength[j]);
+      ASSERT_EQ(iso->holes[rep_turn.parentPosition[size_t(t.variant)][pos]], h);
+      ASSERT_EQ(plain->holes[real_turn.parentPosition[0][j]], h);
+    }
+
+    for (const BoardRecord& real_river : real_turn.children) {
+      // Rename the river onto the representative turn, then onto its own
+      // representative there.
+      int renamed = __builtin_ctzll(turn_swap(CardBit(real_river.card)));
+      Representative r = find_representative(rep_turn.children, rep_turn.cardChild, renamed);
+      const BoardRecord& rep_river = *r.record;
+      ASSERT_LT(r.variant, rep_river.variants);
+      auto river_swap = [&](CardMask m) { return swap_suits(turn_swap(m), r.suit_a, r.suit_b); };
+      ASSERT_EQ(rep_river.board, river_swap(real_river.board));
+      ASSERT_EQ(rep_river.holes.size(), real_river.holes.size());
+      for (size_t j = 0; j < real_river.holes.size(); j++) {
+        CardMask h = real_river.holes[j];
+        uint16_t pos = rep_river.pairPosition[size_t(pair_of(river_swap(h)))];
+        ASSERT_NE(pos, NoPosition);
+        ASSERT_EQ(rep_river.strength[pos], real_river.strength[j]);
+        // River variant, then turn variant, lead back to the real hand.
+        uint16_t in_turn = rep_river.parentPosition[size_t(r.variant)][pos];
+        ASSERT_EQ(rep_turn.holes[in_turn], turn_swap(h));
+        ASSERT_EQ(iso->holes[rep_turn.parentPosition[size_t(t.variant)][in_turn]], h);
+        uint16_t plain_turn = real_river.parentPosition[0][j];
+        ASSERT_EQ(plain->holes[real_turn.parentPosition[0][plain_turn]], h);
+      }
+      // Runs of equal strength are the same on both boards.
+      ASSERT_EQ(rep_river.groups, real_river.groups);
+      rivers_checked++;
+    }
+  }
+  EXPECT_EQ(rivers_checked, 49 * 48);
+}
+
+// One suit, two suits, three suits, a paired flop of two suits and trips.
+INSTANTIATE_TEST_SUITE_P(Flops, IsomorphicBoards,
+                         ::testing::Values("9h7h2h", "QsJh2h", "Ks8d3c", "7c7d2c", "8s8d8c"));
+
+struct IsomorphicCardLists : ::testing::Test {
+  static void SetUpTestSuite() {
+    build_card_tables();
+    ASSERT_TRUE(build_rank_tables());
+    reset_game_state();
+  }
+};
+
+TEST_F(IsomorphicCardLists, VariantsFollowTheFreeSuits) {
+  std::vector<double> r(1326, 1.0);
+  struct Case {
+    const char* flop;
+    int used;
+  };
+  for (Case c : {Case{"9h7h2h", 1}, Case{"QsJh2h", 2}, Case{"Ks8d3c", 3}}) {
+    auto t = build(parse_cards(c.flop), r, r, true);
+    std::map<int, int> by_variants;
+    for (const BoardRecord& turn : t->children) {
+      by_variants[turn.variants]++;
+      ASSERT_LE(SuitOf(Card(turn.card)), c.used);  // nothing in the later free suits
+      if (turn.variants > 1) ASSERT_EQ(SuitOf(Card(turn.card)), c.used);
+    }
+    std::map<int, int> expected{{1, 13 * c.used - 3}};
+    expected[4 - c.used] += 13;
+    EXPECT_EQ(by_variants, expected) << c.flop;
+  }
+  // A free suit's other cards have no record of their own.
+  auto two = build(parse_cards("QsJh2h"), r, r, true);
+  for (int rank = 0; rank < 13; rank++) {
+    EXPECT_EQ(two->cardChild[MakeCard(rank, 3)], NoPosition);
+    EXPECT_NE(two->cardChild[MakeCard(rank, 2)], NoPosition);
+  }
+}
+
+}  // namespace
