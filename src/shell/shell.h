@@ -156,3 +156,25 @@ void cmd_disconnect(const Tokens& t);
 
 // Runs a script file line by line through process_line.
 void run_script_file(const std::string& path);
+
+// ---- Node paths -----------------------------------------------------------
+struct SchematicNode;
+
+// A situation of the game: a point of the line tree with the cards so far.
+struct NodePath {
+  SchematicNode* node = nullptr;  // none for the path "r"
+  int32_t turn_card = -1;
+  int32_t river_card = -1;
+  bool at_split = false;  // ended on the action that closed a street, before the card
+};
+
+// Needs a tree; "incorrect path" for anything the tree doesn't hold.
+NodePath parse_path(const std::string& text);
+NodePath parent_ref(const NodePath& ref);
+// Absolute street of a schematic node (1 flop .. 3 river).
+int32_t absolute_street(const SchematicNode* node);
+
+void cmd_show_node(const Tokens& t);
+void cmd_show_children(const Tokens& t);
+void cmd_set_ev_boost(const Tokens& t);
+void cmd_cut_line(const Tokens& t);

@@ -167,13 +167,16 @@ class FseDecoder final : public RowDecoder {
  private:
   ChannelSource source;
   uint8_t* buffer[CodecChannelCount] = {};
-  uint32_t position[CodecChannelCount] = {};
-  uint32_t size[CodecChannelCount] = {};  // bytes of the current block
+  // Read cursor and end of each channel's current block; equal when a refill
+  // is due. Pointers rather than counts, so that stores of decoded values
+  // can't be taken as changing them.
+  const uint8_t* cursor[CodecChannelCount] = {};
+  const uint8_t* end[CodecChannelCount] = {};
   uint8_t* coded = nullptr;
 
   inline uint8_t get(int c) {
-    if (position[c] == size[c]) refill(c);
-    return buffer[c][position[c]++];
+    if (cursor[c] == end[c]) refill(c);
+    return *cursor[c]++;
   }
 
   void read_exact(int c, uint8_t* dst, size_t n) {
@@ -200,8 +203,8 @@ class FseDecoder final : public RowDecoder {
     } else {
       read_exact(c, buffer[c], source_size);
     }
-    position[c] = 0;
-    size[c] = source_size;
+    cursor[c] = buffer[c];
+    end[c] = buffer[c] + source_size;
   }
 
   // Entropy stage: fills t[0 .. count) (and up to 7 entries beyond) with the

@@ -57,11 +57,8 @@ struct BitWriter {
     acc |= uint64_t(value) << count;
     count += bits;
     while (count >= 8) {
-      if (out == end) {
-        overflow = true;
-        return;
-      }
-      *out++ = uint8_t(acc);
+      if (out == end) overflow = true;  // bits are dropped from here on
+      else *out++ = uint8_t(acc);
       acc >>= 8;
       count -= 8;
     }

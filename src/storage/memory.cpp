@@ -105,6 +105,9 @@ struct ThreadPool {
       }
     }
     empty_row_pool(pool);
+    // Rows released later on this thread go to the allocator.
+    registered = false;
+    pool.block_size = -1;
   }
 };
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <string>
 
 static constexpr int ParentIndexBits = 11;  // positions in a list stay below 1326 < 2048
@@ -216,19 +217,28 @@ void SetHoles(BoardTree& root, const double* const ranges[2]) {
   root.childHoleCount.assign(size_t(children), 0);
   root.childRiverCounts.assign(size_t(children), {});
   // Each iteration writes only its own record and its own slots of the root.
+  // An exception can't leave a parallel region, so the first one (running out
+  // of memory) is carried out and raised behind it.
+  std::exception_ptr failure;
 #pragma omp parallel
   {
     SortScratch scratch;
 #pragma omp for schedule(dynamic, 1)
     for (int c = 0; c < children; c++) {
-      BoardRecord& turn = root.children[size_t(c)];
-      sort_board(root.holes, root.pairPosition, turn, scratch);
-      for (BoardRecord& river : turn.children) sort_board(turn.holes, turn.pairPosition, river, scratch);
-      turn.childHoleCount = hole_counts(turn.children);
-      root.childHoleCount[size_t(c)] = int32_t(turn.holes.size());
-      root.childRiverCounts[size_t(c)] = turn.childHoleCount;
+      try {
+        BoardRecord& turn = root.children[size_t(c)];
+        sort_board(root.holes, root.pairPosition, turn, scratch);
+        for (BoardRecord& river : turn.children) sort_board(turn.holes, turn.pairPosition, river, scratch);
+        turn.childHoleCount = hole_counts(turn.children);
+        root.childHoleCount[size_t(c)] = int32_t(turn.holes.size());
+        root.childRiverCounts[size_t(c)] = turn.childHoleCount;
+      } catch (...) {
+#pragma omp critical(SetHolesFailure)
+        if (!failure) failure = std::current_exception();
+      }
     }
   }
+  if (failure) std::rethrow_exception(failure);
 }
 
 ActionLayout make_action_layout(const BoardTree& tree, int32_t actions) {

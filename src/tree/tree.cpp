@@ -129,7 +129,25 @@ void make_tree(const std::vector<LineRecord>& records, const Card flop[3], int t
   t.action_average = parents ? double(children_total) / double(parents) : 0.0;
   shell_print("#actions max %d avg %.2g\n", t.action_max, t.action_average);
 
-  if (use_isomorphism) t.flags |= ISOMORPHISM_ON;
+  // The per-board hole sets: every board below the root with its live hands.
+  BoardSetup setup;
+  setup.flop = t.flop_board;
+  setup.turn = turn;
+  setup.river = river;
+  setup.ranges[0] = t.ranges[0];
+  setup.ranges[1] = t.ranges[1];
+  setup.use_isomorphism = use_isomorphism;
+  setup.action_max = t.action_max;
+  setup.last_street = 1;
+  for (const Node& node : t.nodes) setup.last_street = std::max(setup.last_street, node.street);
+  std::unique_ptr<BoardTree> boards = build_board_tree(setup);
+  for (int p = 0; p < 2; p++) {
+    t.reach_weights[p] = boards->reach_weights[p];
+    t.norm_weights[p] = boards->norm_weights[p];
+    t.max_range_weight[p] = boards->max_range_weight[p];
+  }
+  if (boards->isomorphic) t.flags |= ISOMORPHISM_ON;
+  t.boards = boards.release();
 
   RiverGroupIterations = 0;
   MaxIterations = 9000;

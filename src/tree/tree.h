@@ -11,7 +11,9 @@
 
 #include "cards/cards.h"
 #include "shell/shell.h"
+#include "platform/platform.h"
 #include "storage/arena.h"
+#include "storage/store.h"
 
 // ---- Schematic tree ---------------------------------------------------------
 struct SchematicNode;
@@ -29,7 +31,7 @@ struct SchematicNode {
   int32_t player = 0;  // who acts here
   int32_t street = 0;  // counted from the game's first street, from 0
   int32_t raises = 0;  // bets and raises so far on this street
-  int32_t index = 0;   // position in the flat list; valid only after a build
+  int32_t index = -1;  // position in the flat list; -1 until a build covers the node
   double amount = 0;   // betting level reached by the action that led here
   double invested[2] = {0, 0};  // per player since the start, StartPot not included
 
@@ -146,6 +148,8 @@ struct Tree {
   int32_t strategy_level = 0;
   int64_t store_values[4] = {0, 0, 0, 0};  // by absolute street 1..3
   int64_t store_bytes[4] = {0, 0, 0, 0};
+  bool stores_ready = false;  // every store has been materialised
+  std::unique_ptr<StoreShapeTable> shapes;  // river layouts the stores were made with
 };
 
 // The one built tree, or null; owned here and freed only by free_active_tree.
@@ -187,7 +191,31 @@ NodeCounts count_nodes(const SchematicNode& root, int32_t start_street);
 // Everything of this module back to its start state (for tests).
 void reset_tree_state();
 
+// ---- Building and storage planning ------------------------------------------
+extern int32_t CompressionSetting;  // asked for; -1 = auto
+extern int32_t ActualCompression;   // in force for the present tree
+const char* compression_word(int32_t level);
+StoragePair compression_pair(int32_t level);
+// A level word or a decimal integer, clamped to -1 .. 5.
+int32_t parse_compression_level(const std::string& text);
+// The automatic choice from the uncompressed size and the free memory.
+int32_t choose_compression_level(int64_t uncompressed, uint64_t total_physical, uint32_t load_percent,
+                                 CardMask flop);
+extern MemoryStatus (*CompressionMemoryStatus)();
+int32_t automatic_compression_level();
+// Rebuilds every store of ActiveTree for the pair; all solving work is lost.
+void planStorage(StoragePair pair);
+std::vector<int64_t> store_totals();
+// Installed by the solver: empties its report list when storage is replanned.
+extern void (*ResetReportLog)();
+
+// The shared build driver of build_tree and cut_line.
+void build_game(bool plan_storage);
+
 // ---- Commands ---------------------------------------------------------------
+void cmd_build_tree(const Tokens& t);
+void cmd_set_compression(const Tokens& t);  // also ai6_set_compression
+void cmd_get_actual_compression(const Tokens& t);
 void cmd_add_line(const Tokens& t);
 void cmd_force_line(const Tokens& t);
 void cmd_remove_line(const Tokens& t);

@@ -274,10 +274,12 @@ TEST(ArenaPacked, LoadOfTruncatedRegionFails) {
 }
 
 TEST(ArenaPacked, WorstCasePromisesExhaustReservation) {
-  // 4000 values reserve 4 bytes each (16384 bytes), but each row promises 5.
-  ChildOutcome r = run_in_child([] {
+  // 4000 values reserve 4 bytes each (16384 bytes). Rows of 1000 wide values
+  // produce 4032 bytes each, 16128 in all, which would fit; but every row
+  // promises 5000 more, and the fourth promise passes the reservation.
+  std::vector<uint32_t> row(1000, 100000);
+  ChildOutcome r = run_in_child([&] {
     PackedArena a(4000, 4);
-    std::vector<uint32_t> row(1000, 0);
     a.begin_write();
     for (int i = 0; i < 4; i++) a.write_row32(row.data(), nullptr, 1000);
     a.end_write();
@@ -285,13 +287,19 @@ TEST(ArenaPacked, WorstCasePromisesExhaustReservation) {
   EXPECT_TRUE(r.exited);
   EXPECT_EQ(r.code, 1);
   EXPECT_EQ(r.out, "out of memory (not enough reserved)\n");
-  // Three rows fit.
   PackedArena a(4000, 4);
-  std::vector<uint32_t> row(1000, 0);
   a.begin_write();
   for (int i = 0; i < 3; i++) a.write_row32(row.data(), nullptr, 1000);
-  a.end_write();
   EXPECT_EQ(a.limit, 15000);
+  EXPECT_EQ(a.position, 3 * 4032);
+  a.end_write();
+  // Small values grow the promise only when the cursor needs it.
+  PackedArena b(4000, 4);
+  std::vector<uint32_t> zeros(1000, 0);
+  b.begin_write();
+  for (int i = 0; i < 4; i++) b.write_row32(zeros.data(), nullptr, 1000);
+  b.end_write();
+  EXPECT_EQ(b.limit, 10000);
 }
 
 // ---- EntropyArena -------------------------------------------------------------------
@@ -350,36 +358,39 @@ TEST(ArenaEntropy, RegionHoldsChannelsBackToBack) {
 }
 
 TEST(ArenaEntropy, ChannelBuffersGrowInStepsAndAreRecycled) {
-  // Enough rows that channel 1 (masks) passes 64 KiB.
-  RowSet s = make_rows(54, 600, 1326, 1326, 2000);
-  EntropyArena a(int64_t(600) * 1326 * 2);
-  size_t idle_before = idle_channel_buffers();
-  a.begin_write();
-  ASSERT_NE(a.channel_buffers, nullptr);
-  EXPECT_EQ(idle_channel_buffers(), idle_before > 0 ? idle_before - 1 : 0);
-  for (size_t r = 0; r < s.rows32.size(); r++)
-    a.write_row32(s.rows32[r].data(), nullptr, int(s.rows32[r].size()));
-  ChannelBuffers* b = a.channel_buffers;
-  for (int c = 0; c < ChannelCount; c++) {
-    uint32_t step = (c == 1 || c == 17) ? 65536 : 16384;
-    EXPECT_EQ(b->capacity[c] % step, 0u) << "channel " << c;
-    EXPECT_GE(int64_t(b->capacity[c]), a.channel_size[c]);
-    // Capacity is the high-water length rounded up to the step.
-    EXPECT_EQ(b->capacity[c], (uint32_t(a.channel_size[c]) + step - 1) / step * step) << c;
-    if (b->capacity[c]) {
-      EXPECT_NE(b->data[c], nullptr);
-      EXPECT_EQ(reinterpret_cast<uintptr_t>(b->data[c]) % 16, 0u);
+  RowSet s = make_rows(54, 600, 1326, 1326, 100000);
+  EntropyArena a(int64_t(600) * 1326 * 4);
+  // A fresh thread starts with an empty stack, so the capacities show the steps.
+  std::thread t([&] {
+    EXPECT_EQ(idle_channel_buffers(), 0u);
+    write_all(a, s, true);
+    ASSERT_EQ(idle_channel_buffers(), 1u);
+    ChannelBuffers* b = take_channel_buffers();
+    int steps_seen = 0;
+    for (int c = 0; c < ChannelCount; c++) {
+      uint32_t step = (c == 1 || c == 17) ? 65536 : 16384;
+      // The high-water length rounded up to the channel's step.
+      EXPECT_EQ(b->capacity[c], (uint32_t(a.channel_position[c]) + step - 1) / step * step)
+          << "channel " << c;
+      if (a.channel_position[c] > 16384) steps_seen++;
+      if (b->capacity[c]) {
+        EXPECT_NE(b->data[c], nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(b->data[c]) % 16, 0u);
+      }
     }
-  }
-  a.end_write();
-  EXPECT_EQ(a.channel_buffers, nullptr);
-  EXPECT_EQ(idle_channel_buffers(), idle_before > 0 ? idle_before : 1);
-  // The next pass on this thread takes the same instance, buffers and all.
-  EntropyArena other(10000);
-  other.begin_write();
-  EXPECT_EQ(other.channel_buffers, b);
-  EXPECT_GT(other.channel_buffers->capacity[1], 0u);
-  other.end_write();
+    EXPECT_GT(steps_seen, 0);  // some channel grew more than once
+    EXPECT_GT(b->capacity[1], 0u);
+    give_channel_buffers(b);
+    // The next pass on this thread takes the same instance, buffers and all.
+    EntropyArena other(10000);
+    other.begin_write();
+    EXPECT_EQ(other.channel_buffers, b);
+    EXPECT_EQ(idle_channel_buffers(), 0u);
+    other.end_write();
+    EXPECT_EQ(other.channel_buffers, nullptr);
+    EXPECT_EQ(idle_channel_buffers(), 1u);
+  });
+  t.join();
   read_and_check(a, s, true);
 }
 
@@ -483,9 +494,15 @@ TEST(ArenaEntropy, FatalPaths) {
   EXPECT_EQ(r.out, "fail\n");
   // Worst cases of hard-to-compress rows pass the 2-bytes-a-value reservation.
   r = run_in_child([] {
-    RowSet s = make_rows(60, 20, 1326, 1326, 0xFFFFFFF);
+    std::mt19937 rng(60);
+    std::vector<uint32_t> row(1326);
     EntropyArena a(20 * 1326);
-    write_all(a, s, true);
+    a.begin_write();
+    for (int r = 0; r < 20; r++) {
+      for (auto& v : row) v = rng();
+      a.write_row32(row.data(), nullptr, 1326);
+    }
+    a.end_write();
   });
   EXPECT_TRUE(r.exited);
   EXPECT_EQ(r.code, 1);

@@ -175,3 +175,56 @@ TEST_F(IsomorphicCardLists, VariantsFollowTheFreeSuits) {
 }
 
 }  // namespace
+
+namespace {
+
+HandValue value_on(CardMask board, CardMask hand) {
+  Card cards[7];
+  int n = 0;
+  for (CardMask m = board | hand; m; m &= m - 1) cards[n++] = Card(__builtin_ctzll(m));
+  return evaluate_cards(cards, n);
+}
+
+TEST_F(IsomorphicCardLists, QueriesInRealCardsFindTheirBoardAndExpandBack) {
+  // The user's flop in its own naming; every real turn, and the rivers below
+  // every third one, are found through the query's renaming, and a per-hand
+  // list of the board expanded back gives each real pair its real value.
+  std::vector<double> r0 = symmetric_range(41), r1 = symmetric_range(43);
+  const CardMask flop = parse_cards("QsJh2h");
+  auto tree = build(flop, r0, r1, true);
+  std::vector<double> strength, expanded(1326);
+  auto check = [&](const BoardRecord& rec, CardMask real_board, const SuitMap& map) {
+    ASSERT_EQ(rec.board, apply_suit_map(real_board, map));
+    strength.assign(rec.strength.begin(), rec.strength.end());
+    expand_board_list(strength.data(), rec.pairPosition.data(), map, -1.0, expanded.data());
+    for (int p = 0; p < 1326; p++) {
+      bool live = !(PairMasks[p] & real_board) && (r0[size_t(p)] > 0 || r1[size_t(p)] > 0);
+      double expected = live ? double(value_on(real_board, PairMasks[p])) : -1.0;
+      ASSERT_EQ(expanded[size_t(p)], expected) << pair_text(p);
+    }
+  };
+  for (int turn = 0; turn < 52; turn++) {
+    if (flop & CardBit(turn)) continue;
+    CanonicalCards q = canonicalise_query(flop, turn, -1, true);
+    int32_t turn_cell, river_cell;
+    ASSERT_TRUE(find_board_cells(*tree, q.turn, q.river, turn_cell, river_cell));
+    ASSERT_EQ(river_cell, -1);
+    check(tree->children[size_t(turn_cell)], flop | CardBit(turn), q.map);
+    if (HasFatalFailure() || turn % 3) continue;
+    for (int river = 0; river < 52; river++) {
+      if ((flop | CardBit(turn)) & CardBit(river)) continue;
+      q = canonicalise_query(flop, turn, river, true);
+      ASSERT_TRUE(find_board_cells(*tree, q.turn, q.river, turn_cell, river_cell));
+      BoardView view = board_view(*tree, turn_cell, river_cell);
+      ASSERT_NE(view.record, nullptr);
+      check(*view.record, flop | CardBit(turn) | CardBit(river), q.map);
+      if (HasFatalFailure()) return;
+    }
+  }
+  // Board cards have no record.
+  int32_t t, r;
+  CanonicalCards q = canonicalise_query(flop, __builtin_ctzll(parse_cards("Qs")), -1, true);
+  EXPECT_FALSE(find_board_cells(*tree, q.turn, q.river, t, r));
+}
+
+}  // namespace

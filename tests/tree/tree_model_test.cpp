@@ -1,3 +1,4 @@
+#include <algorithm>
 // The built tree's records, their extras at street starts, destruction, the
 // node statistics against counts derived by hand, and the report commands.
 #include <gtest/gtest.h>
@@ -101,8 +102,9 @@ TEST_F(TreeModel, NewTreeStartsWithItsFixedState) {
   EXPECT_EQ(t.flags, uint32_t(NEW_TREE));
   EXPECT_EQ(t.average_policy, 1);
   EXPECT_TRUE(t.river_average_now);
-  EXPECT_EQ(t.max_range_weight[0], 1.0);
-  EXPECT_EQ(t.max_range_weight[1], 1.0);
+  // The hole sets replace the start value 1.0 by each range's largest weight.
+  for (int p = 0; p < 2; p++)
+    EXPECT_EQ(t.max_range_weight[p], *std::max_element(t.ranges[p], t.ranges[p] + HandCount));
   EXPECT_EQ(t.iteration, 0);
   EXPECT_EQ(t.flop_board, CardBit(MakeCard(10, 3)) | CardBit(MakeCard(9, 2)) | CardBit(MakeCard(0, 2)));
   EXPECT_EQ(t.board, t.flop_board);

@@ -3,6 +3,7 @@
 // of floats, which the compiler vectorises as far as the baseline allows).
 #include "solver/kernels/kernels.h"
 
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 
@@ -144,6 +145,7 @@ void compute_group_masks(uint16_t* masks, const float* reach, int32_t count, con
   }
   // One bit per hand, then each short run's bits cut out of it; the padding
   // lets an 8-byte read start at any run.
+  assert(count <= MaxRiverHands);
   alignas(64) uint8_t bits[(MaxRiverHands + 7) / 8 + 16];
   memset(bits, 0, sizeof bits);
   kernels().reach_bits(bits, reach, count);
@@ -169,12 +171,14 @@ void fold_value(float* out, const float* reach, int32_t count, const uint16_t* p
 
 void showdown_value(float* out, const float* reach, int32_t count, const RiverGroups& groups,
                     const uint16_t* packed, float value) {
+  assert(count <= MaxRiverHands);
   kernels().showdown(out, reach, count, groups, packed, value);
 }
 
 void showdown_and_fold(float* out_showdown, float* out_fold, const float* reach, int32_t count,
                        const RiverGroups& groups, const uint16_t* packed, float showdown_value,
                        float fold_value) {
+  assert(count <= MaxRiverHands);
   const KernelSet& k = kernels();
   if (!reach) {
     zero_floats(out_showdown, count);
@@ -188,6 +192,7 @@ void showdown_and_fold(float* out_showdown, float* out_fold, const float* reach,
 void showdown_and_fold2(float* out_showdown, float* out_fold, const float* reach_showdown,
                         const float* reach_fold, int32_t count, const RiverGroups& groups,
                         const uint16_t* packed, float showdown_value, float fold_value) {
+  assert(count <= MaxRiverHands);
   const KernelSet& k = kernels();
   if (!reach_showdown || !reach_fold) {
     k.showdown(out_showdown, reach_showdown, count, groups, packed, showdown_value);
@@ -246,6 +251,7 @@ int32_t fold_batch_width(int32_t left) {
 void showdown_value_lanes(int32_t width, float* const* out, const float* const* reach,
                           const float* values, int32_t count, const RiverGroups& groups,
                           const uint16_t* packed) {
+  assert(count <= MaxRiverHands);
   auto rest = [&](float* const* o, const float* const* r, const float* v, int32_t m) {
     showdown_value_batch(o, r, v, m, count, groups, packed);
   };

@@ -151,7 +151,7 @@ struct AvxRows4 {
 };
 
 // One bit per hand from 8 reach values at a time.
-void avx_reach_bits(uint8_t* bits, const float* reach, int32_t count) {
+inline void avx_reach_bits(uint8_t* bits, const float* reach, int32_t count) {
   const __m256 zero = _mm256_setzero_ps();
   int32_t i = 0;
   for (; i + 8 <= count; i += 8)

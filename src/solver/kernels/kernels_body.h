@@ -51,6 +51,35 @@ inline void push_run(RunRecord* rec, int32_t& nrec, int32_t entries, int32_t len
   }
 }
 
+// Visits k in [e, e + cnt) in four interleaved streams, f(k, stream).
+// Neighbouring entries of a run often share a card; visited back to back,
+// every card update would wait for the store of the one before.
+template <class F>
+inline void visit_spread(int32_t e, int32_t cnt, F f) {
+  int32_t q = cnt >> 2;
+  for (int32_t s = 0; s < q; ++s) {
+    f(e + s, 0);
+    f(e + q + s, 1);
+    f(e + 2 * q + s, 2);
+    f(e + 3 * q + s, 3);
+  }
+  for (int32_t k = e + 4 * q; k < e + cnt; ++k) f(k, 0);
+}
+
+// Adds sign x t of entries [e, e + cnt) to the card sums and returns their
+// sum; the same entries give the same sum, bit for bit, on every call.
+template <int Sign>
+inline float add_entries(float* cs, const float* et, const uint16_t* ep, int32_t e, int32_t cnt) {
+  float part[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+  visit_spread(e, cnt, [&](int32_t k, int s) {
+    float t = et[k];
+    cs[card_lo(ep[k])] += Sign * t;
+    cs[card_hi(ep[k])] += Sign * t;
+    part[s] += t;
+  });
+  return (part[0] + part[1]) + (part[2] + part[3]);
+}
+
 // ---- One terminal -------------------------------------------------------------
 
 // Per-card sums and total of value x reach over the hands with reach > 0.
@@ -110,12 +139,10 @@ void fold_one(float* out, const float* reach, int32_t count, const uint16_t* pac
 
 // First showdown pass for one reach: every live hand goes to the stronger
 // side (negative sums), runs become records, live hands become entries.
-// Entries alternate between two card tables to break store chains.
 inline float showdown_first(const float* reach, const RiverGroups& g, const uint16_t* packed,
                             float value, float* et, uint16_t* ep, RunRecord* rec, int32_t& nrec,
                             float* cs) {
-  alignas(64) float c2[2][64];
-  memset(c2, 0, sizeof c2);
+  memset(cs, 0, 64 * sizeof(float));
   float total = 0.0f;
   int32_t n = 0, first = 0;
   nrec = 0;
@@ -123,42 +150,27 @@ inline float showdown_first(const float* reach, const RiverGroups& g, const uint
   for (int32_t gi = 0; gi < g.count; ++gi) {
     int32_t len = g.lengths[gi];
     int32_t start = n;
-    float gsum = 0.0f;
     if (len <= MaskedGroupLimit) {
       for (uint32_t m = g.masks[gi]; m; m &= m - 1) {
         int32_t i = first + __builtin_ctz(m);
-        float t = value * reach[i];
-        uint16_t p = packed[i];
-        float* c = c2[n & 1];
-        gsum += t;
-        c[card_lo(p)] -= t;
-        c[card_hi(p)] -= t;
-        et[n] = t;
-        ep[n] = p;
+        et[n] = value * reach[i];
+        ep[n] = packed[i];
         ++n;
       }
     } else {
-      // Branch-free: a dead hand adds zeros and its slot is overwritten.
+      // Branch-free: a dead hand's slot is overwritten by the next.
       for (int32_t i = first; i < first + len; ++i) {
         float r = reach[i];
-        bool live = r > 0.0f;
-        float t = live ? value * r : 0.0f;
-        uint16_t p = packed[i];
-        float* c = c2[n & 1];
-        gsum += t;
-        c[card_lo(p)] -= t;
-        c[card_hi(p)] -= t;
-        et[n] = t;
-        ep[n] = p;
-        n += live;
+        et[n] = value * r;
+        ep[n] = packed[i];
+        n += r > 0.0f;
       }
     }
     int32_t entries = n - start;
     push_run(rec, nrec, entries, len, prev_empty);
-    if (entries) total -= gsum;
+    if (entries) total -= add_entries<-1>(cs, et, ep, start, entries);
     first += len;
   }
-  for (int c = 0; c < 64; ++c) cs[c] = c2[0][c] + c2[1][c];
   return total;
 }
 
@@ -177,23 +189,13 @@ inline void showdown_second(float* out, const uint16_t* packed, const float* et,
       }
       continue;
     }
-    float gsum = 0.0f;  // the same additions in the same order as the first pass
-    for (int32_t k = e; k < e + cnt; ++k) {
-      float t = et[k];
-      cs[card_lo(ep[k])] += t;
-      cs[card_hi(ep[k])] += t;
-      gsum += t;
-    }
+    float gsum = add_entries<1>(cs, et, ep, e, cnt);  // the run's sum of the first pass
     float tied = gsum + total;
     for (int32_t end = i + len; i < end; ++i) {
       uint16_t p = packed[i];
       out[i] = tied - cs[card_lo(p)] - cs[card_hi(p)];
     }
-    for (int32_t k = e; k < e + cnt; ++k) {
-      float t = et[k];
-      cs[card_lo(ep[k])] += t;
-      cs[card_hi(ep[k])] += t;
-    }
+    add_entries<1>(cs, et, ep, e, cnt);
     total = gsum + tied;
     e += cnt;
   }
@@ -220,24 +222,42 @@ void showdown_one(float* out, const float* reach, int32_t count, const RiverGrou
 
 // ---- Showdown and fold in one walk -----------------------------------------------
 // Card sums of both terminals side by side: [card][0] showdown, [card][1]
-// fold. The fold's sums run over the same live hands as the showdown's.
+// fold. The fold's sums run over the same entries as the showdown's; an
+// entry is a hand with reach in either.
+
+// Showdown side: sign x ts into [card][0]; returns the sum of ts. First
+// pass (Fold): also tf into [card][1] and the fold's total.
+template <int Sign, bool Fold>
+inline float add_pair_entries(float (*cs)[2], const float* et, const float* ef, const uint16_t* ep,
+                              int32_t e, int32_t cnt, float& total_f) {
+  float part[4] = {0.0f, 0.0f, 0.0f, 0.0f}, fpart[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+  visit_spread(e, cnt, [&](int32_t k, int s) {
+    float ts = et[k];
+    float* a = cs[card_lo(ep[k])];
+    float* b = cs[card_hi(ep[k])];
+    a[0] += Sign * ts;
+    b[0] += Sign * ts;
+    part[s] += ts;
+    if (Fold) {
+      float tf = ef[k];
+      a[1] += tf;
+      b[1] += tf;
+      fpart[s] += tf;
+    }
+  });
+  if (Fold) total_f += (fpart[0] + fpart[1]) + (fpart[2] + fpart[3]);
+  return (part[0] + part[1]) + (part[2] + part[3]);
+}
 
 template <bool Showdown, bool Fold>
 void pair_second(float* out_s, float* out_f, const float* reach_f, const uint16_t* packed,
                  const float* et, const uint16_t* ep, const RunRecord* rec, int32_t nrec,
                  float (*cs)[2], float total_s, float total_f, float fold_value) {
   int32_t i = 0, e = 0;
+  float unused = 0.0f;
   for (int32_t r = 0; r < nrec; ++r) {
     int32_t len = rec[r].length, cnt = rec[r].entries;
-    float gsum = 0.0f;
-    if (Showdown) {
-      for (int32_t k = e; k < e + cnt; ++k) {
-        float t = et[k];
-        cs[card_lo(ep[k])][0] += t;
-        cs[card_hi(ep[k])][0] += t;
-        gsum += t;
-      }
-    }
+    float gsum = Showdown && cnt ? add_pair_entries<1, false>(cs, et, nullptr, ep, e, cnt, unused) : 0.0f;
     float tied = cnt ? gsum + total_s : total_s;
     for (int32_t end = i + len; i < end; ++i) {
       uint16_t p = packed[i];
@@ -247,11 +267,7 @@ void pair_second(float* out_s, float* out_f, const float* reach_f, const uint16_
       if (Fold) out_f[i] = total_f - a[1] - b[1] + fold_value * reach_f[i];
     }
     if (Showdown && cnt) {
-      for (int32_t k = e; k < e + cnt; ++k) {
-        float t = et[k];
-        cs[card_lo(ep[k])][0] += t;
-        cs[card_hi(ep[k])][0] += t;
-      }
+      add_pair_entries<1, false>(cs, et, nullptr, ep, e, cnt, unused);
       total_s = gsum + tied;
     }
     e += cnt;
@@ -262,63 +278,39 @@ void pair_second(float* out_s, float* out_f, const float* reach_f, const uint16_
 void pair_one(float* out_s, float* out_f, const float* reach_s, const float* reach_f, int32_t count,
               const RiverGroups& g, const uint16_t* packed, float value_s, float value_f) {
   alignas(64) float et[MaxRiverHands];
+  alignas(64) float ef[MaxRiverHands];
   alignas(64) uint16_t ep[MaxRiverHands];
   alignas(64) RunRecord rec[MaxRiverHands];
-  alignas(64) float c2[2][64][2];
-  memset(c2, 0, sizeof c2);
+  alignas(64) float cs[64][2];
+  memset(cs, 0, sizeof cs);
   float total_s = 0.0f, total_f = 0.0f;
   int32_t n = 0, nrec = 0, first = 0;
   bool prev_empty = false;
   for (int32_t gi = 0; gi < g.count; ++gi) {
     int32_t len = g.lengths[gi];
     int32_t start = n;
-    float gsum = 0.0f;
     if (len <= MaskedGroupLimit) {
       for (uint32_t m = g.masks[gi]; m; m &= m - 1) {
         int32_t i = first + __builtin_ctz(m);
-        float ts = value_s * reach_s[i];
-        float rf = reach_f[i];
-        float tf = rf > 0.0f ? value_f * rf : 0.0f;
-        uint16_t p = packed[i];
-        float (*c)[2] = c2[n & 1];
-        gsum += ts;
-        total_f += tf;
-        c[card_lo(p)][0] -= ts;
-        c[card_hi(p)][0] -= ts;
-        c[card_lo(p)][1] += tf;
-        c[card_hi(p)][1] += tf;
-        et[n] = ts;
-        ep[n] = p;
+        float rs = reach_s[i], rf = reach_f[i];
+        et[n] = rs > 0.0f ? value_s * rs : 0.0f;
+        ef[n] = rf > 0.0f ? value_f * rf : 0.0f;
+        ep[n] = packed[i];
         ++n;
       }
     } else {
       for (int32_t i = first; i < first + len; ++i) {
         float rs = reach_s[i], rf = reach_f[i];
-        bool live = rs > 0.0f;
-        float ts = live ? value_s * rs : 0.0f;
-        float tf = rf > 0.0f ? value_f * rf : 0.0f;
-        uint16_t p = packed[i];
-        float (*c)[2] = c2[n & 1];
-        gsum += ts;
-        total_f += tf;
-        c[card_lo(p)][0] -= ts;
-        c[card_hi(p)][0] -= ts;
-        c[card_lo(p)][1] += tf;
-        c[card_hi(p)][1] += tf;
-        et[n] = ts;
-        ep[n] = p;
-        n += live;
+        et[n] = rs > 0.0f ? value_s * rs : 0.0f;
+        ef[n] = rf > 0.0f ? value_f * rf : 0.0f;
+        ep[n] = packed[i];
+        n += (rs > 0.0f) | (rf > 0.0f);
       }
     }
     int32_t entries = n - start;
     push_run(rec, nrec, entries, len, prev_empty);
-    if (entries) total_s -= gsum;
+    if (entries) total_s -= add_pair_entries<-1, true>(cs, et, ef, ep, start, entries, total_f);
     first += len;
-  }
-  alignas(64) float cs[64][2];
-  for (int c = 0; c < 64; ++c) {
-    cs[c][0] = c2[0][c][0] + c2[1][c][0];
-    cs[c][1] = c2[0][c][1] + c2[1][c][1];
   }
   bool s = !tiny_total(total_s), f = !tiny_total(total_f);
   if (!s) zero_floats(out_s, count);
@@ -336,6 +328,32 @@ void pair_one(float* out_s, float* out_f, const float* reach_s, const float* rea
 // is first laid out as one row per hand (value x reach), so that the passes
 // above run once for all lanes with row additions.
 
+// Adds sign x the rows of entries [e, e + cnt) to the card rows and returns
+// their sum, in the same order on every call.
+template <class P, int Sign>
+inline typename P::Row add_entry_rows(float* cs, const float* rows, const uint16_t* ent,
+                                      const uint16_t* packed, int32_t e, int32_t cnt) {
+  using Row = typename P::Row;
+  constexpr int W = P::Width;
+  Row part[4] = {P::zero(), P::zero(), P::zero(), P::zero()};
+  visit_spread(e, cnt, [&](int32_t k, int s) {
+    int32_t i = ent[k];
+    Row t = P::load(rows + i * W);
+    uint16_t p = packed[i];
+    float* a = cs + card_lo(p) * W;
+    float* b = cs + card_hi(p) * W;
+    if (Sign > 0) {
+      P::store(a, P::add(P::load(a), t));
+      P::store(b, P::add(P::load(b), t));
+    } else {
+      P::store(a, P::sub(P::load(a), t));
+      P::store(b, P::sub(P::load(b), t));
+    }
+    part[s] = P::add(part[s], t);
+  });
+  return P::add(P::add(part[0], part[1]), P::add(part[2], part[3]));
+}
+
 template <class P, int K>
 void fold_lanes(float* const* out, const float* const* reach, const float* values, int32_t count,
                 const uint16_t* packed) {
@@ -343,45 +361,34 @@ void fold_lanes(float* const* out, const float* const* reach, const float* value
   constexpr int W = P::Width;
   static_assert(K <= W, "lanes exceed the row");
   alignas(64) float blk[W * W];
-  alignas(64) float c2[2][52 * W];
-  memset(c2, 0, sizeof c2);
-  Row tot0 = P::zero(), tot1 = P::zero();
+  // Four card tables, one per hand of a block of four, as in fold_sums.
+  alignas(64) float c4[4][52 * W];
+  memset(c4, 0, sizeof c4);
+  Row tot[4] = {P::zero(), P::zero(), P::zero(), P::zero()};
   for (int32_t i0 = 0; i0 < count; i0 += W) {
     int32_t n = min_i32(W, count - i0);
     P::template load_block<K>(blk, reach, values, i0, n);
-    int32_t h = 0;
-    for (; h + 2 <= n; h += 2) {
-      Row t0 = P::load(blk + h * W), t1 = P::load(blk + (h + 1) * W);
-      uint16_t p0 = packed[i0 + h], p1 = packed[i0 + h + 1];
-      tot0 = P::add(tot0, t0);
-      tot1 = P::add(tot1, t1);
-      float* a0 = c2[0] + card_lo(p0) * W;
-      float* b0 = c2[0] + card_hi(p0) * W;
-      P::store(a0, P::add(P::load(a0), t0));
-      P::store(b0, P::add(P::load(b0), t0));
-      float* a1 = c2[1] + card_lo(p1) * W;
-      float* b1 = c2[1] + card_hi(p1) * W;
-      P::store(a1, P::add(P::load(a1), t1));
-      P::store(b1, P::add(P::load(b1), t1));
-    }
-    if (h < n) {
-      Row t0 = P::load(blk + h * W);
-      uint16_t p0 = packed[i0 + h];
-      tot0 = P::add(tot0, t0);
-      float* a0 = c2[0] + card_lo(p0) * W;
-      float* b0 = c2[0] + card_hi(p0) * W;
-      P::store(a0, P::add(P::load(a0), t0));
-      P::store(b0, P::add(P::load(b0), t0));
+    for (int32_t h = 0; h < n; ++h) {
+      Row t = P::load(blk + h * W);
+      uint16_t p = packed[i0 + h];
+      float* a = c4[h & 3] + card_lo(p) * W;
+      float* b = c4[h & 3] + card_hi(p) * W;
+      tot[h & 3] = P::add(tot[h & 3], t);
+      P::store(a, P::add(P::load(a), t));
+      P::store(b, P::add(P::load(b), t));
     }
   }
-  Row total = P::add(tot0, tot1);
+  Row total = P::add(P::add(tot[0], tot[1]), P::add(tot[2], tot[3]));
   auto big = P::big(total);
   if (P::none(big)) {
     for (int j = 0; j < K; ++j) zero_floats(out[j], count);
     return;
   }
-  float* cs = c2[0];
-  for (int c = 0; c < 52; ++c) P::store(cs + c * W, P::add(P::load(c2[0] + c * W), P::load(c2[1] + c * W)));
+  float* cs = c4[0];
+  for (int c = 0; c < 52 * W; c += W) {
+    Row x = P::add(P::load(c4[0] + c), P::load(c4[1] + c));
+    P::store(cs + c, P::add(x, P::add(P::load(c4[2] + c), P::load(c4[3] + c))));
+  }
   for (int32_t i0 = 0; i0 < count; i0 += W) {
     int32_t n = min_i32(W, count - i0);
     P::template load_block<K>(blk, reach, values, i0, n);
@@ -404,7 +411,7 @@ void showdown_lanes(float* const* out, const float* const* reach, const float* v
   alignas(64) float rows[(MaxRiverHands + W) * W];
   alignas(64) uint16_t ent[MaxRiverHands];
   alignas(64) RunRecord rec[MaxRiverHands];
-  alignas(64) float c2[2][52 * W];
+  alignas(64) float cs[52 * W];
   alignas(64) float stage[W * W];
 
   // Value x reach of every hand, one row per hand.
@@ -412,39 +419,28 @@ void showdown_lanes(float* const* out, const float* const* reach, const float* v
     P::template load_block<K>(rows + i0 * W, reach, values, i0, min_i32(W, count - i0));
 
   // First pass, as for one terminal; a hand is an entry when any lane is live.
-  memset(c2, 0, sizeof c2);
+  memset(cs, 0, sizeof cs);
   Row total = P::zero();
   int32_t n = 0, nrec = 0, first = 0;
   bool prev_empty = false;
   for (int32_t gi = 0; gi < g.count; ++gi) {
     int32_t len = g.lengths[gi];
     int32_t start = n;
-    Row gsum = P::zero();
-    uint32_t m = len <= MaskedGroupLimit ? g.masks[gi] : 0;
-    int32_t i = first, end = first + len;
-    while (true) {
-      if (len <= MaskedGroupLimit) {
-        if (!m) break;
-        i = first + __builtin_ctz(m);
-        m &= m - 1;
-      } else if (i == end) {
-        break;
+    if (len <= MaskedGroupLimit) {
+      for (uint32_t m = g.masks[gi]; m; m &= m - 1) {
+        int32_t i = first + __builtin_ctz(m);
+        ent[n] = uint16_t(i);
+        n += P::any(P::load(rows + i * W));
       }
-      Row t = P::load(rows + i * W);
-      if (P::any(t)) {
-        uint16_t p = packed[i];
-        float* a = c2[n & 1] + card_lo(p) * W;
-        float* b = c2[n & 1] + card_hi(p) * W;
-        gsum = P::add(gsum, t);
-        P::store(a, P::sub(P::load(a), t));
-        P::store(b, P::sub(P::load(b), t));
-        ent[n++] = uint16_t(i);
+    } else {
+      for (int32_t i = first; i < first + len; ++i) {
+        ent[n] = uint16_t(i);
+        n += P::any(P::load(rows + i * W));
       }
-      ++i;
     }
     int32_t entries = n - start;
     push_run(rec, nrec, entries, len, prev_empty);
-    if (entries) total = P::sub(total, gsum);
+    if (entries) total = P::sub(total, add_entry_rows<P, -1>(cs, rows, ent, packed, start, entries));
     first += len;
   }
   auto big = P::big(total);
@@ -452,24 +448,16 @@ void showdown_lanes(float* const* out, const float* const* reach, const float* v
     for (int j = 0; j < K; ++j) zero_floats(out[j], count);
     return;
   }
-  float* cs = c2[0];
-  for (int c = 0; c < 52; ++c) P::store(cs + c * W, P::add(P::load(c2[0] + c * W), P::load(c2[1] + c * W)));
 
   // Second pass; finished rows gather in `stage` and leave a block at a time.
   int32_t i = 0, e = 0;
   for (int32_t r = 0; r < nrec; ++r) {
     int32_t len = rec[r].length, cnt = rec[r].entries;
-    Row gsum = P::zero();
-    for (int32_t k = e; k < e + cnt; ++k) {
-      Row t = P::load(rows + ent[k] * W);
-      uint16_t p = packed[ent[k]];
-      float* a = cs + card_lo(p) * W;
-      float* b = cs + card_hi(p) * W;
-      P::store(a, P::add(P::load(a), t));
-      P::store(b, P::add(P::load(b), t));
-      gsum = P::add(gsum, t);
+    Row gsum = P::zero(), tied = total;
+    if (cnt) {
+      gsum = add_entry_rows<P, 1>(cs, rows, ent, packed, e, cnt);
+      tied = P::add(gsum, total);
     }
-    Row tied = cnt ? P::add(gsum, total) : total;
     for (int32_t end = i + len; i < end; ++i) {
       uint16_t p = packed[i];
       Row o = P::sub(P::sub(tied, P::load(cs + card_lo(p) * W)), P::load(cs + card_hi(p) * W));
@@ -477,14 +465,7 @@ void showdown_lanes(float* const* out, const float* const* reach, const float* v
       if (i % W == W - 1) P::template store_block<K>(out, stage, i - (W - 1), W);
     }
     if (cnt) {
-      for (int32_t k = e; k < e + cnt; ++k) {
-        Row t = P::load(rows + ent[k] * W);
-        uint16_t p = packed[ent[k]];
-        float* a = cs + card_lo(p) * W;
-        float* b = cs + card_hi(p) * W;
-        P::store(a, P::add(P::load(a), t));
-        P::store(b, P::add(P::load(b), t));
-      }
+      add_entry_rows<P, 1>(cs, rows, ent, packed, e, cnt);
       total = P::add(gsum, tied);
     }
     e += cnt;

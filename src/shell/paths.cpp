@@ -1,0 +1,223 @@
+// Node paths ("r:0:b30:c:Ah") and the commands that print or change the node
+// a path names.
+#include <cmath>
+
+#include "shell/shell.h"
+#include "tree/tree.h"
+
+static const char* const PathError = "incorrect path";
+
+int32_t absolute_street(const SchematicNode* node) { return StartStreet + node->street; }
+
+static int32_t board_turn_card() { return BoardTurn ? __builtin_ctzll(BoardTurn) : -1; }
+static int32_t board_river_card() { return BoardRiver ? __builtin_ctzll(BoardRiver) : -1; }
+
+NodePath parent_ref(const NodePath& ref) {
+  NodePath p;
+  p.node = ref.node ? ref.node->parent : nullptr;
+  if (!p.node) {
+    p.turn_card = board_turn_card();
+    p.river_card = board_river_card();
+    return p;
+  }
+  int32_t street = absolute_street(p.node);
+  if (street >= 2) p.turn_card = ref.turn_card;
+  if (street >= 3) p.river_card = ref.river_card;
+  return p;
+}
+
+static SchematicNode* child_with_key(SchematicNode* node, double key) {
+  auto it = node->children.find(key);
+  if (it == node->children.end() || it->first != key) fail_command(PathError);
+  return it->second.get();
+}
+
+NodePath parse_path(const std::string& text) {
+  if (!TreePresent || !ActiveTree) fail_command("missing/incorrect tree");
+  std::vector<std::string> segments;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find(':', start);
+    if (end == std::string::npos) end = text.size();
+    segments.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  // "::" in the middle leaves an empty segment; a leading ":" one as well.
+  if (!text.empty() && text[0] == ':') segments.insert(segments.begin(), "");
+  if (segments.empty() || segments[0] != "r") fail_command(PathError);
+  NodePath ref;
+  ref.turn_card = board_turn_card();
+  ref.river_card = board_river_card();
+  if (segments.size() == 1) return ref;
+  if (segments[1] != "0") fail_command(PathError);
+  ref.node = SchematicRoot.get();
+  for (size_t i = 2; i < segments.size(); i++) {
+    const std::string& seg = segments[i];
+    ref.at_split = false;
+    if (seg.empty()) fail_command(PathError);
+    SchematicNode* node = ref.node;
+    if (seg[0] == 'b') {
+      double key = parse_double(seg.substr(1));
+      ref.node = child_with_key(node, key);
+    } else if (seg[0] == 'c') {
+      ref.node = child_with_key(node, node->amount);
+      ref.at_split = ref.node->street > node->street;
+    } else if (seg[0] == 'f') {
+      ref.node = child_with_key(node, FoldKey);
+    } else {
+      CardMask m;
+      if (seg.size() != 2 || !try_parse_cards(seg, m) || card_count(m) != 1) fail_command(PathError);
+      int card = __builtin_ctzll(m);
+      if ((m & BoardFlop) || RankOf(Card(card)) < LowCardIndex) fail_command(PathError);
+      if (!node->parent) fail_command(PathError);
+      int32_t parent_street = absolute_street(node->parent), street = absolute_street(node);
+      if (parent_street == 1 && street == 2) {
+        if (ref.turn_card != -1) fail_command(PathError);
+        ref.turn_card = card;
+      } else if (parent_street == 2 && street == 3) {
+        if (ref.river_card != -1) fail_command(PathError);
+        ref.river_card = card;
+      } else {
+        fail_command(PathError);
+      }
+    }
+  }
+  // Lines added after the build are not in the tree yet.
+  if (ref.node && (ref.node->index < 0 || size_t(ref.node->index) >= ActiveTree->nodes.size()))
+    fail_command(PathError);
+  return ref;
+}
+
+static const char* node_kind_name(const NodePath& ref) {
+  if (!ref.node) return "ROOT";
+  if (ref.at_split) return "SPLIT_NODE";
+  if (ref.node->children.empty()) return "END_NODE";
+  return ref.node->player == 0 ? "OOP_DEC" : "IP_DEC";
+}
+
+static std::string board_line(const NodePath& ref) {
+  std::string s;
+  for (int c = 0; c < 52; c++) {
+    if (!(BoardFlop & CardBit(c))) continue;
+    if (!s.empty()) s += ' ';
+    s += card_text(Card(c));
+  }
+  if (ref.turn_card >= 0) s += " " + card_text(Card(ref.turn_card));
+  if (ref.river_card >= 0) s += " " + card_text(Card(ref.river_card));
+  return s;
+}
+
+static std::string tree_flag_names(uint32_t flags) {
+  static const std::pair<uint32_t, const char*> names[] = {
+      {INCOMPLETE_TREE, "INCOMPLETE_TREE"}, {ISOMORPHISM_ON, "ISOMORPHISM_ON"}, {NEW_TREE, "NEW_TREE"}};
+  std::string s;
+  for (const auto& [bit, name] : names) {
+    if (!(flags & bit)) continue;
+    if (!s.empty()) s += ' ';
+    s += name;
+  }
+  return s;
+}
+
+// Hook for the lock bits of a decision on the path's board (bit 1 locked,
+// bit 2 combo-locked); none until stores carry locks.
+uint32_t (*NodeLockBits)(const NodePath& ref) = nullptr;
+
+static void print_block(const NodePath& ref, const std::string& path) {
+  shell_print("%s\n", path.c_str());
+  shell_print("%s\n", node_kind_name(ref));
+  shell_print("%s\n", board_line(ref).c_str());
+  if (ref.node) shell_print("%g %g %g\n", ref.node->invested[0], ref.node->invested[1], StartPot);
+  else shell_print("%g %g %g\n", 0.0, 0.0, StartPot);
+  int children;
+  if (!ref.node) children = 1;
+  else if (ref.at_split) children = absolute_street(ref.node) == 2 ? 49 : 48;
+  else children = int(ref.node->children.size());
+  shell_print("%d children\n", children);
+  if (!ref.node) {
+    shell_print("flags: %s\n", tree_flag_names(ActiveTree->flags).c_str());
+  } else if (ref.at_split) {
+    shell_print("flags:\n");
+  } else {
+    uint32_t bits = NodeLockBits ? NodeLockBits(ref) : 0;
+    std::string s;
+    if (bits & 1) s = "LOCKED";
+    if (bits & 2) s += s.empty() ? "COMBO_LOCKED" : " COMBO_LOCKED";
+    shell_print("flags: %s\n", s.c_str());
+  }
+}
+
+void cmd_show_node(const Tokens& t) {
+  NodePath ref = parse_path(t[1]);
+  print_block(ref, t[1]);
+  shell_print("END\n");
+}
+
+void cmd_show_children(const Tokens& t) {
+  NodePath ref = parse_path(t[1]);
+  const std::string& path = t[1];
+  if (!ref.node) {
+    NodePath child;
+    child.node = SchematicRoot.get();
+    child.turn_card = ref.turn_card;
+    child.river_card = ref.river_card;
+    shell_print("child 0:\n");
+    print_block(child, "r:0");
+  } else if (ref.at_split) {
+    CardMask dead = BoardFlop;
+    if (ref.turn_card >= 0) dead |= CardBit(ref.turn_card);
+    if (ref.river_card >= 0) dead |= CardBit(ref.river_card);
+    bool turn = absolute_street(ref.node) == 2;
+    int n = 0;
+    for (int rank = 12; rank >= LowCardIndex; rank--) {
+      for (int suit = 3; suit >= 0; suit--) {
+        Card c = MakeCard(rank, suit);
+        if (dead & CardBit(c)) continue;
+        NodePath child = ref;
+        child.at_split = false;
+        (turn ? child.turn_card : child.river_card) = c;
+        shell_print("child %d:\n", n++);
+        print_block(child, path + ":" + card_text(c));
+      }
+    }
+  } else {
+    int n = 0;
+    for (const auto& [key, node] : ref.node->children) {
+      NodePath child = ref;
+      child.node = node.get();
+      child.at_split = node->street > ref.node->street;
+      std::string seg;
+      if (key <= ref.node->amount) seg = key >= 0 ? "c" : "f";
+      else seg = "b" + std::to_string(int64_t(key));
+      shell_print("child %d:\n", n++);
+      print_block(child, path + ":" + seg);
+    }
+  }
+  shell_print("END\n");
+}
+
+void cmd_set_ev_boost(const Tokens& t) {
+  if (!TreePresent || !ActiveTree) fail_command("missing/incorrect tree");
+  NodePath ref = parse_path(t[1]);
+  double v = parse_double(t[2]);
+  bool decision = ref.node && !ref.at_split && !ref.node->children.empty();
+  if (!decision || !(v >= -0.99 && v <= 1.0)) fail_argument(t[0]);
+  ActiveTree->nodes[ref.node->index].ev_boost = float(v);
+  print_ok(t);
+}
+
+void cmd_cut_line(const Tokens& t) {
+  if (!TreePresent || !ActiveTree) fail_command("missing/incorrect tree");
+  if (SolverRunning) fail_command("Can't do that when solver is running");
+  NodePath ref = parse_path(t[1]);
+  if (!ref.node || !ref.node->parent) fail_command("can't cut root");
+  SchematicNode* parent = ref.node->parent;
+  for (auto it = parent->children.begin(); it != parent->children.end(); ++it) {
+    if (it->second.get() == ref.node) {
+      parent->children.erase(it);
+      break;
+    }
+  }
+  build_game(true);
+  print_ok(t);
+}

@@ -1,0 +1,214 @@
+// ShapedStore and the flat river stores: FloatFlatStore (floats) and
+// Word16FlatStore (16-bit fixed-point regrets), each one block of values
+// committed at once.
+#include <cstring>
+#include <stdexcept>
+
+#include "platform/platform.h"
+#include "storage/store.h"
+#include "storage/store_cells.h"
+
+// ---- ShapedStore ----------------------------------------------------------------------
+
+ShapedStore::ShapedStore(const StoreShape* shape_) : shape(shape_) {
+  check_action_count(shape->actions);
+  locks.resize(size_t(shape->cell_count));
+}
+
+ShapedStore::~ShapedStore() {
+  for (CellLock& lock : locks) free_lock_mask(lock);
+}
+
+int32_t ShapedStore::row_length(int32_t group, int32_t cell) {
+  return shape->cells[size_t(shape->cell_index(group, cell))].length;
+}
+
+int64_t ShapedStore::value_count(int32_t group) {
+  if (group < 0) return shape->values;
+  const StoreGroup& g = shape->groups[size_t(group)];
+  int64_t hands = 0;
+  for (int32_t c = 0; c < g.cell_count; c++) hands += shape->cells[size_t(g.first_cell + c)].length;
+  return hands * shape->actions;
+}
+
+CellLock* ShapedStore::cell_lock_info(int32_t group, int32_t cell) {
+  return &locks[size_t(shape->cell_index(group, cell))];
+}
+
+void ShapedStore::save_locks(ByteWriter& writer) const {
+  for (const CellLock& lock : locks) save_lock_record(writer, lock);
+}
+
+void ShapedStore::load_locks(ByteSource& source) {
+  for (CellLock& lock : locks) load_lock_record(source, lock);
+}
+
+// ---- FlatStore ---------------------------------------------------------------------------
+
+FlatStore::~FlatStore() {
+  if (data && !release_address_space_checked(data, data_bytes)) storage_fatal("VirtualFree fail");
+}
+
+bool FlatStore::materialise() {
+  if (data) return true;
+  size_t bytes = size_t(shape->padded_values) * size_t(value_width());
+  if (bytes == 0) return true;
+  size_t page = page_size();
+  bytes = (bytes + page - 1) / page * page;
+  void* base = reserve_address_space(bytes);
+  if (!base) return false;
+  if (!commit_memory(base, bytes)) {
+    release_address_space(base, bytes);
+    return false;
+  }
+  // Fresh pages are zero: every value starts at 0.
+  data = base;
+  data_bytes = bytes;
+  return true;
+}
+
+namespace {
+
+// Fills each row with the defaults of its action: a store without values.
+void default_rows(HandVector* out, int32_t actions, int32_t n, const float* defaults) {
+  for (int32_t a = 0; a < actions; a++) {
+    out[a].resize(n, true);
+    for (int32_t i = 0; i < n; i++) out[a].data[i] = defaults ? defaults[a] : 0.0f;
+  }
+}
+
+// Pointers to the rows of one cell of a flat block of values of type T.
+template <typename T>
+void cell_rows(T* block, const StoreCell& cell, int32_t actions, T** rows) {
+  int32_t stride = align4(cell.length);
+  for (int32_t a = 0; a < actions; a++) rows[a] = block + cell.offset + int64_t(a) * stride;
+}
+
+}  // namespace
+
+// ---- FloatFlatStore -------------------------------------------------------------------------
+
+void FloatFlatStore::read_strategy(HandVector* out, int32_t group, int32_t cell,
+                                   const float* defaults) {
+  const StoreCell& c = shape->cells[size_t(shape->cell_index(group, cell))];
+  if (!data) return default_rows(out, shape->actions, c.length, defaults);
+  float* rows[MaxStoreActions];
+  cell_rows(values(), c, shape->actions, rows);
+  match_rows_f32(rows, shape->actions, c.length, defaults, out);
+}
+
+void FloatFlatStore::write_row(int32_t group, int32_t cell, int32_t action, const float* row) {
+  if (action < 0 || action >= shape->actions || !materialise() || !data) return;
+  const StoreCell& c = shape->cells[size_t(shape->cell_index(group, cell))];
+  float* dst = values() + c.offset + int64_t(action) * align4(c.length);
+  if (row)
+    memcpy(dst, row, size_t(c.length) * sizeof(float));
+  else
+    memset(dst, 0, size_t(c.length) * sizeof(float));
+}
+
+void FloatFlatStore::update_regrets(int32_t group, int32_t cell, const HandVector& baseline,
+                                    const HandVector* action_rows, const HandGroupRuns*, double) {
+  int32_t index = shape->cell_index(group, cell);
+  const CellLock& lock = locks[size_t(index)];
+  if (!data || (lock.flags & CELL_LOCKED)) return;
+  const StoreCell& c = shape->cells[size_t(index)];
+  float* rows[MaxStoreActions];
+  cell_rows(values(), c, shape->actions, rows);
+  uint8_t scratch[ScratchRowValues];
+  update_rows_f32(rows, shape->actions, c.length, baseline, action_rows,
+                  cell_mask(lock, c.length, scratch));
+}
+
+void FloatFlatStore::accumulate_strategy(int32_t group, int32_t cell, const HandVector* strategy,
+                                         const HandVector& reach, float weight) {
+  if (!(weight > 0.0f) || !reach.data || !data) return;
+  int32_t index = shape->cell_index(group, cell);
+  const CellLock& lock = locks[size_t(index)];
+  if (lock.flags & CELL_LOCKED) return;
+  const StoreCell& c = shape->cells[size_t(index)];
+  float* rows[MaxStoreActions];
+  cell_rows(values(), c, shape->actions, rows);
+  uint8_t scratch[ScratchRowValues];
+  accumulate_rows_f32(rows, shape->actions, c.length, strategy, reach, weight,
+                      cell_mask(lock, c.length, scratch), true);
+}
+
+void FloatFlatStore::save(ByteWriter& writer) {
+  save_locks(writer);
+  for (const StoreCell& c : shape->cells)
+    for (int32_t a = 0; a < shape->actions; a++) {
+      const float* row = data ? values() + c.offset + int64_t(a) * align4(c.length) : ZeroRow;
+      writer.write(row, size_t(c.length) * sizeof(float));
+    }
+}
+
+void FloatFlatStore::load(ByteSource& source) {
+  load_locks(source);
+  if (!materialise()) throw std::runtime_error("out of memory");
+  for (const StoreCell& c : shape->cells)
+    for (int32_t a = 0; a < shape->actions; a++)
+      source.read(values() + c.offset + int64_t(a) * align4(c.length), size_t(c.length) * sizeof(float));
+}
+
+// ---- Word16FlatStore --------------------------------------------------------------------------
+
+Word16FlatStore::Word16FlatStore(const StoreShape* shape_)
+    : FlatStore(shape_), cell_factors(size_t(shape_->cell_count), 1.0f) {}
+
+void Word16FlatStore::read_strategy(HandVector* out, int32_t group, int32_t cell,
+                                    const float* defaults) {
+  const StoreCell& c = shape->cells[size_t(shape->cell_index(group, cell))];
+  if (!data) return default_rows(out, shape->actions, c.length, defaults);
+  uint16_t* rows[MaxStoreActions];
+  cell_rows(values(), c, shape->actions, rows);
+  match_rows_u16(rows, shape->actions, c.length, defaults, out, false);
+}
+
+void Word16FlatStore::write_row(int32_t group, int32_t cell, int32_t action, const float* row) {
+  if (action < 0 || action >= shape->actions || !materialise() || !data) return;
+  const StoreCell& c = shape->cells[size_t(shape->cell_index(group, cell))];
+  store_row_u16(values() + c.offset + int64_t(action) * align4(c.length), row, c.length);
+}
+
+void Word16FlatStore::update_regrets(int32_t group, int32_t cell, const HandVector& baseline,
+                                     const HandVector* action_rows,
+                                     const HandGroupRuns* groups_or_null, double scale) {
+  int32_t index = shape->cell_index(group, cell);
+  const CellLock& lock = locks[size_t(index)];
+  if (!data || (lock.flags & CELL_LOCKED)) return;
+  const StoreCell& c = shape->cells[size_t(index)];
+  uint16_t* rows[MaxStoreActions];
+  cell_rows(values(), c, shape->actions, rows);
+  uint8_t scratch[ScratchRowValues];
+  update_rows_u16(rows, shape->actions, c.length, baseline, action_rows, groups_or_null, scale,
+                  cell_factors[size_t(index)], cell_mask(lock, c.length, scratch));
+}
+
+void Word16FlatStore::save(ByteWriter& writer) {
+  save_locks(writer);
+  alignas(16) static const uint16_t zeros[ScratchRowValues] = {};
+  for (const StoreCell& c : shape->cells)
+    for (int32_t a = 0; a < shape->actions; a++) {
+      const uint16_t* row = data ? values() + c.offset + int64_t(a) * align4(c.length) : zeros;
+      save_packed_row16(writer, row, c.length);
+    }
+  writer.write(cell_factors.data(), cell_factors.size() * sizeof(float));
+}
+
+void Word16FlatStore::load(ByteSource& source) {
+  load_locks(source);
+  if (!materialise()) throw std::runtime_error("out of memory");
+  for (const StoreCell& c : shape->cells)
+    for (int32_t a = 0; a < shape->actions; a++) {
+      uint16_t* row = values() + c.offset + int64_t(a) * align4(c.length);
+      if (source.format >= 4)
+        load_packed_row16(source, row, c.length);
+      else
+        source.read(row, size_t(c.length) * sizeof(uint16_t));
+    }
+  if (source.format >= 9)
+    source.read(cell_factors.data(), cell_factors.size() * sizeof(float));
+  else
+    std::fill(cell_factors.begin(), cell_factors.end(), 1.0f);
+}

@@ -1,0 +1,282 @@
+// The FSE coder: header bytes computed by hand, the table log rule, round
+// trips over sizes, alphabets and table logs, the special results, and a
+// seeded fuzz of the decoder with a canary behind its output.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+#include "storage/codec.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes compress(const Bytes& src, unsigned table_log = 0, unsigned max_symbol = 0) {
+  Bytes out(FSE_compressBound(src.size()));
+  int64_t r = FSE_compress2(out.data(), out.size(), src.data(), src.size(), max_symbol, table_log);
+  EXPECT_GE(r, 0);
+  out.resize(r > 1 ? size_t(r) : 0);
+  return out;
+}
+
+// Decompresses from an exactly sized copy into an exactly sized buffer.
+int64_t decompress(const Bytes& coded, Bytes& out, size_t capacity) {
+  Bytes in(coded);
+  out.assign(capacity, 0);
+  return FSE_decompress(out.data(), capacity, in.data(), in.size());
+}
+
+void expect_round_trip(const Bytes& src, unsigned table_log = 0) {
+  Bytes coded = compress(src, table_log);
+  ASSERT_FALSE(coded.empty()) << "size " << src.size();
+  EXPECT_LT(coded.size(), src.size() - 1);
+  Bytes out;
+  ASSERT_EQ(decompress(coded, out, src.size()), int64_t(src.size()));
+  ASSERT_EQ(out, src);
+  // One byte less room is an error, not a write past the end.
+  if (src.size() > 2) {
+    EXPECT_LT(decompress(coded, out, src.size() - 1), 0);
+  }
+}
+
+Bytes skewed(std::mt19937& rng, size_t n, int alphabet, double decay) {
+  std::vector<double> w(static_cast<size_t>(alphabet));
+  double p = 1;
+  for (double& x : w) {
+    x = p;
+    p *= decay;
+  }
+  std::discrete_distribution<int> d(w.begin(), w.end());
+  Bytes out(n);
+  for (uint8_t& b : out) b = uint8_t(d(rng));
+  return out;
+}
+
+// ---- Header -------------------------------------------------------------------
+
+TEST(FseHeader, ExactBytesTwoSymbols) {
+  // Table log 5: counts 24 and 8. 24 + 1 = 25 takes 5 bits (below 63 - 33 = 30);
+  // then 8 points are left: 8 + 1 = 9 takes 4 bits as 9 + 6 = 15.
+  const int16_t norm[2] = {24, 8};
+  uint8_t out[8];
+  ASSERT_EQ(FSE_writeNCount(out, sizeof out, norm, 1, 5), 2);
+  EXPECT_EQ(out[0], 0x90);
+  EXPECT_EQ(out[1], 0x1f);
+  int16_t back[256];
+  unsigned max_symbol = 255, log = 0;
+  EXPECT_EQ(FSE_readNCount(back, &max_symbol, &log, out, 2), 2);
+  EXPECT_EQ(max_symbol, 1u);
+  EXPECT_EQ(log, 5u);
+  EXPECT_EQ(back[0], 24);
+  EXPECT_EQ(back[1], 8);
+}
+
+TEST(FseHeader, ExactBytesZeroRunsAndLowCounts) {
+  // 30, four zeros (one flag of 3 and one of 0), -1, 1.
+  const int16_t norm[7] = {30, 0, 0, 0, 0, -1, 1};
+  uint8_t out[8];
+  ASSERT_EQ(FSE_writeNCount(out, sizeof out, norm, 6, 5), 3);
+  EXPECT_EQ(out[0], 0xf0);
+  EXPECT_EQ(out[1], 0x35);
+  EXPECT_EQ(out[2], 0x0c);
+  int16_t back[256];
+  unsigned max_symbol = 255, log = 0;
+  EXPECT_EQ(FSE_readNCount(back, &max_symbol, &log, out, 3), 3);
+  EXPECT_EQ(max_symbol, 6u);
+  for (int s = 0; s < 7; s++) EXPECT_EQ(back[s], norm[s]) << s;
+  // Cut short, or with a largest symbol below the header's, it fails.
+  max_symbol = 255;
+  EXPECT_LT(FSE_readNCount(back, &max_symbol, &log, out, 2), 0);
+  max_symbol = 5;
+  EXPECT_LT(FSE_readNCount(back, &max_symbol, &log, out, 3), 0);
+}
+
+TEST(FseHeader, FirstNibbleIsTableLogLessFive) {
+  const uint8_t too_large[2] = {0x08, 0xff};  // table log 13
+  int16_t norm[256];
+  unsigned max_symbol = 255, log;
+  EXPECT_EQ(FSE_readNCount(norm, &max_symbol, &log, too_large, 2), -int64_t(FSE_ERROR_tableLog_tooLarge));
+  std::mt19937 rng(1);
+  // Eight symbols: small enough for table log 5 (40 would need 7).
+  Bytes src = skewed(rng, 65536, 8, 0.8);
+  for (unsigned want = 5; want <= 12; want++) {
+    Bytes coded = compress(src, want);
+    ASSERT_FALSE(coded.empty());
+    EXPECT_EQ(coded[0] & 15, want - 5) << want;
+  }
+  // Default: at most 11.
+  EXPECT_EQ(compress(src)[0] & 15, 11 - 5);
+}
+
+TEST(FseHeader, CompressedBlockStartsWithHeader) {
+  Bytes src(64, 0);
+  for (int i = 0; i < 16; i++) src[size_t(i * 4 + 1)] = 1;
+  Bytes coded = compress(src);
+  ASSERT_GE(coded.size(), 3u);
+  EXPECT_EQ(coded[0], 0x90);
+  EXPECT_EQ(coded[1], 0x1f);
+  Bytes out;
+  EXPECT_EQ(decompress(coded, out, 64), 64);
+  EXPECT_EQ(out, src);
+}
+
+TEST(FseHeader, TableLogRule) {
+  EXPECT_EQ(FSE_optimalTableLog(0, 65536, 255), 11u);
+  EXPECT_EQ(FSE_optimalTableLog(12, 65536, 255), 12u);
+  EXPECT_EQ(FSE_optimalTableLog(11, 1000, 255), 9u);  // highbit(999) - 2 = 7, but 255 symbols need 9
+  EXPECT_EQ(FSE_optimalTableLog(11, 1000, 3), 7u);
+  EXPECT_EQ(FSE_optimalTableLog(11, 64, 1), 5u);
+  EXPECT_EQ(FSE_optimalTableLog(20, 1 << 20, 255), 12u);
+}
+
+TEST(FseHeader, NormalisedCountsFillTheTable) {
+  std::mt19937 rng(9);
+  for (int k = 0; k < 200; k++) {
+    uint32_t count[256] = {};
+    size_t total = 0;
+    unsigned max_symbol = 1 + rng() % 255;
+    for (unsigned s = 0; s <= max_symbol; s++) {
+      count[s] = rng() % 3 == 0 ? 0 : rng() % (1u << (rng() % 16));
+      total += count[s];
+    }
+    count[max_symbol] += 1;
+    count[0] += 1;
+    total += 2;
+    unsigned log = FSE_optimalTableLog(0, total, max_symbol);
+    int16_t norm[256];
+    ASSERT_EQ(FSE_normalizeCount(norm, log, count, total, max_symbol), int64_t(log));
+    int sum = 0;
+    for (unsigned s = 0; s <= max_symbol; s++) {
+      if (count[s] == 0) EXPECT_EQ(norm[s], 0);
+      else EXPECT_TRUE(norm[s] == -1 || norm[s] >= 1);
+      sum += norm[s] == -1 ? 1 : norm[s];
+    }
+    EXPECT_EQ(sum, 1 << log);
+  }
+}
+
+// ---- Blocks -----------------------------------------------------------------------
+
+TEST(FseBlock, SpecialResults) {
+  uint8_t out[FSE_compressBound(4096)];
+  Bytes src(4096, 7);
+  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), 0), 0);
+  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), 1), 0);
+  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), 2), 1);     // one repeated byte
+  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), 4096), 1);
+  for (int i = 0; i < 256; i++) src[size_t(i)] = uint8_t(i);
+  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), 256), 0);   // no byte twice
+  std::mt19937 rng(2);
+  for (uint8_t& b : src) b = uint8_t(rng());
+  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), src.size()), 0);  // noise
+  // Parameters out of range are errors.
+  EXPECT_LT(FSE_compress2(out, sizeof out, src.data(), src.size(), 255, 13), 0);
+  EXPECT_LT(FSE_compress2(out, sizeof out, src.data(), src.size(), 256, 11), 0);
+  EXPECT_LT(FSE_compress2(out, sizeof out, src.data(), src.size(), 100, 11), 0);
+  EXPECT_EQ(FSE_compressBound(65536), size_t(65536 + 512 + 512));
+}
+
+TEST(FseBlock, TooSmallDestination) {
+  std::mt19937 rng(4);
+  Bytes src = skewed(rng, 20000, 20, 0.5);
+  Bytes full = compress(src);
+  ASSERT_FALSE(full.empty());
+  // Room for the header only, or for nothing: an error or "incompressible",
+  // never a write past the end.
+  for (size_t room : {size_t(0), size_t(1), size_t(5), size_t(20), full.size() - 1}) {
+    Bytes out(room + 1, 0xab);
+    int64_t r = FSE_compress(out.data(), room, src.data(), src.size());
+    EXPECT_LE(r, 0) << room;
+    EXPECT_EQ(out[room], 0xab) << room;
+  }
+}
+
+TEST(FseBlock, RoundTripsSizes) {
+  std::mt19937 rng(6);
+  for (size_t n : {2, 3, 4, 5, 6, 7, 8, 9, 15, 16, 17, 31, 33, 64, 100, 255, 1000, 4097, 30000, 65536}) {
+    Bytes two(n, 0);
+    two[0] = 1;
+    two[n - 1] = 1;
+    if (n >= 16) expect_round_trip(two);
+    for (double decay : {0.1, 0.5, 0.9}) {
+      Bytes src = skewed(rng, n, 256, decay);
+      if (compress(src).empty()) continue;  // tiny or flat sources may not pay
+      expect_round_trip(src);
+    }
+  }
+}
+
+TEST(FseBlock, RoundTripsTableLogsAndAlphabets) {
+  std::mt19937 rng(8);
+  for (unsigned log = 5; log <= 12; log++) {
+    for (int alphabet : {2, 3, 17, 64, 256}) {
+      Bytes src = skewed(rng, 65536, alphabet, alphabet == 256 ? 0.98 : 0.6);
+      expect_round_trip(src, log);
+    }
+  }
+  // A symbol far below one point takes the -1 count.
+  Bytes rare(65536, 3);
+  rare[100] = 200;
+  rare[200] = 0;
+  expect_round_trip(rare);
+  // Only the largest symbol value at 255.
+  Bytes high(5000, 255);
+  for (size_t i = 0; i < high.size(); i += 3) high[i] = 254;
+  expect_round_trip(high);
+}
+
+// ---- Fuzz -------------------------------------------------------------------------
+
+TEST(FseFuzz, CorruptTruncatedAndGarbageInput) {
+  constexpr size_t Capacity = 4096;
+  constexpr uint8_t Canary = 0x5c;
+  std::mt19937 rng(12345);
+  std::vector<Bytes> samples;
+  for (int k = 0; k < 12; k++) {
+    Bytes src = skewed(rng, 64 + rng() % (Capacity - 64), 2 + int(rng() % 100), 0.3 + 0.06 * k);
+    Bytes coded = compress(src);
+    if (!coded.empty()) samples.push_back(coded);
+  }
+  ASSERT_GE(samples.size(), 8u);
+  for (int iteration = 0; iteration < 20000; iteration++) {
+    const uint32_t seed = uint32_t(iteration);
+    std::mt19937 r(seed);
+    Bytes in = samples[r() % samples.size()];
+    switch (r() % 4) {
+      case 0:  // flip a few bytes
+        for (uint32_t k = 1 + r() % 4; k; k--) in[r() % in.size()] ^= uint8_t(1 + r() % 255);
+        break;
+      case 1:  // cut short
+        in.resize(r() % in.size());
+        break;
+      case 2:  // garbage of any length
+        in.resize(r() % 300);
+        for (uint8_t& b : in) b = uint8_t(r());
+        break;
+      default:  // a valid header in front of garbage
+        for (size_t i = 2 + r() % 8; i < in.size(); i++) in[i] = uint8_t(r());
+    }
+    Bytes exact(in);  // exactly sized: ASan sees any read past it
+    Bytes out(Capacity + 16, Canary);
+    int64_t result = FSE_decompress(out.data(), Capacity, exact.data(), exact.size());
+    ASSERT_LE(result, int64_t(Capacity)) << "seed " << seed;
+    for (size_t i = Capacity; i < out.size(); i++)
+      ASSERT_EQ(out[i], Canary) << "wrote past the output, seed " << seed;
+  }
+}
+
+TEST(FseFuzz, EveryTruncationFailsOrStops) {
+  std::mt19937 rng(77);
+  Bytes src = skewed(rng, 3000, 30, 0.7);
+  Bytes coded = compress(src);
+  ASSERT_FALSE(coded.empty());
+  for (size_t cut = 0; cut < coded.size(); cut++) {
+    Bytes part(coded.begin(), coded.begin() + long(cut));
+    Bytes out;
+    int64_t r = decompress(part, out, src.size());
+    EXPECT_NE(r, int64_t(src.size())) << cut;
+  }
+}
+
+}  // namespace

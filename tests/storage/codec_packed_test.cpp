@@ -1,0 +1,232 @@
+// The packed block format: hand-computed bytes, round trips of every form,
+// measured sizes, bounds, and reads that stop at the row's end.
+#include <gtest/gtest.h>
+
+#include "codec_support.h"
+#include "storage/codec.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes packed32(const std::vector<uint32_t>& row) {
+  Bytes out(pack_bound32(int(row.size())) + 16, 0xcc);
+  uint8_t* end = pack32(out.data(), row.data(), int(row.size()));
+  EXPECT_LE(size_t(end - out.data()), pack_bound32(int(row.size())));
+  out.resize(size_t(end - out.data()));
+  return out;
+}
+
+Bytes packed16(const std::vector<uint16_t>& row) {
+  Bytes out(pack_bound16(int(row.size())) + 16, 0xcc);
+  uint8_t* end = pack16(out.data(), row.data(), int(row.size()));
+  EXPECT_LE(size_t(end - out.data()), pack_bound16(int(row.size())));
+  out.resize(size_t(end - out.data()));
+  return out;
+}
+
+Bytes packed24(const std::vector<uint32_t>& row) {
+  Bytes out(pack_bound24(int(row.size())) + 16, 0xcc);
+  uint8_t* end = pack24(out.data(), row.data(), int(row.size()));
+  EXPECT_LE(size_t(end - out.data()), pack_bound24(int(row.size())));
+  out.resize(size_t(end - out.data()));
+  return out;
+}
+
+Bytes concat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
+
+Bytes repeat(uint8_t b, size_t n) { return Bytes(n, b); }
+
+// ---- Exact bytes --------------------------------------------------------------
+
+TEST(PackedFormat, ExactBlockClasses32) {
+  std::vector<uint32_t> row(32, 0);
+  for (int i = 8; i < 16; i++) row[size_t(i)] = 255;           // class 1
+  row[16] = 256;                                                // class 2
+  row[31] = 65536;                                              // class 3
+  Bytes expect = {0xe4};
+  expect = concat({expect, repeat(255, 8), {0, 1}, repeat(0, 14), repeat(0, 28), {0, 0, 1, 0}});
+  EXPECT_EQ(packed32(row), expect);
+}
+
+TEST(PackedFormat, ExactShortcutAndTail32) {
+  // 32 one-byte values: control 0x55 and 32 bytes; 33rd value: a tail group.
+  std::vector<uint32_t> row(33);
+  for (int i = 0; i < 32; i++) row[size_t(i)] = uint32_t(i);
+  row[32] = 300;
+  Bytes expect = {0x55};
+  for (int i = 0; i < 32; i++) expect.push_back(uint8_t(i));
+  expect = concat({expect, {1, 0x2c, 0x01}});
+  EXPECT_EQ(packed32(row), expect);
+  // A zero block costs one byte; zeros in the tail cost a byte each.
+  EXPECT_EQ(packed32(std::vector<uint32_t>(32, 0)), Bytes{0});
+  EXPECT_EQ(packed32(std::vector<uint32_t>(5, 0)), (Bytes{0, 0, 0, 0, 0, 0}));
+  // Tail classes: 0 bytes, 1 16 bits, 3 32 bits; 2 is never written alone.
+  EXPECT_EQ(packed32({255, 1}), (Bytes{0, 255, 1}));
+  EXPECT_EQ(packed32({256}), (Bytes{1, 0, 1}));
+  EXPECT_EQ(packed32({65536, 1}), (Bytes{3, 0, 0, 1, 0, 1, 0, 0, 0}));
+  // Nine values: two tail groups.
+  EXPECT_EQ(packed32(std::vector<uint32_t>(9, 7)), concat({{0}, repeat(7, 8), {0, 7}}));
+  EXPECT_TRUE(packed32({}).empty());
+}
+
+TEST(PackedFormat, ExactTwelveBitGroup) {
+  std::vector<uint16_t> row(32, 0);
+  const uint16_t g[8] = {1, 2, 3, 4, 5, 6, 7, 4095};
+  for (int i = 0; i < 8; i++) row[size_t(8 + i)] = g[i];
+  row[24] = 4096;  // 16 bits from 4096 on
+  Bytes expect = {uint8_t(0 | 2 << 2 | 0 << 4 | 3 << 6)};
+  expect = concat({expect, {0x01, 0x20, 0x00, 0x03, 0x40, 0x00, 0x05, 0x60, 0x00, 0x07, 0xf0, 0xff},
+                   {0x00, 0x10}, repeat(0, 14)});
+  EXPECT_EQ(packed16(row), expect);
+  // The reader's formula for the same three words.
+  const uint32_t w0 = 0x03002001, w1 = 0x60050040, w2 = 0xfff00700;
+  const uint32_t values[8] = {w0 & 0xfff, w0 >> 12 & 0xfff, (w1 & 15) << 8 | w0 >> 24, w1 >> 4 & 0xfff,
+                              w1 >> 16 & 0xfff, (w2 & 255) << 4 | w1 >> 28, w2 >> 8 & 0xfff, w2 >> 20};
+  for (int i = 0; i < 8; i++) EXPECT_EQ(values[i], g[i]);
+}
+
+TEST(PackedFormat, ExactTail16And24) {
+  EXPECT_EQ(packed16({255, 0}), (Bytes{1, 255, 0}));
+  EXPECT_EQ(packed16({256, 0}), (Bytes{3, 0, 1, 0, 0}));
+  std::vector<uint16_t> bytes32(32, 9);
+  EXPECT_EQ(packed16(bytes32), concat({{0x55}, repeat(9, 32)}));
+  // Unpacking takes any tail control other than 1 as 16 bits.
+  uint16_t out[2];
+  const Bytes zero_control = {0, 0x34, 0x12, 0x01, 0x00};
+  EXPECT_EQ(unpack16(out, 2, zero_control.data()), zero_control.data() + 5);
+  EXPECT_EQ(out[0], 0x1234);
+  EXPECT_EQ(out[1], 1);
+
+  EXPECT_EQ(packed24({0x123456}), (Bytes{3, 0x56, 0x34, 0x12}));
+  EXPECT_EQ(packed24({0x1000001}), (Bytes{0, 1}));  // low 24 bits only
+  std::vector<uint32_t> block(32, 0);
+  block[0] = 0xabcdef;
+  block[7] = 1;
+  Bytes expect = concat({{3}, {0xef, 0xcd, 0xab}, repeat(0, 18), {1, 0, 0}});
+  EXPECT_EQ(packed24(block), expect);
+  // Any tail control other than 0 and 1 reads three bytes.
+  uint32_t v;
+  const Bytes two = {2, 1, 2, 3};
+  unpack24(&v, 1, two.data());
+  EXPECT_EQ(v, 0x030201u);
+}
+
+// ---- Round trips ----------------------------------------------------------------
+
+void check32(const std::vector<uint32_t>& row) {
+  const int n = int(row.size());
+  Bytes p = packed32(row);
+  EXPECT_EQ(packed_size32(p.data(), p.size(), n), int64_t(p.size()));
+  // Exactly sized, so a read past the row's end is an error under ASan.
+  Bytes exact(p);
+  std::vector<uint32_t> back(row.size() + 1, 0xdeadbeef);
+  EXPECT_EQ(unpack32(back.data(), n, exact.data()), exact.data() + exact.size());
+  back.pop_back();
+  ASSERT_EQ(back, row);
+}
+
+void check16(const std::vector<uint16_t>& row) {
+  const int n = int(row.size());
+  Bytes p = packed16(row);
+  EXPECT_EQ(packed_size16(p.data(), p.size(), n), int64_t(p.size()));
+  Bytes exact(p);
+  std::vector<uint16_t> back(row.size() + 1, 0xbeef);
+  EXPECT_EQ(unpack16(back.data(), n, exact.data()), exact.data() + exact.size());
+  EXPECT_EQ(back.back(), 0xbeef);
+  back.pop_back();
+  ASSERT_EQ(back, row);
+}
+
+void check24(const std::vector<uint32_t>& row) {
+  const int n = int(row.size());
+  Bytes p = packed24(row);
+  EXPECT_EQ(packed_size24(p.data(), p.size(), n), int64_t(p.size()));
+  Bytes exact(p);
+  std::vector<uint32_t> back(row.size() + 1, 0xdeadbeef);
+  EXPECT_EQ(unpack24(back.data(), n, exact.data()), exact.data() + exact.size());
+  EXPECT_EQ(back.back(), 0xdeadbeefu);
+  back.pop_back();
+  for (size_t i = 0; i < row.size(); i++) ASSERT_EQ(back[i], row[i] & 0xffffff) << i;
+}
+
+std::vector<uint16_t> narrow(const std::vector<uint32_t>& v) {
+  std::vector<uint16_t> out(v.size());
+  for (size_t i = 0; i < v.size(); i++) out[i] = uint16_t(v[i] > 65535 ? 65535 : v[i]);
+  return out;
+}
+
+TEST(PackedFormat, RoundTripsAdversarial) {
+  for (int n : test_lengths()) {
+    for (const auto& row : adversarial_rows(n, 0xffffffffu)) {
+      check32(row);
+      check24(row);
+    }
+    for (const auto& row : adversarial_rows(n, 65535)) check16(narrow(row));
+  }
+}
+
+TEST(PackedFormat, RoundTripsRandom) {
+  std::mt19937 rng(3);
+  for (int n = 0; n <= 130; n++) {
+    for (uint32_t scale : {1u, 200u, 5000u, 70000u, 20000000u}) {
+      std::vector<uint32_t> row = realistic_row(rng, n, scale);
+      check32(row);
+      check24(row);
+      check16(narrow(row));
+    }
+    // Every class in every group position, including the 12-bit border.
+    std::vector<uint32_t> mixed(static_cast<size_t>(n));
+    const uint32_t tops[] = {0, 255, 256, 4095, 4096, 65535, 65536, 0xffffff};
+    for (int i = 0; i < n; i++) mixed[size_t(i)] = tops[(size_t(i) / 8 + size_t(n)) % 8] >> (rng() % 2);
+    check32(mixed);
+    check24(mixed);
+    check16(narrow(mixed));
+  }
+  for (int k = 0; k < 50; k++) {
+    std::vector<uint32_t> row = realistic_row(rng, 1326, 1u << (k % 24));
+    check32(row);
+    check24(row);
+    check16(narrow(row));
+  }
+}
+
+TEST(PackedFormat, BoundsAreTight) {
+  // Every value at full width reaches the bound exactly.
+  for (int n : test_lengths()) {
+    EXPECT_EQ(packed32(std::vector<uint32_t>(size_t(n), 0xffffffff)).size(), pack_bound32(n));
+    EXPECT_EQ(packed16(std::vector<uint16_t>(size_t(n), 0xffff)).size(), pack_bound16(n));
+    EXPECT_EQ(packed24(std::vector<uint32_t>(size_t(n), 0xffffff)).size(), pack_bound24(n));
+  }
+  EXPECT_EQ(pack_bound32(1326), size_t(41 * 129 + 2 + 14 * 4));
+  EXPECT_EQ(pack_bound16(31), size_t(4 + 62));
+}
+
+TEST(PackedFormat, MeasureRejectsShortInput) {
+  std::mt19937 rng(5);
+  for (int n : {1, 9, 32, 33, 100, 1326}) {
+    std::vector<uint32_t> row = realistic_row(rng, n, 100000);
+    Bytes p = packed32(row);
+    for (size_t cut = 0; cut < p.size(); cut++) {
+      Bytes prefix(p.begin(), p.begin() + long(cut));
+      EXPECT_EQ(packed_size32(prefix.data(), prefix.size(), n), -1) << n << " " << cut;
+    }
+    Bytes q = packed16(narrow(row));
+    for (size_t cut = 0; cut < q.size(); cut++) {
+      Bytes prefix(q.begin(), q.begin() + long(cut));
+      EXPECT_EQ(packed_size16(prefix.data(), prefix.size(), n), -1);
+    }
+    Bytes w = packed24(row);
+    for (size_t cut = 0; cut < w.size(); cut++) {
+      Bytes prefix(w.begin(), w.begin() + long(cut));
+      EXPECT_EQ(packed_size24(prefix.data(), prefix.size(), n), -1);
+    }
+  }
+  EXPECT_EQ(packed_size32(nullptr, 0, 0), 0);
+}
+
+}  // namespace

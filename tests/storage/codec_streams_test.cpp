@@ -1,0 +1,307 @@
+// The channel codecs: round trips of all three ids, the exact channel layout
+// of the FSE codec (flags, masks, contexts, escapes, blocks), the nibble
+// codec's blocks, and the failures of corrupt or foreign streams.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+
+#include "codec_support.h"
+#include "storage/codec.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+struct Block {
+  uint32_t source_size;
+  int32_t coded_size;
+  Bytes payload;  // after decoding
+};
+
+// Splits one FseCodec channel into its blocks (`skip` bytes in front).
+std::vector<Block> fse_blocks(const Bytes& channel, size_t skip = 0) {
+  std::vector<Block> blocks;
+  size_t at = skip;
+  while (at < channel.size()) {
+    Block b;
+    EXPECT_LE(at + 8, channel.size());
+    memcpy(&b.source_size, &channel[at], 4);
+    memcpy(&b.coded_size, &channel[at + 4], 4);
+    at += 8;
+    if (b.coded_size > 1) {
+      b.payload.resize(b.source_size);
+      EXPECT_EQ(FSE_decompress(b.payload.data(), b.payload.size(), &channel[at], size_t(b.coded_size)),
+                int64_t(b.source_size));
+      at += size_t(b.coded_size);
+    } else if (b.coded_size == 1) {
+      b.payload.assign(b.source_size, channel[at]);
+      at += 1;
+    } else {
+      b.payload.assign(channel.begin() + long(at), channel.begin() + long(at + b.source_size));
+      at += b.source_size;
+    }
+    blocks.push_back(b);
+  }
+  EXPECT_EQ(at, channel.size());
+  return blocks;
+}
+
+Bytes fse_payload(const Bytes& channel, size_t skip = 0) {
+  Bytes all;
+  for (const Block& b : fse_blocks(channel, skip)) all.insert(all.end(), b.payload.begin(), b.payload.end());
+  return all;
+}
+
+// Encodes transformed rows as given.
+void encode_transformed(MemoryChannels& m, CodecId id, const std::vector<std::vector<uint32_t>>& rows) {
+  std::unique_ptr<RowEncoder> e(make_encoder(id, m.sink()));
+  for (const auto& t : rows) e->encode(t.data(), int(t.size()), false);
+}
+
+// ---- Round trips ----------------------------------------------------------------
+
+struct RowCase {
+  std::vector<uint32_t> row;
+  int reference;  // index of the reference row, or -1
+};
+
+std::vector<RowCase> row_cases(std::mt19937& rng, uint32_t max_value) {
+  std::vector<RowCase> cases;
+  for (int n : test_lengths()) {
+    for (auto& row : adversarial_rows(n, max_value)) cases.push_back({row, -1});
+    for (int k = 0; k < 6; k++) {
+      std::vector<uint32_t> row = realistic_row(rng, n, k < 3 ? 200 : 40000);
+      for (uint32_t& v : row) v = v > max_value ? max_value : v;
+      cases.push_back({row, -1});
+      std::vector<uint32_t> near = neighbour_row(rng, row);
+      for (uint32_t& v : near) v = v > max_value ? max_value : v;
+      cases.push_back({near, int(cases.size()) - 1});
+    }
+  }
+  return cases;
+}
+
+void round_trip32(CodecId id, const std::vector<RowCase>& cases) {
+  MemoryChannels m;
+  {
+    std::unique_ptr<RowEncoder> e(make_encoder(id, m.sink()));
+    ASSERT_TRUE(e);
+    for (const RowCase& c : cases)
+      encode_row32(*e, c.row.data(), c.reference < 0 ? nullptr : cases[size_t(c.reference)].row.data(),
+                   int(c.row.size()));
+  }
+  std::unique_ptr<RowDecoder> d(make_decoder(m.source()));
+  ASSERT_TRUE(d);
+  EXPECT_TRUE(d->handles_reference());
+  std::vector<std::vector<uint32_t>> decoded;
+  for (size_t i = 0; i < cases.size(); i++) {
+    const RowCase& c = cases[i];
+    std::vector<uint32_t> row(c.row.size() + 1, 0xabababab);
+    d->decode32(row.data(), c.reference < 0 ? nullptr : decoded[size_t(c.reference)].data(), int(c.row.size()));
+    EXPECT_EQ(row.back(), 0xababababu) << "wrote past the row";
+    row.pop_back();
+    ASSERT_EQ(row, c.row) << "row " << i << " of codec " << int(id);
+    decoded.push_back(row);
+  }
+}
+
+TEST(CodecStreams, RoundTripAllCodecs32) {
+  std::mt19937 rng(21);
+  std::vector<RowCase> cases = row_cases(rng, 0xffffffffu);
+  round_trip32(CodecId::FseCodec, cases);
+  round_trip32(CodecId::NibbleCodec, cases);
+  round_trip32(CodecId::RangeCodec, cases);
+}
+
+TEST(CodecStreams, RoundTripFse16) {
+  std::mt19937 rng(22);
+  std::vector<RowCase> cases = row_cases(rng, 65535);
+  MemoryChannels m;
+  {
+    std::unique_ptr<RowEncoder> e(make_encoder(CodecId::FseCodec, m.sink()));
+    std::vector<uint16_t> row, ref;
+    for (const RowCase& c : cases) {
+      row.assign(c.row.begin(), c.row.end());
+      if (c.reference >= 0) ref.assign(cases[size_t(c.reference)].row.begin(), cases[size_t(c.reference)].row.end());
+      encode_row16(*e, row.data(), c.reference < 0 ? nullptr : ref.data(), int(row.size()));
+    }
+  }
+  std::unique_ptr<RowDecoder> d(make_decoder(m.source()));
+  std::vector<std::vector<uint16_t>> decoded;
+  for (const RowCase& c : cases) {
+    std::vector<uint16_t> row(c.row.size());
+    d->decode16(row.data(), c.reference < 0 ? nullptr : decoded[size_t(c.reference)].data(), int(row.size()));
+    ASSERT_EQ(std::vector<uint32_t>(row.begin(), row.end()), c.row);
+    decoded.push_back(row);
+  }
+}
+
+TEST(CodecStreams, ManyBlocksPerChannel) {
+  // Enough rows that several channels pass 65536 bytes and are cut in blocks.
+  std::mt19937 rng(23);
+  std::vector<RowCase> cases;
+  for (int k = 0; k < 500; k++) {
+    std::vector<uint32_t> row = realistic_row(rng, 1326, k % 2 ? 300 : 100000);
+    cases.push_back({row, -1});
+    cases.push_back({neighbour_row(rng, row), int(cases.size()) - 1});
+  }
+  round_trip32(CodecId::FseCodec, cases);
+  round_trip32(CodecId::NibbleCodec, cases);
+}
+
+// ---- FseCodec layout -------------------------------------------------------------
+
+TEST(FseCodecLayout, AllZeroRow) {
+  MemoryChannels m;
+  encode_transformed(m, CodecId::FseCodec, {std::vector<uint32_t>(16, 0)});
+  // Channel 0: the id, then a one-byte block, stored raw.
+  EXPECT_EQ(m.data[0], (Bytes{2, 1, 0, 0, 0, 0, 0, 0, 0, 0}));
+  // Channel 1: two zero masks, one repeated byte: coded_size 1.
+  EXPECT_EQ(m.data[1], (Bytes{2, 0, 0, 0, 1, 0, 0, 0, 0}));
+  for (int c = 2; c < CodecChannelCount; c++) EXPECT_TRUE(m.data[c].empty()) << c;
+}
+
+TEST(FseCodecLayout, ContextsAndEscapes) {
+  MemoryChannels m;
+  // t values: 3 (v 2, context 0), 0, 20 (v 19, context 2), 5 (v 4, context 15),
+  // 255 (v 254, plain, context 3), 256 (v 255: escape), 65535 (v 65534),
+  // 65536 (v 65535: second escape), then a short group: 0, 1.
+  encode_transformed(m, CodecId::FseCodec, {{3, 0, 20, 5, 255, 256, 65535, 65536, 0, 1}});
+  EXPECT_EQ(fse_payload(m.data[0], 1), (Bytes{0}));
+  EXPECT_EQ(fse_payload(m.data[1]), (Bytes{0xfd, 0x02}));
+  EXPECT_EQ(fse_payload(m.data[2 + 0]), (Bytes{2}));
+  EXPECT_EQ(fse_payload(m.data[2 + 2]), (Bytes{19}));
+  EXPECT_EQ(fse_payload(m.data[2 + 15]), (Bytes{4, 255, 255, 255, 0}));
+  EXPECT_EQ(fse_payload(m.data[2 + 4]), (Bytes{254}));
+  EXPECT_EQ(fse_payload(m.data[18]), (Bytes{255, 254, 255}));
+  EXPECT_EQ(fse_payload(m.data[19]), (Bytes{0, 255, 255}));
+  EXPECT_EQ(fse_payload(m.data[20]), (Bytes{0xff}));
+  EXPECT_EQ(fse_payload(m.data[21]), (Bytes{0xff}));
+  EXPECT_EQ(fse_payload(m.data[22]), (Bytes{0}));
+  EXPECT_EQ(fse_payload(m.data[23]), (Bytes{0}));
+  for (int c : {3, 5, 7, 8, 16}) EXPECT_TRUE(m.data[c].empty()) << c;
+  // The context resets at each row.
+  MemoryChannels n;
+  encode_transformed(n, CodecId::FseCodec, {{20}, {20}});
+  EXPECT_EQ(fse_payload(n.data[2]), (Bytes{19, 19}));
+}
+
+TEST(FseCodecLayout, BlocksOf65536) {
+  // Rows of length 0 cost one flag byte each in channel 0.
+  for (int rows : {65536, 65537}) {
+    MemoryChannels m;
+    {
+      std::unique_ptr<RowEncoder> e(make_encoder(CodecId::FseCodec, m.sink()));
+      for (int i = 0; i < rows; i++) e->encode(nullptr, 0, i % 3 == 0);
+    }
+    std::vector<Block> blocks = fse_blocks(m.data[0], 1);
+    ASSERT_EQ(blocks.size(), rows == 65536 ? 1u : 2u);
+    EXPECT_EQ(blocks[0].source_size, 65536u);
+    EXPECT_GT(blocks[0].coded_size, 1);  // two symbols, 1 : 2, compress
+    if (rows == 65537) {
+      EXPECT_EQ(blocks[1].source_size, 1u);
+      EXPECT_EQ(blocks[1].coded_size, 0);
+    }
+    for (int c = 1; c < CodecChannelCount; c++) EXPECT_TRUE(m.data[c].empty());
+    std::unique_ptr<RowDecoder> d(make_decoder(m.source()));
+    for (int i = 0; i < rows; i++) d->decode32(nullptr, nullptr, 0);
+  }
+}
+
+TEST(FseCodecLayout, IncompressibleBlockGoesRaw) {
+  // Masks of random bytes don't compress: coded_size 0 and the raw bytes.
+  std::mt19937 rng(31);
+  std::vector<uint32_t> t(1024);
+  for (uint32_t& v : t) v = rng() % 2;
+  MemoryChannels m;
+  encode_transformed(m, CodecId::FseCodec, {t});
+  std::vector<Block> blocks = fse_blocks(m.data[1]);
+  ASSERT_EQ(blocks.size(), 1u);
+  EXPECT_EQ(blocks[0].coded_size, 0);
+  EXPECT_EQ(m.data[1].size(), 8u + 128u);
+}
+
+TEST(FseCodecDeathTest, CorruptBlockEndsTheProcess) {
+  std::mt19937 rng(41);
+  MemoryChannels m;
+  {
+    std::unique_ptr<RowEncoder> e(make_encoder(CodecId::FseCodec, m.sink()));
+    for (int k = 0; k < 50; k++) encode_row32(*e, realistic_row(rng, 1326, 100).data(), nullptr, 1326);
+  }
+  std::vector<Block> blocks = fse_blocks(m.data[1]);
+  ASSERT_GT(blocks[0].coded_size, 1);
+  auto decode_all = [](MemoryChannels& c) {
+    std::unique_ptr<RowDecoder> d(make_decoder(c.source()));
+    std::vector<uint32_t> row(1326);
+    for (int k = 0; k < 50; k++) d->decode32(row.data(), nullptr, 1326);
+  };
+  // A bitstream without its end mark.
+  MemoryChannels bad_payload = m;
+  bad_payload.data[1][8 + size_t(blocks[0].coded_size) - 1] = 0;
+  EXPECT_EXIT(decode_all(bad_payload), testing::ExitedWithCode(1), "");
+  // A header whose counts don't fill the table.
+  MemoryChannels bad_header = m;
+  bad_header.data[1][8] ^= 0x30;
+  EXPECT_EXIT(decode_all(bad_header), testing::ExitedWithCode(1), "");
+  MemoryChannels truncated = m;
+  truncated.data[1].resize(truncated.data[1].size() / 2);
+  EXPECT_EXIT(decode_all(truncated), testing::ExitedWithCode(1), "");
+  MemoryChannels bad_size = m;
+  bad_size.data[1][2] = 9;  // source_size above 65536
+  EXPECT_EXIT(decode_all(bad_size), testing::ExitedWithCode(1), "");
+}
+
+// ---- Other codecs ------------------------------------------------------------------
+
+TEST(NibbleCodecLayout, BlocksOf256) {
+  MemoryChannels m;
+  // Bits: flag 0; group 1: any 1, then 1 0 1; group 2 (one value): any 1, 1.
+  // Nibbles: v 2, v 15 -> 15 then byte 15; v 300 -> 15, byte 255, 16 bits 300.
+  encode_transformed(m, CodecId::NibbleCodec, {{3, 0, 16}, {301}});
+  Bytes bits(256, 0), nibbles(256, 0), bytes(256, 0);
+  bits[0] = 0b11010110;  // row 1: 0, 1, 1, 0, 1; row 2 from bit 5: 0, 1, 1
+  nibbles[0] = 0xf2;
+  nibbles[1] = 0x0f;
+  bytes[0] = 15;
+  bytes[1] = 255;
+  bytes[2] = 0x2c;
+  bytes[3] = 0x01;
+  EXPECT_EQ(m.data[1], bits);
+  EXPECT_EQ(m.data[2], nibbles);
+  bytes.insert(bytes.begin(), 1);  // the CodecId in front
+  EXPECT_EQ(m.data[0], bytes);
+}
+
+TEST(CodecStreams, ForeignStreams) {
+  MemoryChannels empty;
+  EXPECT_EQ(make_decoder(empty.source()), nullptr);
+  MemoryChannels unknown;
+  unknown.data[0] = {3};
+  EXPECT_EQ(make_decoder(unknown.source()), nullptr);
+  MemoryChannels wrong_magic;
+  wrong_magic.data[0] = {0, 'C', 'm', 'p', 'x'};
+  try {
+    make_decoder(wrong_magic.source());
+    ADD_FAILURE() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "compressor wrong id");
+  }
+  // The range coder's stream starts with its magic and histogram.
+  MemoryChannels m;
+  encode_transformed(m, CodecId::RangeCodec, {{1, 2, 3}});
+  ASSERT_GE(m.data[0].size(), 1u + 4 + 2048);
+  EXPECT_EQ(Bytes(m.data[0].begin(), m.data[0].begin() + 5), (Bytes{0, 'C', 'm', 'p', 'r'}));
+  uint64_t count0;
+  memcpy(&count0, &m.data[0][5], 8);
+  EXPECT_EQ(count0, 1u);  // symbol 0 is t = 1
+  // Decoders of the older codecs leave 16-bit rows alone.
+  MemoryChannels nib;
+  encode_transformed(nib, CodecId::NibbleCodec, {{5}});
+  std::unique_ptr<RowDecoder> d(make_decoder(nib.source()));
+  uint16_t row[1] = {77};
+  d->decode16(row, nullptr, 1);
+  EXPECT_EQ(row[0], 77);
+}
+
+}  // namespace

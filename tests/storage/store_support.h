@@ -1,0 +1,124 @@
+// Shared pieces of the store tests: seeded rows, hand vectors, the settings
+// the stores read, and double-precision references of the store arithmetic.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "shell/shell.h"
+#include "storage/store.h"
+
+namespace store_test {
+
+// Restores the globals that stores read.
+struct StoreSettings : ::testing::Test {
+  bool saved_adaptive = AdaptivePrecision;
+  double saved_precision = Precision;
+  bool saved_avx512 = UseAvx512;
+  bool saved_river = RiverStrategyEnabled;
+  int32_t saved_iteration = RegretIteration;
+  void SetUp() override {
+    AdaptivePrecision = true;
+    Precision = 0;
+    UseAvx512 = false;
+    RiverStrategyEnabled = true;
+    RegretIteration = 1;  // not a multiple of 10: no rescale unless a test asks
+  }
+  void TearDown() override {
+    AdaptivePrecision = saved_adaptive;
+    Precision = saved_precision;
+    UseAvx512 = saved_avx512;
+    RiverStrategyEnabled = saved_river;
+    RegretIteration = saved_iteration;
+  }
+};
+
+inline void fill(HandVector& v, const std::vector<float>& x) {
+  v.resize(int32_t(x.size()), false);
+  if (!x.empty()) memcpy(v.data, x.data(), x.size() * sizeof(float));
+}
+
+inline std::vector<float> to_vector(const HandVector& v) {
+  return v.data ? std::vector<float>(v.data, v.data + v.count) : std::vector<float>(size_t(v.count), 0.0f);
+}
+
+inline std::vector<float> random_floats(std::mt19937& rng, int n, float lo, float hi) {
+  std::uniform_real_distribution<float> d(lo, hi);
+  std::vector<float> x(static_cast<size_t>(n));
+  for (float& f : x) f = d(rng);
+  return x;
+}
+
+// Rows per action, one HandVector each.
+struct Rows {
+  std::vector<HandVector> v;
+  Rows(int actions) : v(size_t(actions)) {}
+  HandVector* data() { return v.data(); }
+  HandVector& operator[](int a) { return v[size_t(a)]; }
+};
+
+// A strategy: per hand, non-negative values that sum to one over the actions.
+inline Rows random_strategy(std::mt19937& rng, int actions, int n) {
+  Rows r(actions);
+  std::vector<std::vector<float>> x(static_cast<size_t>(actions), std::vector<float>(static_cast<size_t>(n)));
+  std::uniform_real_distribution<float> d(0.0f, 1.0f);
+  for (int i = 0; i < n; i++) {
+    float s = 0;
+    for (int a = 0; a < actions; a++) s += x[size_t(a)][size_t(i)] = d(rng);
+    for (int a = 0; a < actions; a++) x[size_t(a)][size_t(i)] /= s;
+  }
+  for (int a = 0; a < actions; a++) fill(r[a], x[size_t(a)]);
+  return r;
+}
+
+// ---- References in double precision ---------------------------------------------
+
+inline double power34(double d) { return std::pow(std::fabs(d), 0.75); }
+
+// Float regret: v + sign(d) |d|^0.75, flushed below the smallest normal.
+inline double ref_regret_f32(double v, double d) {
+  double r = std::fabs(d) < FLT_MIN ? 0.0 : (d < 0 ? -power34(d) : power34(d));
+  double nv = v + r;
+  return nv < FLT_MIN ? 0.0 : nv;
+}
+
+// 16-bit regret with p = s^0.75 and threshold t = 1 / s; the low 16 bits kept.
+inline uint32_t ref_regret_u16(uint32_t v, double d, double s) {
+  double p = std::pow(s, 0.75);
+  double t = 1.0 / s;
+  if (d >= t) return (v + uint32_t(std::trunc(p * power34(d)))) & 0xffff;
+  if (d <= -t) {
+    int64_t x = int64_t(v) - int64_t(std::trunc(p * power34(d)));
+    return uint32_t(x < 0 ? 0 : x);
+  }
+  return v;
+}
+
+// Expects |a - b| <= tol for every entry; reports the first failure.
+template <typename A, typename B>
+void expect_near_all(const A& a, const B& b, size_t n, double tol, const char* what) {
+  for (size_t i = 0; i < n; i++) {
+    if (std::fabs(double(a[i]) - double(b[i])) > tol) {
+      ADD_FAILURE() << what << ": entry " << i << " is " << double(a[i]) << ", expected "
+                    << double(b[i]);
+      return;
+    }
+  }
+}
+
+// A small river layout: `groups` turn cells, each with cells of mixed lengths
+// (some rising, some falling, so both reference rules occur).
+inline std::vector<std::vector<int32_t>> river_lengths(std::mt19937& rng, int groups, int cells,
+                                                       int max_len) {
+  std::uniform_int_distribution<int> len(1, max_len);
+  std::vector<std::vector<int32_t>> out(static_cast<size_t>(groups));
+  for (auto& g : out)
+    for (int c = 0; c < cells; c++) g.push_back(len(rng));
+  return out;
+}
+
+}  // namespace store_test
