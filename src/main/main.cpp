@@ -71,6 +71,9 @@ int main(int argc, char** argv) {
     TCLAP::SwitchArg color("r", "color", "color text", cmd, false);
     TCLAP::SwitchArg terminate("t", "terminateonerror", "terminate process on error", cmd, false);
     TCLAP::SwitchArg suppress("k", "suppressok", "suppress ok-messages", cmd, false);
+    // Side information ("#" lines, the one-line report form): for benchmark
+    // runners and controlling programs that want iteration counts.
+    TCLAP::SwitchArg comments("m", "comments", "show side information", cmd, false);
     TCLAP::MultiArg<std::string> commands("c", "cmd", "execute command", false, "command", cmd);
     TCLAP::UnlabeledValueArg<std::string> filename("filename", "script to load", false, "", "script.txt", cmd);
     std::vector<std::string> args(argv, argv + argc);
@@ -81,6 +84,7 @@ int main(int argc, char** argv) {
     ColorText = color.getValue();
     TerminateOnError = terminate.getValue();
     SuppressOk = suppress.getValue();
+    ShowComments = comments.getValue();
     script_commands = commands.getValue();
     script = filename.getValue();
   } catch (TCLAP::ArgException& e) {

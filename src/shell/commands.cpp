@@ -3,6 +3,7 @@
 
 #include "platform/platform.h"
 #include "shell/shell.h"
+#include "solver/solver.h"
 #include "storage/arena.h"
 #include "tree/tree.h"
 
@@ -20,8 +21,8 @@ const CommandEntry CommandTable[CommandCount] = {
     {"set_isomorphism", cmd_set_isomorphism, 3},
     {"skip_if_done", cmd_skip_if_done, 3},
     {"is_tree_present", cmd_is_tree_present, 1},
-    {"go", NI, -1},
-    {"stop", NI, 1},
+    {"go", cmd_go, -1},
+    {"stop", cmd_stop, 1},
     {"load_script", cmd_load_script, 2},
     {"set_range", cmd_set_range, 1328},
     {"set_board", cmd_set_board, -1},
@@ -43,7 +44,7 @@ const CommandEntry CommandTable[CommandCount] = {
     {"show_locked_combos", NI, 2},
     {"show_range", NI, -1},
     {"show_probs", NI, 2},
-    {"calc_results", NI, 1},
+    {"calc_results", cmd_calc_results, 1},
     {"calc_ev", NI, 3},
     {"calc_ev_pp", NI, 3},
     {"calc_ev_line", NI, 3},
@@ -55,7 +56,7 @@ const CommandEntry CommandTable[CommandCount] = {
     {"stdoutredi", cmd_stdoutredi, 2},
     {"stdoutredi_append", cmd_stdoutredi_append, 2},
     {"stdoutback", cmd_stdoutback, 1},
-    {"wait_for_solver", NI, 1},
+    {"wait_for_solver", cmd_wait_for_solver, 1},
     {"show_memory", cmd_show_memory, 1},
     {"node_count", cmd_node_count, 1},
     {"show_effective_stack", cmd_show_effective_stack, 1},

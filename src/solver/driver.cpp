@@ -1,14 +1,231 @@
+// The solving thread: iterations until accuracy, a limit or a stop, with an
+// evaluation every 25 iterations at most every 250 or 500 milliseconds.
 #include <omp.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <thread>
+
+#include "platform/platform.h"
 #include "solver/solver.h"
+
+int32_t SolverLimit = 0;
+bool LimitIsSteps = false;
+std::vector<SolverReport> ReportLog;
+std::mutex ReportLock;
+int32_t LastReportedCount = 0;
+double CpuSeconds = 0;
+
+static std::atomic<bool> WaitRequested{false};
+static std::mutex EndMutex;
+static std::condition_variable EndSignal;
 
 static int InitArgument = 0;
 static volatile long InitSum = 0;
 
+static void reset_report_log() {
+  std::lock_guard<std::mutex> lock(ReportLock);
+  ReportLog.clear();
+}
+
 void libsubgame_init(int n) {
   InitArgument = n;
+  ResetReportLog = reset_report_log;
   long sum = 0;
 #pragma omp parallel for schedule(dynamic, 1) reduction(+ : sum)
   for (int i = 0; i < 1000; i++) sum += i;
   InitSum = sum;
+}
+
+bool solver_running() { return SolverRunning; }
+
+bool tree_is_complete() { return ActiveTree && !(ActiveTree->flags & INCOMPLETE_TREE); }
+
+void request_stop() {
+  if (SolverRunning) SolverStopRequested = true;
+}
+
+void wait_for_end() {
+  WaitRequested = true;
+  std::unique_lock<std::mutex> lock(EndMutex);
+  // The predicate, not a bare signal: a run that ends as the wait begins is not missed.
+  EndSignal.wait(lock, [] { return !SolverRunning.load(); });
+  WaitRequested = false;
+}
+
+std::vector<SolverReport> copy_reports() {
+  std::lock_guard<std::mutex> lock(ReportLock);
+  return ReportLog;
+}
+
+static int64_t now_ns() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+static void print_storage_line(double seconds) {
+  double read = seconds > 0 ? double(StorageBytesRead.load()) / seconds / 1024 / 1024 : 0;
+  double written = seconds > 0 ? double(StorageBytesWritten.load()) / seconds / 1024 / 1024 : 0;
+  solver_print("#storage %d MB/s read, %d MB/s write\n", int(read), int(written));
+}
+
+void print_report() {
+  std::vector<SolverReport> list = copy_reports();
+  if (int32_t(list.size()) <= LastReportedCount) return;
+  LastReportedCount = int32_t(list.size());
+  const SolverReport& r = list.back();
+  double half = StartPot / 2;
+  const char* format =
+      ShowComments ? "#SOLVER:\trunning time: %.3f\tEV OOP: %.3f\tEV IP: %.3f\tOOP's MES: %.3f\tIP's MES: "
+                     "%.3f\tExploitable for: %.3f\tEND\n"
+                   : "SOLVER:\nrunning time: %.3f\nEV OOP: %.3f\nEV IP: %.3f\nOOP's MES: %.3f\nIP's MES: "
+                     "%.3f\nExploitable for: %.3f\nEND\n";
+  char block[1024];
+  snprintf(block, sizeof block, format, r.seconds, half + r.ev0, half + r.ev1, half + r.mes0, half + r.mes1,
+           r.exploitable);
+  solver_print("%s", block);
+  solver_print("#%d iterations\n", r.iteration);
+  print_storage_line(r.seconds);
+  if (Verbosity > 0)
+    solver_print("[%d iterations | cpu time %.1fs | peak working set %d MB]\n", r.iteration, CpuSeconds,
+                 int(peak_resident_bytes() >> 20));
+  fflush(stdout);
+  std::this_thread::yield();
+}
+
+static void finish_run(const char* reason) {
+  {
+    std::lock_guard<std::mutex> lock(EndMutex);
+    SolverStopRequested = false;
+    SolverRunning = false;
+  }
+  solver_print("SOLVER: stopped (%s)\n", reason);
+  fflush(stdout);
+  EndSignal.notify_all();
+}
+
+static void solving_thread() {
+  solver_print("SOLVER: started\n");
+  fflush(stdout);
+  Tree& tree = *ActiveTree;
+  const int32_t first_iteration = tree.iteration;
+  const double cpu_start = process_cpu_seconds();
+  CpuSeconds = 0;
+  const int64_t t0 = now_ns();
+  int64_t last_eval = t0;
+  int64_t min_gap = 0;
+  const char* reason = "requested";
+
+  while (!SolverStopRequested && tree.iteration < MaxIterations) {
+    omp_set_num_threads(ThreadCount);
+    run_iteration(tree);
+    const int32_t it = tree.iteration;
+
+    bool due = it == 25 || (it > 25 && (it - 25) % ReportPeriod == 0);
+    if (due) {
+      int64_t t = now_ns();
+      if ((t - last_eval) / 1000000 >= min_gap) {
+        last_eval = t;
+        min_gap = 4 * ReportPeriod > it ? 250 : 500;
+        TraverseResult p0 = traverse(tree, 0, MODE_EVALUATE);
+        TraverseResult p1 = traverse(tree, 1, MODE_EVALUATE);
+        SolverReport r;
+        r.iteration = it;
+        r.seconds = double((t - t0) / 1000000) / 1000.0;
+        r.ev0 = p0.ev;
+        r.ev1 = p1.ev;
+        r.mes0 = p0.mes;
+        r.mes1 = p1.mes;
+        r.exploitable = (r.mes0 + r.mes1 - r.ev0 - r.ev1) * 0.5;
+        {
+          std::lock_guard<std::mutex> lock(ReportLock);
+          ReportLog.push_back(r);
+        }
+        CpuSeconds = process_cpu_seconds() - cpu_start;
+        print_report();
+        if (AccuracyTarget >= r.exploitable) {
+          reason = "required accuracy reached";
+          break;
+        }
+      }
+    }
+    if (LimitIsSteps) {
+      if (first_iteration + SolverLimit <= it) {
+        reason = "required number of steps done";
+        break;
+      }
+    } else if (SolverLimit > 0 && (now_ns() - t0) / 1000000000 >= SolverLimit) {
+      reason = "timeout reached";
+      break;
+    }
+  }
+  finish_run(reason);
+}
+
+bool start_solver(int32_t limit, bool limit_is_steps, void (*before_start)()) {
+  if (SolverRunning || !tree_is_complete()) return false;
+  SolverLimit = limit;
+  LimitIsSteps = limit_is_steps;
+  reset_report_log();
+  Tree& tree = *ActiveTree;
+  if (!tree.stores_ready) {
+    for (Node& node : tree.nodes) {
+      if (!node.regretStore || node.stores_ready) continue;
+      if (!node.regretStore->materialise()) return false;
+      if (node.strategyStore && !node.strategyStore->materialise()) return false;
+      node.stores_ready = true;
+    }
+    tree.stores_ready = true;
+  }
+  SolverStopRequested = false;
+  SolverRunning = true;
+  if (before_start) before_start();
+  std::thread(solving_thread).detach();
+  return true;
+}
+
+void cmd_go(const Tokens& t) {
+  if (!TreePresent || !ActiveTree) fail_command("missing/incorrect tree");
+  if (SolverRunning) fail_command("Can't do that when solver is running");
+  if (!tree_is_complete()) fail_command("incomplete tree");
+  LastReportedCount = 0;
+  int32_t limit = 0;
+  bool steps = false;
+  if (t.size() > 1) {
+    if (t.size() < 3 || (t[2] != "seconds" && t[2] != "steps")) fail_argument(t[0]);
+    limit = parse_int(t[1]);
+    steps = t[2] == "steps";
+  }
+  if (Verbosity > 0) shell_print("[go %d threads]\n", ThreadCount);
+  // The answer reaches the client before the thread's first line.
+  static std::string word;
+  word = t[0];
+  auto answer = [] {
+    if (!SuppressOk) shell_print("%s ok!\n", word.c_str());
+    flush_output();
+    fflush(stdout);
+  };
+  if (!start_solver(limit, steps, answer)) fail_command("out of memory");
+}
+
+void cmd_stop(const Tokens& t) {
+  request_stop();
+  print_ok(t);
+}
+
+void cmd_wait_for_solver(const Tokens&) { wait_for_end(); }
+
+void cmd_calc_results(const Tokens&) {
+  if (!TreePresent || !ActiveTree) fail_command("missing/incorrect tree");
+  SolverResults r = results_now(*ActiveTree);
+  double half = StartPot / 2;
+  shell_print("EV OOP: %.3f\nEV IP: %.3f\nOOP's MES: %.3f\nIP's MES: %.3f\nExploitable for: %.3f\nEND\n",
+              half + r.ev0, half + r.ev1, half + r.mes0, half + r.mes1, r.exploitable);
+  shell_print("#%d iterations\n", ActiveTree->iteration);
+  // The storage rates of the last report's run, as the results carry no time.
+  std::vector<SolverReport> list = copy_reports();
+  double seconds = list.empty() ? 0 : list.back().seconds;
+  double read = seconds > 0 ? double(StorageBytesRead.load()) / seconds / 1024 / 1024 : 0;
+  double written = seconds > 0 ? double(StorageBytesWritten.load()) / seconds / 1024 / 1024 : 0;
+  shell_print("#storage %d MB/s read, %d MB/s write\n", int(read), int(written));
 }
