@@ -1,6 +1,8 @@
 // Timing of the terminal kernels on one river board of 1081 hands, fixed seed:
 // nanoseconds per hand for the one-terminal kernels and per hand and lane for
 // the batches, for each instruction set this processor runs.
+#include "solver/kernels/kernels.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -10,7 +12,6 @@
 #include "cards/cards.h"
 #include "platform/platform.h"
 #include "shell/shell.h"
-#include "solver/kernels/kernels.h"
 
 namespace {
 
@@ -59,7 +60,8 @@ double time_call(F f) {
   for (int round = 0; round < 25; round++) {
     auto t0 = Clock::now();
     for (int r = 0; r < reps; r++) f();
-    best = std::min(best, std::chrono::duration<double, std::nano>(Clock::now() - t0).count() / reps);
+    best =
+        std::min(best, std::chrono::duration<double, std::nano>(Clock::now() - t0).count() / reps);
   }
   return best;
 }
@@ -98,7 +100,10 @@ int main() {
 
   printf("river board Qs Jh 2h 7c 9d: %d hands, %zu runs of equal strength\n", n, b.lengths.size());
   printf("%-28s", "ns per hand (per lane)");
-  struct Isa { int32_t limit; bool avx512; };
+  struct Isa {
+    int32_t limit;
+    bool avx512;
+  };
   std::vector<Isa> isas{{KERNEL_PORTABLE, false}};
   if (cpu_has_avx2()) isas.push_back({KERNEL_AVX2, false});
   if (cpu_has_avx512()) isas.push_back({KERNEL_AVX512, true});
@@ -118,9 +123,16 @@ int main() {
     }
     printf("\n");
   };
-  row("group masks", 1, [&] { compute_group_masks(masks.data(), uni.data(), n, b.lengths.data(), g.count); });
-  row("fold_value", 1, [&] { fold_value(op[0], rp[0], n, b.packed.data(), -5.0f); Sink = op[0][7]; });
-  row("showdown_value", 1, [&] { showdown_value(op[0], rp[0], n, g, b.packed.data(), 5.0f); Sink = op[0][7]; });
+  row("group masks", 1,
+      [&] { compute_group_masks(masks.data(), uni.data(), n, b.lengths.data(), g.count); });
+  row("fold_value", 1, [&] {
+    fold_value(op[0], rp[0], n, b.packed.data(), -5.0f);
+    Sink = op[0][7];
+  });
+  row("showdown_value", 1, [&] {
+    showdown_value(op[0], rp[0], n, g, b.packed.data(), 5.0f);
+    Sink = op[0][7];
+  });
   row("showdown_and_fold (pair)", 2, [&] {
     showdown_and_fold(op[0], op[1], rp[0], n, g, b.packed.data(), 5.0f, -3.0f);
     Sink = op[1][7];
@@ -132,12 +144,18 @@ int main() {
   for (int w : {1, 2, 3, 4, 6, 8}) {
     char name[64];
     snprintf(name, sizeof name, "showdown lanes, width %d", w);
-    row(name, w, [&] { showdown_value_lanes(w, op, rp, values, n, g, b.packed.data()); Sink = op[0][7]; });
+    row(name, w, [&] {
+      showdown_value_lanes(w, op, rp, values, n, g, b.packed.data());
+      Sink = op[0][7];
+    });
   }
   for (int w : {1, 2, 3, 4}) {
     char name[64];
     snprintf(name, sizeof name, "fold lanes, width %d", w);
-    row(name, w, [&] { fold_value_lanes(w, op, rp, values, n, b.packed.data()); Sink = op[0][7]; });
+    row(name, w, [&] {
+      fold_value_lanes(w, op, rp, values, n, b.packed.data());
+      Sink = op[0][7];
+    });
   }
   return 0;
 }

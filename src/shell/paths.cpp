@@ -169,7 +169,8 @@ void cmd_show_children(const Tokens& t) {
     if (ref.river_card >= 0) dead |= CardBit(ref.river_card);
     bool turn = absolute_street(ref.node) == 2;
     int n = 0;
-    for (int rank = 12; rank >= LowCardIndex; rank--) {
+    // The call that closes the river is a split too, but no card comes there.
+    for (int rank = absolute_street(ref.node) > 3 ? -1 : 12; rank >= LowCardIndex; rank--) {
       for (int suit = 3; suit >= 0; suit--) {
         Card c = MakeCard(rank, suit);
         if (dead & CardBit(c)) continue;

@@ -2,6 +2,8 @@
 // real river boards and on lists with forced ties, long runs and one run;
 // the fused pair against separate calls; every batch width against the
 // one-terminal kernel; and every instruction set against the portable build.
+#include "solver/kernels/kernels.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,7 +19,6 @@
 #include "cards/cards.h"
 #include "platform/platform.h"
 #include "shell/shell.h"
-#include "solver/kernels/kernels.h"
 
 namespace {
 
@@ -116,7 +117,8 @@ std::vector<double> brute_fold(const RiverList& l, const std::vector<float>& rea
   return out;
 }
 
-std::vector<double> brute_showdown(const RiverList& l, const std::vector<float>& reach, float value) {
+std::vector<double> brute_showdown(const RiverList& l, const std::vector<float>& reach,
+                                   float value) {
   std::vector<double> out(size_t(l.count()));
   for (int i = 0; i < l.count(); i++) {
     double s = 0;
@@ -200,14 +202,16 @@ class KernelsTest : public ::testing::Test {
 
   std::vector<float> fold(const RiverList& l, const std::vector<float>& reach, float value) {
     std::vector<float> out(size_t(l.count()), -7.0f);
-    fold_value(out.data(), reach.empty() ? nullptr : reach.data(), l.count(), l.packed.data(), value);
+    fold_value(out.data(), reach.empty() ? nullptr : reach.data(), l.count(), l.packed.data(),
+               value);
     return out;
   }
   std::vector<float> showdown(const RiverList& l, const std::vector<float>& reach, float value,
                               const std::vector<uint16_t>& masks) {
     std::vector<float> out(size_t(l.count()), -7.0f);
     RiverGroups g{l.lengths.data(), masks.data(), int32_t(l.lengths.size())};
-    showdown_value(out.data(), reach.empty() ? nullptr : reach.data(), l.count(), g, l.packed.data(), value);
+    showdown_value(out.data(), reach.empty() ? nullptr : reach.data(), l.count(), g,
+                   l.packed.data(), value);
     return out;
   }
   std::vector<float> showdown(const RiverList& l, const std::vector<float>& reach, float value) {
@@ -336,7 +340,8 @@ TEST_F(KernelsTest, OnlyOpponentHandIsTheSamePair) {
         bool blocked = l.masks[size_t(i)] & l.masks[size_t(j)];
         ASSERT_EQ(f[size_t(j)], blocked ? 0.0f : -3.0f * 0.75f) << isa << " " << j;
         float sd = blocked || l.strength[size_t(i)] == l.strength[size_t(j)] ? 0.0f
-                   : l.strength[size_t(j)] > l.strength[size_t(i)] ? 2.25f : -2.25f;
+                   : l.strength[size_t(j)] > l.strength[size_t(i)]           ? 2.25f
+                                                                             : -2.25f;
         ASSERT_NEAR(s[size_t(j)], sd, 1e-6f) << isa << " " << j;
       }
     });
@@ -355,7 +360,8 @@ TEST_F(KernelsTest, WiderMasksChangeNothing) {
       all[g] = l.lengths[g] <= MaskedGroupLimit ? uint16_t((1u << l.lengths[g]) - 1) : 0;
     std::vector<double> want = brute_showdown(l, reach, 1.0f);
     for_each_isa([&](const std::string& isa) {
-      expect_near_all(showdown(l, reach, 1.0f, all), want, scale_of(reach, 1.0f), "all bits " + isa);
+      expect_near_all(showdown(l, reach, 1.0f, all), want, scale_of(reach, 1.0f),
+                      "all bits " + isa);
     });
   }
 }
@@ -371,7 +377,8 @@ TEST_F(KernelsTest, GroupMasksFollowTheReach) {
       for (size_t g = 0; g < l.lengths.size(); g++) {
         uint32_t want = 0;
         if (l.lengths[g] <= MaskedGroupLimit)
-          for (int k = 0; k < l.lengths[g]; k++) want |= uint32_t(reach[first + size_t(k)] > 0.0f) << k;
+          for (int k = 0; k < l.lengths[g]; k++)
+            want |= uint32_t(reach[first + size_t(k)] > 0.0f) << k;
         ASSERT_EQ(m[g], want) << isa << " run " << g;
         first += size_t(l.lengths[g]);
       }
@@ -401,14 +408,17 @@ TEST_F(KernelsTest, PairKernelsEqualSeparateCalls) {
       expect_near_all(os, showdown(l, ra, 4.0f), scale_of(ra, 4.0f), "pair sd " + isa);
       expect_near_all(of, fold(l, ra, -2.0f), scale_of(ra, 2.0f), "pair fold " + isa);
       // Two reaches, masks of their union.
-      showdown_and_fold2(os.data(), of.data(), ra.data(), rb.data(), n, g, l.packed.data(), 4.0f, 2.0f);
+      showdown_and_fold2(os.data(), of.data(), ra.data(), rb.data(), n, g, l.packed.data(), 4.0f,
+                         2.0f);
       expect_near_all(os, showdown(l, ra, 4.0f), scale_of(ra, 4.0f), "pair2 sd " + isa);
       expect_near_all(of, fold(l, rb, 2.0f), scale_of(rb, 2.0f), "pair2 fold " + isa);
       // Either reach empty, both empty, one below FLT_MIN in total.
-      showdown_and_fold2(os.data(), of.data(), nullptr, rb.data(), n, g, l.packed.data(), 4.0f, 2.0f);
+      showdown_and_fold2(os.data(), of.data(), nullptr, rb.data(), n, g, l.packed.data(), 4.0f,
+                         2.0f);
       expect_zeros(os, "pair2 no sd " + isa);
       expect_near_all(of, fold(l, rb, 2.0f), scale_of(rb, 2.0f), "pair2 fold alone " + isa);
-      showdown_and_fold2(os.data(), of.data(), ra.data(), nullptr, n, g, l.packed.data(), 4.0f, 2.0f);
+      showdown_and_fold2(os.data(), of.data(), ra.data(), nullptr, n, g, l.packed.data(), 4.0f,
+                         2.0f);
       expect_near_all(os, showdown(l, ra, 4.0f), scale_of(ra, 4.0f), "pair2 sd alone " + isa);
       expect_zeros(of, "pair2 no fold " + isa);
       showdown_and_fold2(os.data(), of.data(), nullptr, nullptr, n, g, l.packed.data(), 4.0f, 2.0f);
@@ -417,10 +427,12 @@ TEST_F(KernelsTest, PairKernelsEqualSeparateCalls) {
       showdown_and_fold(os.data(), of.data(), nullptr, n, g, l.packed.data(), 4.0f, 2.0f);
       expect_zeros(os, "pair none sd " + isa);
       expect_zeros(of, "pair none fold " + isa);
-      showdown_and_fold2(os.data(), of.data(), tiny.data(), rb.data(), n, g, l.packed.data(), 4.0f, 2.0f);
+      showdown_and_fold2(os.data(), of.data(), tiny.data(), rb.data(), n, g, l.packed.data(), 4.0f,
+                         2.0f);
       expect_zeros(os, "pair2 tiny sd " + isa);
       expect_near_all(of, fold(l, rb, 2.0f), scale_of(rb, 2.0f), "pair2 fold by tiny " + isa);
-      showdown_and_fold2(os.data(), of.data(), ra.data(), tiny.data(), n, g, l.packed.data(), 4.0f, 2.0f);
+      showdown_and_fold2(os.data(), of.data(), ra.data(), tiny.data(), n, g, l.packed.data(), 4.0f,
+                         2.0f);
       expect_near_all(os, showdown(l, ra, 4.0f), scale_of(ra, 4.0f), "pair2 sd by tiny " + isa);
       expect_zeros(of, "pair2 tiny fold " + isa);
     });
@@ -475,12 +487,14 @@ TEST_F(KernelsTest, EveryBatchWidthEqualsOneTerminal) {
         std::vector<uint16_t> mu = masks_of(l, union_reach(b).data());
         RiverGroups g{l.lengths.data(), mu.data(), int32_t(l.lengths.size())};
         for_each_isa([&](const std::string& isa) {
-          std::string what = isa + " width " + std::to_string(width) + " hands " + std::to_string(n);
+          std::string what =
+              isa + " width " + std::to_string(width) + " hands " + std::to_string(n);
           showdown_value_lanes(width, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), n, g,
                                l.packed.data());
           for (int t = 0; t < width; t++) {
             std::vector<float> want = showdown(l, b.reach[size_t(t)], b.values[size_t(t)]);
-            expect_near_all(b.out[size_t(t)], want, scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
+            expect_near_all(b.out[size_t(t)], want,
+                            scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
                             "showdown " + what + " lane " + std::to_string(t));
           }
           if (width > 4) return;
@@ -488,7 +502,8 @@ TEST_F(KernelsTest, EveryBatchWidthEqualsOneTerminal) {
                            l.packed.data());
           for (int t = 0; t < width; t++) {
             std::vector<float> want = fold(l, b.reach[size_t(t)], b.values[size_t(t)]);
-            expect_near_all(b.out[size_t(t)], want, scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
+            expect_near_all(b.out[size_t(t)], want,
+                            scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
                             "fold " + what + " lane " + std::to_string(t));
           }
         });
@@ -505,23 +520,27 @@ TEST_F(KernelsTest, BatchLaneBelowFloatMinIsZeroAndBruteForceHolds) {
   std::vector<uint16_t> mu = masks_of(l, union_reach(b).data());
   RiverGroups g{l.lengths.data(), mu.data(), int32_t(l.lengths.size())};
   std::vector<std::vector<double>> want;
-  for (int t = 0; t < 8; t++) want.push_back(brute_showdown(l, b.reach[size_t(t)], b.values[size_t(t)]));
+  for (int t = 0; t < 8; t++)
+    want.push_back(brute_showdown(l, b.reach[size_t(t)], b.values[size_t(t)]));
   for_each_isa([&](const std::string& isa) {
     showdown_value_lanes(8, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), l.count(), g,
                          l.packed.data());
     expect_zeros(b.out[4], "tiny lane " + isa);
     for (int t = 0; t < 8; t++)
       if (t != 4)
-        expect_near_all(b.out[size_t(t)], want[size_t(t)], scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
+        expect_near_all(b.out[size_t(t)], want[size_t(t)],
+                        scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
                         "lane " + std::to_string(t) + " " + isa);
   });
 }
 
 TEST_F(KernelsTest, BatchWidthsFollowSimdLevel) {
-  struct Case { int level, left, sd, fold; };
-  const Case cases[] = {{8, 9, 8, 4}, {8, 7, 6, 4}, {8, 5, 4, 4}, {8, 1, 1, 1}, {7, 8, 6, 4},
-                        {6, 6, 6, 4}, {5, 9, 4, 4}, {3, 9, 3, 3}, {3, 2, 2, 2}, {2, 9, 2, 2},
-                        {1, 9, 1, 1}, {4, 3, 3, 3}};
+  struct Case {
+    int level, left, sd, fold;
+  };
+  const Case cases[] = {{8, 9, 8, 4}, {8, 7, 6, 4}, {8, 5, 4, 4}, {8, 1, 1, 1},
+                        {7, 8, 6, 4}, {6, 6, 6, 4}, {5, 9, 4, 4}, {3, 9, 3, 3},
+                        {3, 2, 2, 2}, {2, 9, 2, 2}, {1, 9, 1, 1}, {4, 3, 3, 3}};
   for (const Case& c : cases) {
     SimdLevel = c.level;
     EXPECT_EQ(showdown_batch_width(c.left), c.sd) << c.level << " " << c.left;
@@ -550,13 +569,17 @@ TEST_F(KernelsTest, BatchDriverOverAnyCountAndLevel) {
     SimdLevel = level;
     for_each_isa([&](const std::string& isa) {
       std::string what = isa + " level " + std::to_string(level);
-      showdown_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n, g, l.packed.data());
+      showdown_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n, g,
+                           l.packed.data());
       for (int t = 0; t < 9; t++)
-        expect_near_all(b.out[size_t(t)], want_s[size_t(t)], scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
+        expect_near_all(b.out[size_t(t)], want_s[size_t(t)],
+                        scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
                         "showdown " + what + " t " + std::to_string(t));
-      fold_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n, l.packed.data());
+      fold_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n,
+                       l.packed.data());
       for (int t = 0; t < 9; t++)
-        expect_near_all(b.out[size_t(t)], want_f[size_t(t)], scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
+        expect_near_all(b.out[size_t(t)], want_f[size_t(t)],
+                        scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
                         "fold " + what + " t " + std::to_string(t));
       expect_zeros(b.out[3], "empty terminal " + what);
     });
@@ -584,19 +607,23 @@ TEST_F(KernelsTest, WideSetsEqualPortable) {
       keep(o1);
       showdown_value(o1.data(), b.reach_ptr[1], n, g, l.packed.data(), b.values[1]);
       keep(o1);
-      showdown_and_fold2(o1.data(), o2.data(), b.reach_ptr[2], b.reach_ptr[3], n, g, l.packed.data(), 2.0f, -1.0f);
+      showdown_and_fold2(o1.data(), o2.data(), b.reach_ptr[2], b.reach_ptr[3], n, g,
+                         l.packed.data(), 2.0f, -1.0f);
       keep(o1);
       keep(o2);
-      showdown_value_lanes(8, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), n, g, l.packed.data());
+      showdown_value_lanes(8, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), n, g,
+                           l.packed.data());
       for (auto& o : b.out) keep(o);
-      fold_value_lanes(4, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), n, l.packed.data());
+      fold_value_lanes(4, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), n,
+                       l.packed.data());
       for (int t = 0; t < 4; t++) keep(b.out[size_t(t)]);
       return all;
     };
     KernelIsaLimit = KERNEL_PORTABLE;
     std::vector<float> ref = run_all();
     double scale = 0;
-    for (int t = 0; t < 8; t++) scale = std::max(scale, scale_of(b.reach[size_t(t)], b.values[size_t(t)]));
+    for (int t = 0; t < 8; t++)
+      scale = std::max(scale, scale_of(b.reach[size_t(t)], b.values[size_t(t)]));
     for (size_t k = 1; k < isas.size(); k++) {
       KernelIsaLimit = isas[k].limit;
       UseAvx512 = isas[k].avx512;

@@ -70,7 +70,7 @@ struct Chain {
 // Five stores of three action counts, players 0, 1, 0, 1, 1, over groups of
 // cells whose lengths rise and fall.
 void make_chain(Chain& ch, int level, bool wide16) {
-  std::vector<std::vector<int32_t>> lengths = {{40, 38, 38, 45, 12}, {3}, {0, 17, 33}, {64, 64, 1}};
+  std::vector<std::vector<int32_t>> lengths = {{40, 38, 38, 45, 12}, {3}, {1, 17, 33}, {64, 64, 1}};
   ch.shapes.clear();
   for (int actions : {2, 3, 4}) ch.shapes.push_back(make_store_shape(actions, lengths));
   const int players[5] = {0, 1, 0, 1, 1};

@@ -9,8 +9,8 @@
 
 #include "platform/platform.h"
 #include "shell/shell.h"
-#include "solver/kernels/kernels_internal.h"
 #include "solver/kernels/kernels_body.h"
+#include "solver/kernels/kernels_internal.h"
 
 namespace {
 
@@ -89,7 +89,8 @@ using Rows8 = PortableRows<8>;
 void portable_reach_bits(uint8_t* bits, const float* reach, int32_t count) {
   for (int32_t b = 0; b * 8 < count; ++b) {
     uint32_t m = 0;
-    for (int32_t k = 0; k < 8 && b * 8 + k < count; ++k) m |= uint32_t(reach[b * 8 + k] > 0.0f) << k;
+    for (int32_t k = 0; k < 8 && b * 8 + k < count; ++k)
+      m |= uint32_t(reach[b * 8 + k] > 0.0f) << k;
     bits[b] = uint8_t(m);
   }
 }
@@ -99,9 +100,10 @@ void portable_reach_bits(uint8_t* bits, const float* reach, int32_t count) {
 const KernelSet PortableKernels = {
     fold_one<Rows4>,
     showdown_one,
-    pair_entry,
+    pair_one,
     {nullptr, showdown_lane1, showdown_lanes<Rows4, 2>, showdown_lanes<Rows4, 3>,
-     showdown_lanes<Rows4, 4>, nullptr, showdown_lanes<Rows8, 6>, nullptr, showdown_lanes<Rows8, 8>},
+     showdown_lanes<Rows4, 4>, nullptr, showdown_lanes<Rows8, 6>, nullptr,
+     showdown_lanes<Rows8, 8>},
     {nullptr, fold_lane1<Rows4>, fold_lanes<Rows4, 2>, fold_lanes<Rows4, 3>, fold_lanes<Rows4, 4>},
     portable_reach_bits,
 };
@@ -115,8 +117,25 @@ namespace {
 const bool HasAvx2 = cpu_has_avx2();
 const bool HasAvx512 = cpu_has_avx512();
 
+// The AVX-512 entries over the AVX2 table. Copying pointers runs no wide
+// instruction, and both tables are constant-initialised before this.
+KernelSet merge_avx512() {
+  KernelSet k = Avx2Kernels;
+  const KernelSet& w = Avx512Kernels;
+  if (w.fold) k.fold = w.fold;
+  if (w.showdown) k.showdown = w.showdown;
+  if (w.showdown_and_fold) k.showdown_and_fold = w.showdown_and_fold;
+  for (int i = 0; i < 9; ++i)
+    if (w.showdown_lanes[i]) k.showdown_lanes[i] = w.showdown_lanes[i];
+  for (int i = 0; i < 5; ++i)
+    if (w.fold_lanes[i]) k.fold_lanes[i] = w.fold_lanes[i];
+  if (w.reach_bits) k.reach_bits = w.reach_bits;
+  return k;
+}
+const KernelSet Avx512Merged = merge_avx512();
+
 const KernelSet& kernels() {
-  if (KernelIsaLimit >= KERNEL_AVX512 && UseAvx512 && HasAvx512) return Avx512Kernels;
+  if (KernelIsaLimit >= KERNEL_AVX512 && UseAvx512 && HasAvx512) return Avx512Merged;
   if (KernelIsaLimit >= KERNEL_AVX2 && HasAvx2) return Avx2Kernels;
   return PortableKernels;
 }
@@ -124,14 +143,17 @@ const KernelSet& kernels() {
 
 KernelIsa kernel_isa() {
   const KernelSet& k = kernels();
-  return &k == &Avx512Kernels ? KERNEL_AVX512 : &k == &Avx2Kernels ? KERNEL_AVX2 : KERNEL_PORTABLE;
+  return &k == &Avx512Merged ? KERNEL_AVX512 : &k == &Avx2Kernels ? KERNEL_AVX2 : KERNEL_PORTABLE;
 }
 
 const char* kernel_isa_name(KernelIsa isa) {
   switch (isa) {
-    case KERNEL_AVX512: return "AVX-512";
-    case KERNEL_AVX2: return "AVX2";
-    default: return "portable";
+    case KERNEL_AVX512:
+      return "AVX-512";
+    case KERNEL_AVX2:
+      return "AVX2";
+    default:
+      return "portable";
   }
 }
 
@@ -165,7 +187,8 @@ void compute_group_masks(uint16_t* masks, const float* reach, int32_t count, con
 
 // ---- One terminal -------------------------------------------------------------------
 
-void fold_value(float* out, const float* reach, int32_t count, const uint16_t* packed, float value) {
+void fold_value(float* out, const float* reach, int32_t count, const uint16_t* packed,
+                float value) {
   kernels().fold(out, reach, count, packed, value);
 }
 
@@ -264,8 +287,8 @@ void showdown_value_lanes(int32_t width, float* const* out, const float* const* 
   k.showdown_lanes[width](out, reach, values, count, groups, packed);
 }
 
-void fold_value_lanes(int32_t width, float* const* out, const float* const* reach, const float* values,
-                      int32_t count, const uint16_t* packed) {
+void fold_value_lanes(int32_t width, float* const* out, const float* const* reach,
+                      const float* values, int32_t count, const uint16_t* packed) {
   auto rest = [&](float* const* o, const float* const* r, const float* v, int32_t m) {
     fold_value_batch(o, r, v, m, count, packed);
   };

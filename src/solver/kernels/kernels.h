@@ -79,8 +79,8 @@ void showdown_and_fold2(float* out_showdown, float* out_fold, const float* reach
 void showdown_value_batch(float* const* out, const float* const* reach, const float* values,
                           int32_t n, int32_t count, const RiverGroups& groups,
                           const uint16_t* packed);
-void fold_value_batch(float* const* out, const float* const* reach, const float* values,
-                      int32_t n, int32_t count, const uint16_t* packed);
+void fold_value_batch(float* const* out, const float* const* reach, const float* values, int32_t n,
+                      int32_t count, const uint16_t* packed);
 
 // The width of the next batch when `left` terminals remain.
 int32_t showdown_batch_width(int32_t left);

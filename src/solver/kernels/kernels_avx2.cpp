@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "solver/kernels/kernels_internal.h"
-#include "solver/kernels/kernels_body.h"
 #include "solver/kernels/kernels_avx_rows.h"
+#include "solver/kernels/kernels_body.h"
+#include "solver/kernels/kernels_internal.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ struct Avx2One {
 const KernelSet Avx2Kernels = {
     fold_one<Avx2One>,
     showdown_one,
-    pair_entry,
+    pair_one,
     {nullptr, showdown_lane1, showdown_lanes<AvxRows4, 2>, showdown_lanes<AvxRows4, 3>,
      showdown_lanes<AvxRows4, 4>, nullptr, showdown_lanes<AvxRows8, 6>, nullptr,
      showdown_lanes<AvxRows8, 8>},

@@ -106,7 +106,9 @@ struct AvxRows4 {
   static void store(float* p, Row r) { _mm_store_ps(p, r); }
   static Row add(Row a, Row b) { return _mm_add_ps(a, b); }
   static Row sub(Row a, Row b) { return _mm_sub_ps(a, b); }
-  static bool any(Row a) { return _mm_movemask_ps(_mm_cmp_ps(a, _mm_setzero_ps(), _CMP_NEQ_UQ)) != 0; }
+  static bool any(Row a) {
+    return _mm_movemask_ps(_mm_cmp_ps(a, _mm_setzero_ps(), _CMP_NEQ_UQ)) != 0;
+  }
   static Mask big(Row total) {
     __m128 mag = _mm_andnot_ps(_mm_set1_ps(-0.0f), total);
     return _mm_cmp_ps(mag, _mm_set1_ps(FloatMin), _CMP_GT_OQ);
@@ -120,7 +122,8 @@ struct AvxRows4 {
     __m128 r[4];
     if (n == 4) {
       for (int j = 0; j < 4; ++j)
-        r[j] = j < K ? _mm_mul_ps(_mm_loadu_ps(src[j] + i0), _mm_set1_ps(values[j])) : _mm_setzero_ps();
+        r[j] = j < K ? _mm_mul_ps(_mm_loadu_ps(src[j] + i0), _mm_set1_ps(values[j]))
+                     : _mm_setzero_ps();
     } else {
       alignas(16) float tmp[K][4];
       memset(tmp, 0, sizeof tmp);
@@ -155,7 +158,8 @@ inline void avx_reach_bits(uint8_t* bits, const float* reach, int32_t count) {
   const __m256 zero = _mm256_setzero_ps();
   int32_t i = 0;
   for (; i + 8 <= count; i += 8)
-    bits[i >> 3] = uint8_t(_mm256_movemask_ps(_mm256_cmp_ps(_mm256_loadu_ps(reach + i), zero, _CMP_GT_OQ)));
+    bits[i >> 3] =
+        uint8_t(_mm256_movemask_ps(_mm256_cmp_ps(_mm256_loadu_ps(reach + i), zero, _CMP_GT_OQ)));
   if (i < count) {
     uint32_t m = 0;
     for (int32_t k = 0; i + k < count; ++k) m |= uint32_t(reach[i + k] > 0.0f) << k;

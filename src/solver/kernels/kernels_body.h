@@ -37,7 +37,8 @@ struct RunRecord {
 };
 
 // Appends a run to the records, merging consecutive runs without reach.
-inline void push_run(RunRecord* rec, int32_t& nrec, int32_t entries, int32_t length, bool& prev_empty) {
+inline void push_run(RunRecord* rec, int32_t& nrec, int32_t entries, int32_t length,
+                     bool& prev_empty) {
   if (entries == 0) {
     if (prev_empty) {
       rec[nrec - 1].length = int16_t(rec[nrec - 1].length + length);
@@ -201,8 +202,8 @@ inline void showdown_second(float* out, const uint16_t* packed, const float* et,
   }
 }
 
-void showdown_one(float* out, const float* reach, int32_t count, const RiverGroups& g,
-                  const uint16_t* packed, float value) {
+inline void showdown_one(float* out, const float* reach, int32_t count, const RiverGroups& g,
+                         const uint16_t* packed, float value) {
   if (!reach) {
     zero_floats(out, count);
     return;
@@ -257,7 +258,8 @@ void pair_second(float* out_s, float* out_f, const float* reach_f, const uint16_
   float unused = 0.0f;
   for (int32_t r = 0; r < nrec; ++r) {
     int32_t len = rec[r].length, cnt = rec[r].entries;
-    float gsum = Showdown && cnt ? add_pair_entries<1, false>(cs, et, nullptr, ep, e, cnt, unused) : 0.0f;
+    float gsum =
+        Showdown && cnt ? add_pair_entries<1, false>(cs, et, nullptr, ep, e, cnt, unused) : 0.0f;
     float tied = cnt ? gsum + total_s : total_s;
     for (int32_t end = i + len; i < end; ++i) {
       uint16_t p = packed[i];
@@ -275,8 +277,9 @@ void pair_second(float* out_s, float* out_f, const float* reach_f, const uint16_
 }
 
 // Both reaches non-empty; reach_s == reach_f for the one-reach form.
-void pair_one(float* out_s, float* out_f, const float* reach_s, const float* reach_f, int32_t count,
-              const RiverGroups& g, const uint16_t* packed, float value_s, float value_f) {
+inline void pair_one(float* out_s, float* out_f, const float* reach_s, const float* reach_f,
+                     int32_t count, const RiverGroups& g, const uint16_t* packed, float value_s,
+                     float value_f) {
   alignas(64) float et[MaxRiverHands];
   alignas(64) float ef[MaxRiverHands];
   alignas(64) uint16_t ep[MaxRiverHands];
@@ -316,11 +319,14 @@ void pair_one(float* out_s, float* out_f, const float* reach_s, const float* rea
   if (!s) zero_floats(out_s, count);
   if (!f) zero_floats(out_f, count);
   if (s && f)
-    pair_second<true, true>(out_s, out_f, reach_f, packed, et, ep, rec, nrec, cs, total_s, total_f, value_f);
+    pair_second<true, true>(out_s, out_f, reach_f, packed, et, ep, rec, nrec, cs, total_s, total_f,
+                            value_f);
   else if (s)
-    pair_second<true, false>(out_s, out_f, reach_f, packed, et, ep, rec, nrec, cs, total_s, total_f, value_f);
+    pair_second<true, false>(out_s, out_f, reach_f, packed, et, ep, rec, nrec, cs, total_s, total_f,
+                             value_f);
   else if (f)
-    pair_second<false, true>(out_s, out_f, reach_f, packed, et, ep, rec, nrec, cs, total_s, total_f, value_f);
+    pair_second<false, true>(out_s, out_f, reach_f, packed, et, ep, rec, nrec, cs, total_s, total_f,
+                             value_f);
 }
 
 // ---- Lanes across terminals ----------------------------------------------------
@@ -403,8 +409,8 @@ void fold_lanes(float* const* out, const float* const* reach, const float* value
 }
 
 template <class P, int K>
-void showdown_lanes(float* const* out, const float* const* reach, const float* values, int32_t count,
-                    const RiverGroups& g, const uint16_t* packed) {
+void showdown_lanes(float* const* out, const float* const* reach, const float* values,
+                    int32_t count, const RiverGroups& g, const uint16_t* packed) {
   using Row = typename P::Row;
   constexpr int W = P::Width;
   static_assert(K <= W, "lanes exceed the row");
@@ -440,7 +446,8 @@ void showdown_lanes(float* const* out, const float* const* reach, const float* v
     }
     int32_t entries = n - start;
     push_run(rec, nrec, entries, len, prev_empty);
-    if (entries) total = P::sub(total, add_entry_rows<P, -1>(cs, rows, ent, packed, start, entries));
+    if (entries)
+      total = P::sub(total, add_entry_rows<P, -1>(cs, rows, ent, packed, start, entries));
     first += len;
   }
   auto big = P::big(total);
@@ -475,13 +482,9 @@ void showdown_lanes(float* const* out, const float* const* reach, const float* v
 
 // ---- Wrappers of the table ---------------------------------------------------------
 
-void pair_entry(float* out_s, float* out_f, const float* reach_s, const float* reach_f, int32_t count,
-                const RiverGroups& g, const uint16_t* packed, float value_s, float value_f) {
-  pair_one(out_s, out_f, reach_s, reach_f, count, g, packed, value_s, value_f);
-}
-
-void showdown_lane1(float* const* out, const float* const* reach, const float* values, int32_t count,
-                    const RiverGroups& g, const uint16_t* packed) {
+// Width 1 of the lane tables is the one-terminal kernel.
+inline void showdown_lane1(float* const* out, const float* const* reach, const float* values,
+                           int32_t count, const RiverGroups& g, const uint16_t* packed) {
   showdown_one(out[0], reach[0], count, g, packed, values[0]);
 }
 

@@ -34,4 +34,6 @@ struct KernelSet {
 
 extern const KernelSet PortableKernels;
 extern const KernelSet Avx2Kernels;
+// Only what the wider registers improve; null entries are taken from
+// Avx2Kernels when the tables are put together.
 extern const KernelSet Avx512Kernels;
