@@ -70,7 +70,7 @@ struct Chain {
 // Five stores of three action counts, players 0, 1, 0, 1, 1, over groups of
 // cells whose lengths rise and fall.
 void make_chain(Chain& ch, int level, bool wide16) {
-  std::vector<std::vector<int32_t>> lengths = {{40, 38, 38, 45, 12}, {3}, {1, 17, 33}, {64, 64, 1}};
+  std::vector<std::vector<int32_t>> lengths = {{40, 38, 38, 45, 12}, {3}, {2, 17, 33}, {64, 64, 1}};
   ch.shapes.clear();
   for (int actions : {2, 3, 4}) ch.shapes.push_back(make_store_shape(actions, lengths));
   const int players[5] = {0, 1, 0, 1, 1};
@@ -363,4 +363,29 @@ TEST_F(PackedStoreTest, ClosedGroupIsFatal) {
   EXPECT_EXIT(s.update_regrets(0, 0, base, children.data(), nullptr, 1.0), ::testing::ExitedWithCode(1), "");
   // Nothing to close: null back.
   EXPECT_EQ(s.close_group(nullptr, 0, true), nullptr);
+}
+
+// A cell without hands gives rows of no values, and a 16-bit row of 31 large
+// values packs to more than the worst case the arena promises for it (four
+// tail groups with a control byte each); both must survive a save and load.
+TEST_F(PackedStoreTest, EmptyRowsAndOverlongTailsSurviveSaveLoad) {
+  StoreShape shape = make_store_shape(1, {{0, 31}});
+  PackedStore s(&shape, 1, true);
+  RiverStoreRef ref{&s, 0};
+  open_river_group(&ref, 1, 0);
+  for (int i = 0; i < 31; i++) s.group16(0)[i] = uint16_t(40000 + i);
+  close_river_group(&ref, 1, 0, true);
+  open_river_group(&ref, 1, 0);
+  for (int i = 0; i < 31; i++) ASSERT_EQ(s.group16(0)[i], 40000 + i);
+  close_river_group(&ref, 1, 0, false);
+
+  MemoryByteWriter w;
+  s.save(w);
+  PackedStore back(&shape, 1, true);
+  MemoryByteSource src(w.bytes.data(), w.bytes.size());
+  back.load(src);
+  RiverStoreRef back_ref{&back, 0};
+  open_river_group(&back_ref, 1, 0);
+  for (int i = 0; i < 31; i++) EXPECT_EQ(back.group16(0)[i], 40000 + i) << "hand " << i;
+  close_river_group(&back_ref, 1, 0, false);
 }

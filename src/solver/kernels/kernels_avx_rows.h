@@ -1,9 +1,12 @@
-// Row policies of the lane kernels on 128- and 256-bit registers, shared by
-// the AVX2 and the AVX-512 builds (the latter compiles the same code with
-// the wider encodings and its own one-terminal parts). Internal linkage, see
-// kernels_body.h. The including file includes <immintrin.h>, <cstdint> and
-// <cstring> first.
+// Row policies of the lane kernels on 128- and 256-bit registers, for the
+// AVX2 build; internal linkage, see kernels_body.h.
 #pragma once
+#include <immintrin.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "solver/kernels/kernels_body.h"
 
 namespace {
 

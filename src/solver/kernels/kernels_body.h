@@ -13,9 +13,11 @@
 //       rows h < n: lane j < K = values[j] x src[j][i0 + h], lanes from K zero
 //   store_block<K>(dst, rows, i0, n)
 //       dst[j][i0 + h] = lane j of row h for j < K, h < n
-//
-// The including file includes <cstdint> and <cstring> first.
 #pragma once
+#include <cstdint>
+#include <cstring>
+
+#include "solver/kernels/kernels_internal.h"
 
 namespace {
 

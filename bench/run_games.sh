@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Plays the fixed bench games through the binary and prints, per game and
+# compression level: iterations, seconds to 0.5% and 0.3% of the pot,
+# iterations per second, peak resident memory and the cost of one terminal
+# hand evaluation.
+#
+#   bench/run_games.sh [build-dir] [games...]     (default: build, river turn flop)
+#   LEVELS="0 4" THREADS=0 MAX_SECONDS=0 bench/run_games.sh
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+build="${1:-$root/build}"
+shift || true
+games=("$@")
+[ ${#games[@]} -eq 0 ] && games=(river turn flop)
+bin="$build/corvanta"
+dir="$root/../shared/bench-games"
+levels="${LEVELS:-0 4}"
+threads="${THREADS:-0}"
+max_seconds="${MAX_SECONDS:-0}"
+
+printf "%-6s %-5s %8s %9s %9s %9s %10s %12s %s\n" game level iters "t@0.5%" "t@0.3%" "it/s" "peak MB" "ns/term.hand" "exploitable"
+for g in "${games[@]}"; do
+  script="$dir/$g.txt"
+  pot=$(awk '$1=="set_pot"{p=$4} END{print p}' "$script")
+  for level in $levels; do
+    go="go"
+    [ "$max_seconds" != "0" ] && go="go $max_seconds seconds"
+    out=$( { cat "$script"; printf 'set_threads %s\nset_compression %s\n%s\nwait_for_solver\ncalc_results\n' "$threads" "$level" "$go"; } |
+           "$bin" -m -v -k 2>&1)
+    echo "$out" | awk -v game="$g" -v level="$level" -v pot="$pot" '
+      /^#SOLVER:/ {
+        n = split($0, f, "\t")
+        for (i = 1; i <= n; i++) {
+          if (f[i] ~ /^running time:/) { sub("running time: ", "", f[i]); t = f[i] + 0 }
+          if (f[i] ~ /^Exploitable for:/) { sub("Exploitable for: ", "", f[i]); e = f[i] + 0 }
+        }
+        if (t5 == "" && e <= 0.005 * pot) t5 = t
+        if (t3 == "" && e <= 0.003 * pot) t3 = t
+        last_t = t; last_e = e
+      }
+      /^#[0-9]+ iterations/ { it = $1; sub("#", "", it); it = it + 0; if (last_t > 0) { rep_it = it; rep_t = last_t } }
+      /peak working set/ { m = $0; sub(/.*peak working set /, "", m); sub(/ MB.*/, "", m); peak = m + 0 }
+      /^#terminal hands / { th = $3 + 0; tsec = $5 + 0 }
+      END {
+        ips = rep_t > 0 ? rep_it / rep_t : 0
+        cost = th > 0 ? sprintf("%.2f", tsec * 1e9 / th) : "-"
+        printf "%-6s %-5s %8d %9s %9s %9.1f %10d %12s %.4f%%\n", game, level, it, (t5 == "" ? "-" : t5), (t3 == "" ? "-" : t3), ips, peak, cost, 100 * last_e / pot
+      }'
+  done
+done
