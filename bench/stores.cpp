@@ -136,7 +136,7 @@ int main(int argc, char** argv) {
     r.resize(size_t(hands));
     for (auto& v : r) v = uint16_t(rng() % 4000);
   }
-  std::vector<float> r0(size_t(hands)), r1(size_t(hands)), r2(size_t(hands));
+  std::vector<float> r0(static_cast<size_t>(hands)), r1(static_cast<size_t>(hands)), r2(static_cast<size_t>(hands));
   std::vector<float> row = random_row(rng, hands, -20.0f, 20.0f);
   std::vector<float> base = random_row(rng, hands, -20.0f, 20.0f);
   const uint16_t* rows[3] = {x[0].data(), x[1].data(), x[2].data()};

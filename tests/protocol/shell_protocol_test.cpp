@@ -88,7 +88,7 @@ TEST(Loop, AnswersAndErrors) {
             "ERROR: Invalid value\n"
             "ERROR: set_board duplicate cards\n"
             "ERROR: invalid card\n"
-            "ERROR: go not implemented yet\n");
+            "ERROR: go missing/incorrect tree\n");
 }
 
 TEST(Loop, LineEndingsLfCrCrlf) {

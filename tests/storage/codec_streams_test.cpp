@@ -69,7 +69,11 @@ struct RowCase {
 std::vector<RowCase> row_cases(std::mt19937& rng, uint32_t max_value) {
   std::vector<RowCase> cases;
   for (int n : test_lengths()) {
+    // Adversarial rows alone, then each against the one before it.
+    size_t first = cases.size();
     for (auto& row : adversarial_rows(n, max_value)) cases.push_back({row, -1});
+    size_t last = cases.size();
+    for (size_t k = first + 1; k < last; k++) cases.push_back({cases[k].row, int(k - 1)});
     for (int k = 0; k < 6; k++) {
       std::vector<uint32_t> row = realistic_row(rng, n, k < 3 ? 200 : 40000);
       for (uint32_t& v : row) v = v > max_value ? max_value : v;
@@ -280,8 +284,7 @@ TEST(CodecStreams, GarbageInOlderCodecs) {
     std::mt19937 rng(seed);
     MemoryChannels m;
     const uint8_t id = seed % 2 ? 1 : 0;
-    m.data[0] = {id};
-    if (id == 0) m.data[0].insert(m.data[0].end(), {'C', 'm', 'p', 'r'});
+    m.data[0] = id == 0 ? Bytes{0, 'C', 'm', 'p', 'r'} : Bytes{1};
     for (int c = 0; c < 3; c++)
       for (uint32_t k = rng() % 3000; k; k--) m.data[c].push_back(uint8_t(rng()));
     std::unique_ptr<RowDecoder> d(make_decoder(m.source()));

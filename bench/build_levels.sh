@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Build time and store memory of the fixed flop game at compression levels 0 to 5:
+# the build (load, plan, stores made) is timed through the binary, and the
+# memory is the peak resident size after a short solve with the stores filled.
+#
+#   bench/build_levels.sh [build-dir] [game] [steps]
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+build="${1:-$root/build}"
+game="${2:-flop}"
+steps="${3:-30}"
+bin="$build/corvanta"
+script="$root/../shared/bench-games/$game.txt"
+
+printf "%-6s %-6s %10s %12s %12s\n" level word "build s" "store MB" "peak MB"
+words=(none low medium high max fast)
+for level in 0 1 2 3 4 5; do
+  start=$(date +%s.%N)
+  { printf 'set_compression %s\n' "$level"; cat "$script"; } | "$bin" -k > /dev/null
+  end=$(date +%s.%N)
+  base=$( { echo "set_compression $level"; grep -v '^build_tree' "$script"; } | "$bin" -k -v -m 2>&1 | true)
+  out=$( { printf 'set_compression %s\n' "$level"; cat "$script"; printf 'go %s steps\nwait_for_solver\ncalc_results\nshow_memory\n' "$steps"; } |
+         "$bin" -k -v -m 2>&1)
+  peak=$(echo "$out" | sed -n 's/.*peak working set \([0-9]*\) MB.*/\1/p' | tail -1)
+  store=$(echo "$out" | sed -n 's/^\[uncompressed storage \([0-9]*\) MB\]/\1/p' | tail -1)
+  printf "%-6s %-6s %10.3f %12s %12s\n" "$level" "${words[$level]}" "$(echo "$end - $start" | bc -l)" "${store:--}" "${peak:--}"
+done
