@@ -18,10 +18,9 @@ for level in 0 1 2 3 4 5; do
   start=$(date +%s.%N)
   { printf 'set_compression %s\n' "$level"; cat "$script"; } | "$bin" -k > /dev/null
   end=$(date +%s.%N)
-  base=$( { echo "set_compression $level"; grep -v '^build_tree' "$script"; } | "$bin" -k -v -m 2>&1 | true)
   out=$( { printf 'set_compression %s\n' "$level"; cat "$script"; printf 'go %s steps\nwait_for_solver\ncalc_results\nshow_memory\n' "$steps"; } |
          "$bin" -k -v -m 2>&1)
   peak=$(echo "$out" | sed -n 's/.*peak working set \([0-9]*\) MB.*/\1/p' | tail -1)
   store=$(echo "$out" | sed -n 's/^\[uncompressed storage \([0-9]*\) MB\]/\1/p' | tail -1)
-  printf "%-6s %-6s %10.3f %12s %12s\n" "$level" "${words[$level]}" "$(echo "$end - $start" | bc -l)" "${store:--}" "${peak:--}"
+  printf "%-6s %-6s %10.3f %12s %12s\n" "$level" "${words[$level]}" "$(awk -v a="$start" -v b="$end" 'BEGIN{print b-a}')" "${store:--}" "${peak:--}"
 done

@@ -64,3 +64,98 @@ struct SolverResults {
 void run_iteration(Tree& tree);
 TraverseResult traverse(Tree& tree, int player, int mode);
 SolverResults results_now(Tree& tree);
+
+// ---- Walk, subgames and evaluation ------------------------------------------
+#include <atomic>
+
+//
+// Counterfactual regret minimisation (Zinkevich et al., "Regret Minimization in
+// Games with Incomplete Information", 2007) in vector form, with alternating
+// updates (player 1, then player 0), regrets floored at zero and moved by
+// sign(d)|d|^0.75, and a delayed, polynomially weighted average strategy.
+// The current policy (regret matching) does not converge to an equilibrium;
+// only the average policy does, which is why evaluation plays the average.
+//
+// One pass carries one float per hand of the current board (a HandVector);
+// an empty vector (no data) means all zeros and is how dead subtrees are
+// skipped. The walk knows no cards: fold and showdown values come from the
+// kernels, chance nodes only map hand lists through the board records.
+
+// The single argument of the recursion.
+struct TraversalContext {
+  Tree* tree = nullptr;
+  Node* node = nullptr;
+  int32_t turn_cell = -1;   // turn BoardRecord in force, -1 none
+  int32_t river_cell = -1;  // river BoardRecord under it, -1 none
+  HandVector reach;         // in: the other player's reach, with card weights
+  HandVector value;         // out: counterfactual value of each traverser hand
+  HandVector own_reach;     // in: the traverser's reach; count 0 when unused
+  HandVector br_value;      // out, evaluation only: best-response value
+};
+
+// Fills `value` (and `br_value` in evaluation) for the context's node.
+void visit_node(TraversalContext& ctx);
+
+// The skewed training default of a node with n actions: 90% on the first
+// action. `out` gets n floats.
+void default_strategy(const Node& node, float* out);
+
+// The strategy played outside training at a decision cell: the normalised
+// average sums where usable, with the current strategy for hands without sums.
+void played_strategy(const Tree& tree, const Node& node, int32_t turn_cell, int32_t river_cell,
+                     HandVector* out);
+
+// One chance card below a chance node, run by a worker of the team. The four
+// shared vectors belong to the chance node and are shared by all its cards.
+struct SubgameShared {
+  HandVector reach;      // the other player's reach at the chance node, parent order
+  HandVector own_reach;  // count 0 when unused
+  HandVector value_sum;  // where the parent's value accumulates (merge lock)
+  HandVector br_sum;     // evaluation only
+  bool has_own = false;
+  bool has_br = false;
+};
+struct Subgame {
+  TraversalContext context;  // tree, the chance node and this card's cells
+  SubgameShared* shared = nullptr;
+};
+
+// Created in walk order by pass 0; pass 2 collects them at SubgameCursor.
+extern std::vector<Subgame*> SubgameQueue;
+extern int32_t SubgameCursor;
+extern std::atomic<int32_t> SubgameDoneCount;
+
+// Queues one Subgame per child card of the chance node in `ctx`.
+void queue_subgames(TraversalContext& ctx);
+// Runs SubgameQueue on the OpenMP team (longest first in training).
+void TraverseSubgames();
+// Releases every queued record and its shared vectors.
+void free_subgame_queue();
+
+// Every whole-tree walk (solver passes, queries) holds this; it is recursive so
+// that a query may hold it around a traverse of its own.
+std::recursive_mutex& traversal_lock();
+
+// Installs the tree hooks (EmptySubgameQueue). Idempotent; also done at
+// static initialisation.
+void solver_module_init();
+
+// Materialises every store not yet ready, as the first run does; false at the
+// first failure (nodes done so far stay done).
+bool materialise_tree_stores(Tree& tree);
+
+// The evaluation cache of the present tree; results_iteration -1 = none.
+struct ResultsCache {
+  int32_t results_iteration = -1;
+  double mes[2] = {0, 0};
+  double ev[2] = {0, 0};
+  double exploitable = 0;
+  double mean_ev = 0;
+};
+ResultsCache& results_cache();
+// Runs both evaluation passes and fills the cache for the present iteration.
+void refresh_results(Tree& tree);
+
+// Analysis installs this to receive the contexts of a MODE_PROBE walk (outside
+// pass 0); null = no probe.
+extern void (*ProbeVisit)(TraversalContext& ctx);

@@ -282,9 +282,10 @@ class FloatFlatStore : public FlatStore {
   int32_t value_width() override { return 4; }
 };
 
-// Regrets as unsigned 16-bit fixed point: a regret r is held as
-// trunc((s * r)^0.75)-like sums with s the scale of the update times the
-// cell's factor, which adaptive precision moves in powers of two.
+// Regrets as unsigned 16-bit fixed point: each update adds
+// trunc(s^0.75 |d|^0.75), s being the caller's scale times the cell's factor,
+// so regrets below 1 / s vanish. Adaptive precision moves the factor in powers
+// of two to keep the largest value of a cell in range.
 class Word16FlatStore : public FlatStore {
  public:
   std::vector<float> cell_factors;  // one per cell, starting at 1.0
@@ -351,7 +352,6 @@ class PackedStore : public ShapedStore {
                       double scale) override;
   void accumulate_strategy(int32_t group, int32_t cell, const HandVector* strategy,
                            const HandVector& reach, float weight) override;
-  int64_t value_count(int32_t group) override;
   void save(ByteWriter& writer) override;
   void load(ByteSource& source) override;
   // Decompresses a group. With a null `arena` the group's own arena is taken

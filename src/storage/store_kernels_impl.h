@@ -104,6 +104,19 @@ KINLINE vf power34(vf x_abs) {
   return g * root(g);
 }
 
+// The same for lanes whose result is used only where |x| is at least a
+// normal float; other lanes may come out as anything, even NaN.
+KINLINE vf power34_normal(vf x_abs) {
+  vf r = rsqrt_estimate(x_abs);
+  vf y = x_abs * r;
+  vf g = y * (y * r - 3.0f) * -0.5f;
+  r = rsqrt_estimate(g);
+  y = g * r;
+  return g * (y * (y * r - 3.0f) * -0.5f);
+}
+
+KINLINE vf magnitude(vf x) { return (vf)((vi)x & 0x7fffffff); }
+
 // Reciprocal from the estimate with one Newton step, r (2 - x r).
 KINLINE vf reciprocal(vf x) {
   vf r = rcp_estimate(x);
@@ -229,8 +242,8 @@ void regret_u16(uint16_t* v, const float* row, const float* base, const uint8_t*
     vf d = ld<vf>(row + i, k) - ld<vf>(base + i, k);
     vi up = d >= t;
     vi down = d <= -t;
-    vf mag = d < 0.0f ? -d : d;
-    vi step = trunc_int(p * power34(mag));
+    // Lanes between -t and t keep their value, and t = 1 / s is normal.
+    vi step = trunc_int(p * power34_normal(magnitude(d)));
     vi old = widen(ld<vh>(v + i, k));
     vi lowered = old - step;
     lowered = lowered < 0 ? vi{} : lowered;

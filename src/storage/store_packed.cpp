@@ -174,8 +174,6 @@ void PackedStore::accumulate_strategy(int32_t group, int32_t cell, const HandVec
                       cell_mask(lock, c.length, scratch));
 }
 
-int64_t PackedStore::value_count(int32_t group) { return ShapedStore::value_count(group); }
-
 // Lock records, one byte telling whether the store has arenas, each group's
 // arena if so (a group without data writes an empty arena), and in 16-bit
 // mode the cell factors.
