@@ -1,13 +1,699 @@
-// PLACEHOLDER written by the lead so the program links while the iteration is
-// being written: replace this whole file (run_iteration, traverse and
-// results_now are declared in solver.h).
-#include "solver/solver.h"
+// One iteration of counterfactual regret minimisation over the public tree:
+// for player 1 and then player 0, three passes (down to the chance nodes,
+// the subgames below them on the team, the nodes above them), each carrying
+// one float per hand of the current board.
+//
+// Regret matching gives the current strategy, which does not converge; the
+// weighted average of the strategies from iteration 61 on does, and is what
+// evaluation plays.
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <typeinfo>
 
-void run_iteration(Tree& tree) {
-  tree.iteration++;
-  tree.flags &= ~uint32_t(NEW_TREE);
+#include "solver/walk.h"
+
+TreeFacts Facts;
+
+// ---- Per-tree facts -------------------------------------------------------------
+
+void prepare_tree_facts(Tree& t) {
+  if (Facts.tree == &t && Facts.nodes == t.nodes.data() && Facts.count == t.nodes.size()) return;
+  Facts.tree = &t;
+  Facts.nodes = t.nodes.data();
+  Facts.count = t.nodes.size();
+  Facts.node.assign(t.nodes.size(), NodeFacts{});
+  Facts.root_street = t.nodes.empty() ? 1 : t.nodes[0].street;
+  // Pre-order: every child lies after its parent, so one backward sweep sums.
+  for (size_t i = t.nodes.size(); i-- > 0;) {
+    const Node& n = t.nodes[i];
+    NodeFacts& f = Facts.node[i];
+    f.size = 1;
+    f.terminals = n.kind == NODE_DECISION ? 0 : 1;
+    f.reaches_chance = n.street > Facts.root_street;
+    for (int32_t c : n.children) {
+      const NodeFacts& fc = Facts.node[size_t(c)];
+      f.size += fc.size;
+      f.terminals += fc.terminals;
+      f.reaches_chance |= fc.reaches_chance;
+    }
+    f.end = int32_t(i) + f.size;
+  }
+  Facts.has_chance = !t.nodes.empty() && Facts.node[0].reaches_chance;
 }
 
-TraverseResult traverse(Tree&, int, int) { return {0.0, 0.0}; }
+void forget_tree_facts() {
+  Facts.tree = nullptr;
+  Facts.nodes = nullptr;
+  Facts.count = 0;
+  Facts.node.clear();
+}
 
-SolverResults results_now(Tree& tree) { return {0, 0, 0, 0, 0, tree.iteration}; }
+// ---- Per-thread block -----------------------------------------------------------
+
+TlsBlock& tls_block() {
+  thread_local TlsBlock block;
+  return block;
+}
+
+RowPool* enter_pool(const Tree& tree) {
+  RowPool* before = current_row_pool();
+  TlsBlock& b = tls_block();
+  b.pool = ensure_thread_row_pool(int64_t(4) * int64_t(tree.boards->holes.size()));
+  return before;
+}
+
+VectorFrame::VectorFrame(int32_t n) : stack_(tls_block().stack), n_(n) {
+  VectorStack& s = stack_;
+  saved_chunk_ = s.chunk;
+  saved_top_ = s.top;
+  if (s.chunks.empty()) s.chunks.push_back(std::make_unique<HandVector[]>(VectorStack::ChunkSize));
+  if (s.top + n > VectorStack::ChunkSize) {
+    s.chunk++;
+    s.top = 0;
+    if (size_t(s.chunk) >= s.chunks.size())
+      s.chunks.push_back(std::make_unique<HandVector[]>(VectorStack::ChunkSize));
+  }
+  v_ = s.chunks[size_t(s.chunk)].get() + s.top;
+  s.top += n;
+}
+
+VectorFrame::~VectorFrame() {
+  for (int32_t i = 0; i < n_; i++) v_[i].release();
+  stack_.chunk = saved_chunk_;
+  stack_.top = saved_top_;
+}
+
+// ---- Strategies ---------------------------------------------------------------------
+
+void default_strategy(const Node& node, float* out) {
+  size_t n = node.children.size();
+  if (n == 0) return;
+  double first = std::max(0.9, 1.0 / double(n));
+  out[0] = float(first);
+  for (size_t a = 1; a < n; a++) out[a] = float((1.0 - first) / double(n - 1));
+}
+
+static bool averages_in_use(const Tree& t) {
+  if (t.average_policy == 0) return false;
+  return t.average_policy != 1 || t.iteration > 60;
+}
+
+float average_weight(const Tree& t, int32_t street) {
+  if (!averages_in_use(t)) return 0.0f;
+  if (street == 3 && !(t.river_average_now && RiverStrategyEnabled)) return 0.0f;
+  if (t.average_policy != 1) return 1.0f;
+  double w = std::pow(double(std::max(t.iteration - 60, 0)), StrategyExponent);
+  return float(std::min(w, StrategyWeightCap));
+}
+
+// Stores of integer sums read a null default as "0 for a hand without sums";
+// float stores need the zeros themselves.
+static bool integer_sums(Store* s) {
+  return typeid(*s) == typeid(PackedStore) || typeid(*s) == typeid(WideningStore);
+}
+
+void played_strategy(const Tree& t, const Node& node, int32_t tc, int32_t rc, HandVector* out) {
+  int32_t n = int32_t(node.children.size());
+  float uniform[MaxNodeActions];
+  for (int32_t a = 0; a < n; a++) uniform[a] = 1.0f / float(n);
+  bool usable = averages_in_use(t) && (node.street != 3 || RiverStrategyEnabled) && node.strategyStore;
+  if (!usable) {
+    node.regretStore->read_strategy(out, tc, rc, uniform);
+    return;
+  }
+  static const float Zeros[MaxNodeActions] = {};
+  node.strategyStore->read_strategy(out, tc, rc, integer_sums(node.strategyStore) ? nullptr : Zeros);
+  int32_t count = out[0].count;
+  // Hands without sums play the current strategy.
+  int32_t missing = -1;
+  for (int32_t i = 0; i < count && missing < 0; i++) {
+    float total = 0.0f;
+    for (int32_t a = 0; a < n; a++) total += out[a].data[i];
+    if (total == 0.0f) missing = i;
+  }
+  if (missing < 0) return;
+  VectorFrame q(n);
+  node.regretStore->read_strategy(q.data(), tc, rc, uniform);
+  for (int32_t i = missing; i < count; i++) {
+    float total = 0.0f;
+    for (int32_t a = 0; a < n; a++) total += out[a].data[i];
+    if (total != 0.0f) continue;
+    for (int32_t a = 0; a < n; a++) out[a].data[i] = q[a].data[i];
+  }
+}
+
+// ---- Shared steps of an own node ----------------------------------------------------
+
+void apply_ev_boost(const Node& parent, const Node& child, HandVector& v) {
+  float b = child.ev_boost;
+  if (b == 0.0f || !v.data) return;
+  float* __restrict x = v.data;
+  int32_t n = v.count;
+  if (child.kind == NODE_FOLD) {
+    float f = 1.0f - b;
+    for (int32_t i = 0; i < n; i++) x[i] *= f;
+  } else if (child.kind == NODE_SHOWDOWN || child.street > parent.street) {
+    float up = 1.0f + b, down = 1.0f / (1.0f + b);
+    for (int32_t i = 0; i < n; i++) x[i] = x[i] >= 0.0f ? x[i] * up : x[i] * down;
+  } else {
+    float up = 1.0f + b;
+    for (int32_t i = 0; i < n; i++) x[i] = x[i] > 0.0f ? x[i] * up : x[i];
+  }
+}
+
+// value = sum over actions of strategy x child value; empty when no child has data.
+static void combine_weighted(HandVector& out, const HandVector* s, const HandVector* c, int32_t n,
+                             int32_t count) {
+  bool started = false;
+  for (int32_t a = 0; a < n; a++) {
+    if (!c[a].data) continue;
+    const float* __restrict sa = s[a].data;
+    const float* __restrict ca = c[a].data;
+    if (!started) {
+      alloc_vector(out, count, false);
+      float* __restrict o = out.data;
+      for (int32_t i = 0; i < count; i++) o[i] = sa[i] * ca[i];
+      started = true;
+    } else {
+      float* __restrict o = out.data;
+      for (int32_t i = 0; i < count; i++) o[i] += sa[i] * ca[i];
+    }
+  }
+  if (!started) make_empty(out, count);
+}
+
+// Best response: per hand the best child, where an empty child is worth 0.0;
+// locked hands keep their fixed strategy.
+static void best_response(HandVector& br, const HandVector* s, const HandVector* cbr, int32_t n,
+                          int32_t count, const CellLock* lock) {
+  if (lock && (lock->flags & CELL_LOCKED)) {
+    combine_weighted(br, s, cbr, n, count);
+    return;
+  }
+  bool any = false;
+  for (int32_t a = 0; a < n; a++) any |= cbr[a].data != nullptr;
+  if (!any) {
+    make_empty(br, count);
+    return;
+  }
+  alloc_vector(br, count, false);
+  float* __restrict o = br.data;
+  if (cbr[0].data)
+    memcpy(o, cbr[0].data, size_t(count) * sizeof(float));
+  else
+    memset(o, 0, size_t(count) * sizeof(float));
+  for (int32_t a = 1; a < n; a++) {
+    if (cbr[a].data) {
+      const float* __restrict c = cbr[a].data;
+      for (int32_t i = 0; i < count; i++) o[i] = std::max(o[i], c[i]);
+    } else {
+      for (int32_t i = 0; i < count; i++) o[i] = std::max(o[i], 0.0f);
+    }
+  }
+  const uint8_t* mask = lock ? frozen_mask(*lock) : nullptr;
+  if (!mask) return;
+  int32_t m = std::min(count, lock->mask_length);
+  for (int32_t i = 0; i < m; i++) {
+    if (!mask[i]) continue;
+    float v = 0.0f;
+    for (int32_t a = 0; a < n; a++)
+      if (cbr[a].data) v += s[a].data[i] * cbr[a].data[i];
+    o[i] = v;
+  }
+}
+
+void finish_own_node(Tree& t, Node& node, int32_t tc, int32_t rc, int32_t count, const HandVector& reach,
+                     HandVector* s, HandVector* c, HandVector* cbr, HandVector& value, HandVector* br) {
+  int32_t n = int32_t(node.children.size());
+  const bool train = t.traverse_mode == MODE_TRAIN;
+  if (!reach.data) {
+    make_empty(value, count);
+    if (br) make_empty(*br, count);
+    return;
+  }
+  CellLock* lock = node.regretStore->cell_lock_info(tc, rc);
+  if (train)
+    for (int32_t a = 0; a < n; a++) apply_ev_boost(node, t.nodes[size_t(node.children[size_t(a)])], c[a]);
+  combine_weighted(value, s, c, n, count);
+  if (br) best_response(*br, s, cbr, n, count, lock);
+  if (!train || t.traverse_pass == 0 || !value.data) return;
+  if (lock && (lock->flags & CELL_LOCKED)) return;
+  double scale = t.regret_scale;
+  HandGroupRuns runs;
+  const HandGroupRuns* groups = nullptr;
+  if (node.street == 3) {
+    scale /= t.max_range_weight[1 - t.traverser];
+    if (t.iteration <= RiverGroupIterations) {
+      const BoardRecord& r = *cell_board(t, tc, rc).record;
+      runs.lengths = r.groups.data();
+      runs.count = int32_t(r.groups.size());
+      groups = &runs;
+    }
+  }
+  node.regretStore->update_regrets(tc, rc, value, c, groups, scale);
+}
+
+// ---- The recursion ---------------------------------------------------------------------
+
+void (*ProbeVisit)(TraversalContext& ctx) = nullptr;
+
+static void visit_chance(TraversalContext& ctx, bool turn);
+
+static void visit_terminal(TraversalContext& ctx) {
+  Tree& t = *ctx.tree;
+  const Node& node = *ctx.node;
+  CellBoard b = cell_board(t, ctx.turn_cell, ctx.river_cell);
+  const bool eval = t.traverse_mode == MODE_EVALUATE;
+  if (!ctx.reach.data) {
+    make_empty(ctx.value, b.count);
+    if (eval) make_empty(ctx.br_value, b.count);
+    return;
+  }
+  alloc_vector(ctx.value, b.count, false);
+  float v = terminal_value(t, node);
+  if (node.kind == NODE_SHOWDOWN)
+    showdown_value(ctx.value.data, ctx.reach.data, b.count, river_groups(*b.record), b.packed, v);
+  else
+    fold_value(ctx.value.data, ctx.reach.data, b.count, b.packed, v);
+  if (eval) copy_vector(ctx.br_value, ctx.value);
+}
+
+static void visit_other_node(TraversalContext& ctx) {
+  Tree& t = *ctx.tree;
+  Node& node = *ctx.node;
+  const int32_t n = int32_t(node.children.size());
+  const int32_t tc = ctx.turn_cell, rc = ctx.river_cell;
+  const int32_t count = cell_board(t, tc, rc).count;
+  const bool train = t.traverse_mode == MODE_TRAIN;
+  const bool eval = t.traverse_mode == MODE_EVALUATE;
+  const bool pass0 = t.traverse_pass == 0;
+
+  // 1. Strategy, whose rows become the child reaches (3).
+  VectorFrame s(n);
+  if (ctx.reach.data) {
+    if (train) {
+      float defaults[MaxNodeActions];
+      default_strategy(node, defaults);
+      node.regretStore->read_strategy(s.data(), tc, rc, defaults);
+    } else {
+      played_strategy(t, node, tc, rc, s.data());
+    }
+    // 2. The average.
+    if (train && !pass0 && node.strategyStore) {
+      float w = average_weight(t, node.street);
+      CellLock* lock = node.regretStore->cell_lock_info(tc, rc);
+      if (w > 0.0f && !(lock && (lock->flags & CELL_LOCKED)))
+        node.strategyStore->accumulate_strategy(tc, rc, s.data(), ctx.reach, w);
+    }
+    // 3. Child reaches; a reach summing below FLT_MIN is dropped.
+    const float* __restrict r = ctx.reach.data;
+    for (int32_t a = 0; a < n; a++) {
+      float* __restrict x = s[a].data;
+      float sum = 0.0f;
+      for (int32_t i = 0; i < count; i++) {
+        x[i] *= r[i];
+        sum += x[i];
+      }
+      if (sum < FLT_MIN) make_empty(s[a], count);
+    }
+  } else {
+    for (int32_t a = 0; a < n; a++) make_empty(s[a], count);
+  }
+
+  // 4, 5. Children in order, the values summed in child order; the fused
+  // river pair stands for the last two children.
+  make_empty(ctx.value, count);
+  if (eval) make_empty(ctx.br_value, count);
+  const bool fused = train && !pass0 && fused_pair(t, node) && s[n - 2].data && s[n - 1].data;
+  const int32_t walked = fused ? n - 2 : n;
+  for (int32_t a = 0; a < walked; a++) {
+    int32_t ci = node.children[size_t(a)];
+    if (pass0 && !Facts.node[size_t(ci)].reaches_chance) continue;
+    TraversalContext child;
+    child.tree = &t;
+    child.node = &t.nodes[size_t(ci)];
+    child.turn_cell = tc;
+    child.river_cell = rc;
+    child.reach = std::move(s[a]);
+    if (ctx.own_reach.count > 0) child.own_reach = std::move(ctx.own_reach);
+    visit_node(child);
+    if (child.own_reach.count > 0) ctx.own_reach = std::move(child.own_reach);
+    if (pass0) continue;
+    add_vector(ctx.value, child.value);
+    if (eval) add_vector(ctx.br_value, child.br_value);
+  }
+  if (fused) {
+    const CellBoard b = cell_board(t, tc, rc);
+    HandVector sd, fd;
+    alloc_vector(sd, count, false);
+    alloc_vector(fd, count, false);
+    const Node& call = t.nodes[size_t(node.children[size_t(n - 2)])];
+    const Node& fold = t.nodes[size_t(node.children[size_t(n - 1)])];
+    showdown_and_fold2(sd.data, fd.data, s[n - 2].data, s[n - 1].data, count, river_groups(*b.record),
+                       b.packed, terminal_value(t, call), terminal_value(t, fold));
+    add_vector(ctx.value, sd);
+    add_vector(ctx.value, fd);
+  }
+}
+
+static void visit_own_node(TraversalContext& ctx) {
+  Tree& t = *ctx.tree;
+  Node& node = *ctx.node;
+  const int32_t n = int32_t(node.children.size());
+  const int32_t tc = ctx.turn_cell, rc = ctx.river_cell;
+  const CellBoard b = cell_board(t, tc, rc);
+  const int32_t count = b.count;
+  const bool train = t.traverse_mode == MODE_TRAIN;
+  const bool eval = t.traverse_mode == MODE_EVALUATE;
+  const bool pass0 = t.traverse_pass == 0;
+  const bool own = ctx.own_reach.count > 0;
+
+  // 1. Strategy: needed for the value, and for the own reach of the children.
+  VectorFrame frame(eval ? 3 * n : 2 * n);
+  HandVector* s = frame.data();
+  HandVector* c = s + n;
+  HandVector* cbr = eval ? s + 2 * n : nullptr;
+  if ((ctx.reach.data && !pass0) || own) {
+    if (train) {
+      float defaults[MaxNodeActions];
+      default_strategy(node, defaults);
+      node.regretStore->read_strategy(s, tc, rc, defaults);
+    } else {
+      played_strategy(t, node, tc, rc, s);
+    }
+  }
+
+  // 2. The fused river pair.
+  int32_t walked = n;
+  if (train && !pass0 && fused_pair(t, node)) {
+    walked = n - 2;
+    if (ctx.reach.data) {
+      alloc_vector(c[n - 2], count, false);
+      alloc_vector(c[n - 1], count, false);
+      const Node& call = t.nodes[size_t(node.children[size_t(n - 2)])];
+      const Node& fold = t.nodes[size_t(node.children[size_t(n - 1)])];
+      showdown_and_fold(c[n - 2].data, c[n - 1].data, ctx.reach.data, count, river_groups(*b.record),
+                        b.packed, terminal_value(t, call), terminal_value(t, fold));
+    } else {
+      make_empty(c[n - 2], count);
+      make_empty(c[n - 1], count);
+    }
+  }
+
+  // 3. Children, with the reach unchanged.
+  for (int32_t a = 0; a < walked; a++) {
+    int32_t ci = node.children[size_t(a)];
+    if (pass0 && !Facts.node[size_t(ci)].reaches_chance) continue;
+    TraversalContext child;
+    child.tree = &t;
+    child.node = &t.nodes[size_t(ci)];
+    child.turn_cell = tc;
+    child.river_cell = rc;
+    child.reach = std::move(ctx.reach);
+    if (own && ctx.own_reach.data) {
+      alloc_vector(child.own_reach, count, false);
+      const float* __restrict o = ctx.own_reach.data;
+      const float* __restrict sa = s[a].data;
+      float* __restrict x = child.own_reach.data;
+      for (int32_t i = 0; i < count; i++) x[i] = o[i] * sa[i];
+    } else if (own) {
+      make_empty(child.own_reach, count);
+    }
+    visit_node(child);
+    ctx.reach = std::move(child.reach);
+    c[a] = std::move(child.value);
+    if (eval) cbr[a] = std::move(child.br_value);
+  }
+  if (pass0) {
+    make_empty(ctx.value, count);
+    return;
+  }
+  for (int32_t a = 0; a < n; a++)
+    if (!c[a].data) c[a].count = count;
+
+  // 4 to 7.
+  finish_own_node(t, node, tc, rc, count, ctx.reach, s, c, cbr, ctx.value, eval ? &ctx.br_value : nullptr);
+}
+
+void visit_node(TraversalContext& ctx) {
+  Tree& t = *ctx.tree;
+  Node& node = *ctx.node;
+  // 1. The root of a river subtree: its scratch, and the batch in training.
+  if (node.street == 3 && ctx.turn_cell >= 0 && ctx.river_cell >= 0 &&
+      (!node.parent || node.parent->street != 3)) {
+    prepare_river_subtree(ctx);
+    if (t.traverse_mode == MODE_TRAIN && SimdLevel > 1) {
+      run_river_batch(ctx);
+      goto last;
+    }
+  }
+  // 2 to 4.
+  if (node.street > 1 && ctx.turn_cell < 0)
+    visit_chance(ctx, true);
+  else if (node.street == 3 && ctx.river_cell < 0)
+    visit_chance(ctx, false);
+  else if (node.kind == NODE_DECISION)
+    node.player == t.traverser ? visit_own_node(ctx) : visit_other_node(ctx);
+  else
+    visit_terminal(ctx);
+last:
+  // 5.
+  if (t.traverse_mode == MODE_PROBE && t.traverse_pass != 0 && ProbeVisit) ProbeVisit(ctx);
+}
+
+// ---- Chance nodes -------------------------------------------------------------------------
+
+// The river stores below a river chance node, one list per player and kind,
+// in walk order; the order fixes the row sequence of compressed groups.
+static void collect_river_stores(Tree& t, const Node& node, TlsBlock& tb) {
+  for (auto& l : tb.river_stores) l.clear();
+  int32_t first = node_index(t, node);
+  int32_t end = Facts.node[size_t(first)].end;
+  for (int32_t i = first; i < end; i++) {
+    Node& d = t.nodes[size_t(i)];
+    if (d.kind != NODE_DECISION || !d.regretStore) continue;
+    int p = d.player & 1;
+    tb.river_stores[p].push_back({d.regretStore, d.player});
+    if (d.strategyStore) tb.river_stores[2 + p].push_back({d.strategyStore, d.player});
+  }
+}
+
+static bool river_sums_open(const Tree& t) {
+  return averages_in_use(t) && RiverStrategyEnabled &&
+         (t.traverse_mode != MODE_TRAIN || t.river_average_now);
+}
+
+static void open_river_stores(Tree& t, int32_t group, TlsBlock& tb) {
+  for (int k = 0; k < 4; k++) {
+    if (k >= 2 && !river_sums_open(t)) break;
+    auto& l = tb.river_stores[k];
+    if (!l.empty()) open_river_group(l.data(), l.size(), group);
+  }
+}
+
+// Training writes back the traverser's regrets and the other player's sums;
+// everything else goes back as it was.
+static void close_river_stores(Tree& t, int32_t group, TlsBlock& tb) {
+  const bool train = t.traverse_mode == MODE_TRAIN;
+  for (int k = 0; k < 4; k++) {
+    if (k >= 2 && !river_sums_open(t)) break;
+    auto& l = tb.river_stores[k];
+    int p = k & 1;
+    bool keep = train && (k < 2 ? p == t.traverser : p != t.traverser);
+    if (!l.empty()) close_river_group(l.data(), l.size(), group, keep);
+  }
+}
+
+static void visit_chance(TraversalContext& ctx, bool turn) {
+  Tree& t = *ctx.tree;
+  Node& node = *ctx.node;
+  const BoardTree& bt = *t.boards;
+  const int32_t tc = ctx.turn_cell;
+  const std::vector<BoardRecord>& kids = turn ? bt.children : bt.children[size_t(tc)].children;
+  const int32_t parent_count = turn ? int32_t(bt.holes.size()) : int32_t(bt.children[size_t(tc)].holes.size());
+  const bool eval = t.traverse_mode == MODE_EVALUATE;
+  const bool decision = node.kind == NODE_DECISION;
+  const int32_t me = t.traverser, other = 1 - t.traverser;
+  SubgameResults* rec = nullptr;
+  if (decision && node.street_records) {
+    int32_t slot = turn ? 0 : tc;
+    if (slot >= 0 && slot < node.street_record_count) rec = &node.street_records[slot];
+  }
+
+  // 1. A forgotten street below: its stored values stand in.
+  if (eval && decision && (t.flags & INCOMPLETE_TREE)) {
+    alloc_vector(ctx.value, parent_count, true);
+    alloc_vector(ctx.br_value, parent_count, true);
+    if (rec && (!turn || t.traverse_pass == 2)) {
+      const HandVector& v = rec->value[me];
+      const HandVector& b = rec->br_value[me];
+      if (v.data && v.count == parent_count)
+        memcpy(ctx.value.data, v.data, size_t(parent_count) * sizeof(float));
+      if (b.data && b.count == parent_count)
+        memcpy(ctx.br_value.data, b.data, size_t(parent_count) * sizeof(float));
+    }
+    return;
+  }
+
+  // 3. The other player's reach for later solving of the street below.
+  if (t.traverse_mode == MODE_TRAIN && rec && !rec->frozen && ctx.reach.data &&
+      (!turn || t.traverse_pass == 0)) {
+    HandVector& r = rec->reach[other];
+    if (!r.data || r.count != parent_count || r.pooled) keep_vector(r, HandVector(), parent_count);
+    float w = float(std::pow(double(t.iteration + 1), StrategyExponent));
+    const float* __restrict x = ctx.reach.data;
+    float* __restrict y = r.data;
+    for (int32_t i = 0; i < parent_count; i++) y[i] += w * x[i];
+  }
+
+  // 4, 6. Queued in pass 0 and collected in pass 2; otherwise inline.
+  if (t.traverse_pass == 0) {
+    queue_subgames(ctx);
+    make_empty(ctx.value, parent_count);
+    if (eval) make_empty(ctx.br_value, parent_count);
+    return;
+  }
+  if (t.traverse_pass == 2) {
+    Subgame* first = SubgameQueue[size_t(SubgameCursor)];
+    SubgameShared* sh = first->shared;
+    ctx.value = std::move(sh->value_sum);
+    if (eval) ctx.br_value = std::move(sh->br_sum);
+    sh->reach.release();
+    sh->own_reach.release();
+    SubgameCursor += int32_t(kids.size());
+  } else {
+    // 5. Inline, inside a subgame.
+    make_empty(ctx.value, parent_count);
+    if (eval) make_empty(ctx.br_value, parent_count);
+    if (ctx.reach.data) {
+      alloc_vector(ctx.value, parent_count, true);
+      if (eval) alloc_vector(ctx.br_value, parent_count, true);
+      TlsBlock& tb = tls_block();
+      if (!turn) {
+        collect_river_stores(t, node, tb);
+        open_river_stores(t, tc, tb);
+      }
+      const bool own = ctx.own_reach.count > 0;
+      for (size_t k = 0; k < kids.size(); k++) {
+        const BoardRecord& r = kids[k];
+        const int32_t cn = int32_t(r.holes.size());
+        const uint16_t* down = r.parentPosition[0].data();
+        TraversalContext child;
+        child.tree = &t;
+        child.node = &node;
+        child.turn_cell = turn ? int32_t(k) : tc;
+        child.river_cell = turn ? -1 : int32_t(k);
+        alloc_vector(child.reach, cn, false);
+        for (int32_t i = 0; i < cn; i++) child.reach.data[i] = ctx.reach.data[down[i]];
+        if (own) {
+          if (ctx.own_reach.data) {
+            alloc_vector(child.own_reach, cn, false);
+            for (int32_t i = 0; i < cn; i++) child.own_reach.data[i] = ctx.own_reach.data[down[i]];
+          } else {
+            make_empty(child.own_reach, cn);
+          }
+        }
+        visit_node(child);
+        for (int32_t v = 0; v < r.variants; v++) {
+          const uint16_t* up = r.parentPosition[size_t(v)].data();
+          if (child.value.data)
+            for (int32_t i = 0; i < cn; i++) ctx.value.data[up[i]] += child.value.data[i];
+          if (eval && child.br_value.data)
+            for (int32_t i = 0; i < cn; i++) ctx.br_value.data[up[i]] += child.br_value.data[i];
+        }
+      }
+      if (!turn) close_river_stores(t, tc, tb);
+    }
+  }
+
+  // 7. Every dealt card stands for one of D unseen cards.
+  const int32_t d = (turn ? 45 : 44) - 4 * LowCardIndex;
+  const float inv = 1.0f / float(d);
+  scale_vector(ctx.value, inv);
+  if (eval) scale_vector(ctx.br_value, inv);
+
+  // 8. Kept for evaluating above a forgotten street.
+  if (eval && rec) {
+    keep_vector(rec->value[me], ctx.value, parent_count);
+    keep_vector(rec->br_value[me], ctx.br_value, parent_count);
+  }
+}
+
+// ---- Passes ---------------------------------------------------------------------------------
+
+static void root_context(Tree& t, TraversalContext& ctx) {
+  ctx.tree = &t;
+  ctx.node = &t.nodes[0];
+  const int32_t street = t.nodes[0].street;
+  ctx.turn_cell = street >= 2 ? t.boards->turn_child : -1;
+  ctx.river_cell = street >= 3 ? t.boards->river_child : -1;
+  const std::vector<float>& w = t.reach_weights[1 - t.traverser];
+  alloc_vector(ctx.reach, int32_t(w.size()), false);
+  if (!w.empty()) memcpy(ctx.reach.data, w.data(), w.size() * sizeof(float));
+}
+
+TraverseResult traverse(Tree& tree, int player, int mode) {
+  TraverseResult result{0.0, 0.0};
+  // 1, 2.
+  tree.traverser = player;
+  tree.traverse_mode = mode;
+  std::lock_guard<std::recursive_mutex> guard(traversal_lock());
+  if (tree.nodes.empty() || !tree.boards) return result;
+  prepare_tree_facts(tree);
+  RowPool* before = enter_pool(tree);
+
+  // 3, 4. Pass 0 only queues; a tree without chance nodes has nothing to queue.
+  if (Facts.has_chance) {
+    tree.traverse_pass = 0;
+    TraversalContext ctx;
+    root_context(tree, ctx);
+    visit_node(ctx);
+  }
+  // 5.
+  tree.traverse_pass = 1;
+  TraverseSubgames();
+  enter_pool(tree);
+  // 6.
+  tree.traverse_pass = 2;
+  SubgameCursor = 0;
+  TraversalContext ctx;
+  root_context(tree, ctx);
+  visit_node(ctx);
+
+  // 7.
+  const std::vector<float>& norm = tree.norm_weights[player];
+  const int32_t n = std::min(int32_t(norm.size()), ctx.value.count);
+  float value_total = 0.0f, br_total = 0.0f;
+  if (ctx.value.data)
+    for (int32_t i = 0; i < n; i++) value_total += ctx.value.data[i] * norm[size_t(i)];
+  if (ctx.br_value.data)
+    for (int32_t i = 0; i < n; i++) br_total += ctx.br_value.data[i] * norm[size_t(i)];
+  result.mes = br_total;
+  result.ev = value_total;
+
+  // 8.
+  ctx.reach.release();
+  ctx.value.release();
+  ctx.br_value.release();
+  free_subgame_queue();
+  set_current_row_pool(before);
+  return result;
+}
+
+void run_iteration(Tree& tree) {
+  // 1. Some compression levels take river sums only on a schedule.
+  if (tree.strategy_level >= 2) {
+    int32_t k = tree.iteration - 61;
+    tree.river_average_now = k >= 0 && (k < 7 || k % 7 == 0);
+  } else {
+    tree.river_average_now = true;
+  }
+  // 2.
+  traverse(tree, 1, MODE_TRAIN);
+  traverse(tree, 0, MODE_TRAIN);
+  // 3.
+  tree.iteration += 1;
+  tree.flags &= ~uint32_t(NEW_TREE);
+  RegretIteration = tree.iteration;
+}

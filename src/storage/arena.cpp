@@ -87,6 +87,16 @@ static void promise(PackedArena& a, int32_t worst) {
   grow_region(a.committed_target, a.committed, a.reserved, a.base);
 }
 
+// A 16-bit tail can pack past the promised worst case (each tail group has a
+// control byte of its own): keep the promise at least as far as the bytes, so
+// that a save keeps them.
+static void cover_position(PackedArena& a) {
+  if (a.limit >= a.position) return;
+  a.limit = a.position;
+  a.size_target = a.limit;
+  a.committed_target = round_to_granule(a.size_target, a.granule_mask);
+}
+
 // Packs one row at the cursor, staging it when it might run past the
 // commitment.
 template <typename T, typename Pack>
@@ -96,17 +106,21 @@ static void put_row(PackedArena& a, const T* row, int32_t count, Pack pack) {
   if (a.position + bound + PackSlack <= a.committed) {
     uint8_t* end = pack(a.base + a.position, row, count);
     a.position = int32_t(end - a.base);
+    cover_position(a);
     return;
   }
   alignas(64) uint8_t staging[StagingBytes];
   int32_t produced = int32_t(pack(staging, row, count) - staging);
-  // Only a 16-bit tail can overshoot the promise; cover it like any growth.
+  if (produced == 0) return;  // an empty row; nothing may be committed yet
+  // Only a 16-bit tail can overshoot the promise; cover it like any growth,
+  // and keep the promise at least as far as the bytes, so a save keeps them.
   if (a.position + produced > a.committed) {
     grow_region(round_to_granule(a.position + produced, a.granule_mask), a.committed, a.reserved,
                 a.base);
   }
   memcpy(a.base + a.position, staging, size_t(produced));
   a.position += produced;
+  cover_position(a);
 }
 
 template <typename T, typename Unpack>

@@ -245,9 +245,11 @@ void regret_u16(uint16_t* v, const float* row, const float* base, const uint8_t*
     // Lanes between -t and t keep their value, and t = 1 / s is normal.
     vi step = trunc_int(p * power34_normal(magnitude(d)));
     vi old = widen(ld<vh>(v + i, k));
-    vi lowered = old - step;
+    // Unused lanes may hold any step, so the sums wrap as unsigned numbers.
+    vi raised = (vi)((vu)old + (vu)step);
+    vi lowered = (vi)((vu)old - (vu)step);
     lowered = lowered < 0 ? vi{} : lowered;
-    vi nv = up ? old + step : (down ? lowered : old);
+    vi nv = up ? raised : (down ? lowered : old);
     if (mask) nv = frozen_lanes(mask, i, k) ? old : nv;
     st(v + i, narrow(nv), k);
   });
@@ -288,7 +290,7 @@ void accumulate_u32(uint32_t* v, const float* s, const float* reach, float w, co
 void accumulate_u16(uint16_t* v, const float* s, const float* x, const uint8_t* mask, int32_t n) {
   blocks(n, [&](int32_t i, int k) __attribute__((always_inline)) {
     vi old = widen(ld<vh>(v + i, k));
-    vi nv = old + trunc_int(0.5f + ld<vf>(x + i, k) * ld<vf>(s + i, k));
+    vi nv = (vi)((vu)old + (vu)trunc_int(0.5f + ld<vf>(x + i, k) * ld<vf>(s + i, k)));
     if (mask) nv = frozen_lanes(mask, i, k) ? old : nv;
     st(v + i, narrow(nv), k);
   });

@@ -1,0 +1,187 @@
+// Subgames: every chance card below a chance node is one piece of work. Pass
+// 0 queues them in walk order, pass 1 runs them on the OpenMP team, longest
+// first, and pass 2 collects their merged values at the same chance nodes.
+#include <omp.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+
+#include "solver/walk.h"
+
+std::vector<Subgame*> SubgameQueue;
+int32_t SubgameCursor = 0;
+std::atomic<int32_t> SubgameDoneCount{0};
+
+static std::recursive_mutex TraversalLock;
+static std::mutex MergeLock;
+
+std::recursive_mutex& traversal_lock() { return TraversalLock; }
+
+// Records are kept and reused between passes, so queuing allocates only
+// while the queue grows beyond what an earlier pass needed.
+static std::vector<std::unique_ptr<Subgame>> SubgameRecords;
+static std::vector<std::unique_ptr<SubgameShared>> SharedRecords;
+static size_t SubgamesUsed = 0;
+static size_t SharedUsed = 0;
+static std::vector<Subgame*> RunOrder;
+
+void queue_subgames(TraversalContext& ctx) {
+  Tree& t = *ctx.tree;
+  const BoardTree& bt = *t.boards;
+  const bool turn = ctx.turn_cell < 0;
+  const std::vector<BoardRecord>& kids = turn ? bt.children : bt.children[size_t(ctx.turn_cell)].children;
+  const int32_t parent_count =
+      turn ? int32_t(bt.holes.size()) : int32_t(bt.children[size_t(ctx.turn_cell)].holes.size());
+
+  // 1. The node's shared vectors.
+  if (SharedUsed == SharedRecords.size()) SharedRecords.push_back(std::make_unique<SubgameShared>());
+  SubgameShared& sh = *SharedRecords[SharedUsed++];
+  copy_vector(sh.reach, ctx.reach);
+  sh.has_own = ctx.own_reach.count > 0;
+  if (sh.has_own)
+    copy_vector(sh.own_reach, ctx.own_reach);
+  else
+    make_empty(sh.own_reach, 0);
+  alloc_vector(sh.value_sum, parent_count, true);
+  sh.has_br = t.traverse_mode == MODE_EVALUATE;
+  if (sh.has_br)
+    alloc_vector(sh.br_sum, parent_count, true);
+  else
+    make_empty(sh.br_sum, 0);
+
+  // 2. One record per card.
+  for (size_t k = 0; k < kids.size(); k++) {
+    if (SubgamesUsed == SubgameRecords.size()) SubgameRecords.push_back(std::make_unique<Subgame>());
+    Subgame* sg = SubgameRecords[SubgamesUsed++].get();
+    sg->context.tree = &t;
+    sg->context.node = ctx.node;
+    sg->context.turn_cell = turn ? int32_t(k) : ctx.turn_cell;
+    sg->context.river_cell = turn ? -1 : int32_t(k);
+    sg->shared = &sh;
+    SubgameQueue.push_back(sg);
+  }
+}
+
+void free_subgame_queue() {
+  for (size_t i = 0; i < SubgamesUsed; i++) {
+    TraversalContext& c = SubgameRecords[i]->context;
+    c.reach.release();
+    c.value.release();
+    c.own_reach.release();
+    c.br_value.release();
+    SubgameRecords[i]->shared = nullptr;
+  }
+  for (size_t i = 0; i < SharedUsed; i++) {
+    SubgameShared& sh = *SharedRecords[i];
+    sh.reach.release();
+    sh.own_reach.release();
+    sh.value_sum.release();
+    sh.br_sum.release();
+  }
+  SubgamesUsed = SharedUsed = 0;
+  SubgameQueue.clear();
+  SubgameCursor = 0;
+}
+
+// Maps a parent-order vector down to a child board (variant 0).
+static void map_down(HandVector& out, const HandVector& in, const BoardRecord& r) {
+  const int32_t n = int32_t(r.holes.size());
+  if (!in.data) {
+    make_empty(out, n);
+    return;
+  }
+  alloc_vector(out, n, false);
+  const uint16_t* down = r.parentPosition[0].data();
+  for (int32_t i = 0; i < n; i++) out.data[i] = in.data[down[i]];
+}
+
+// Adds a child-order vector into the parent order, once per variant.
+static void map_up(HandVector& sum, const HandVector& v, const BoardRecord& r) {
+  if (!v.data || !sum.data) return;
+  const int32_t n = int32_t(r.holes.size());
+  for (int32_t k = 0; k < r.variants; k++) {
+    const uint16_t* up = r.parentPosition[size_t(k)].data();
+    for (int32_t i = 0; i < n; i++) sum.data[up[i]] += v.data[i];
+  }
+}
+
+static void run_subgame(Subgame& sg) {
+  // 1.
+  const auto start = std::chrono::steady_clock::now();
+  TraversalContext& ctx = sg.context;
+  Tree& t = *ctx.tree;
+  Node& node = *ctx.node;
+  RowPool* before = enter_pool(t);
+  SubgameShared& sh = *sg.shared;
+  const BoardRecord& r = *cell_board(t, ctx.turn_cell, ctx.river_cell).record;
+
+  // 2. Reach down, then the turn card's lock.
+  map_down(ctx.reach, sh.reach, r);
+  if (sh.has_own)
+    map_down(ctx.own_reach, sh.own_reach, r);
+  else
+    make_empty(ctx.own_reach, 0);
+  std::mutex* turn_lock = ctx.river_cell < 0 && node.turn_locks ? &node.turn_locks[ctx.turn_cell] : nullptr;
+  if (turn_lock) turn_lock->lock();
+  // 3.
+  visit_node(ctx);
+  // 4, 5.
+  if (turn_lock) turn_lock->unlock();
+  {
+    std::lock_guard<std::mutex> merge(MergeLock);
+    map_up(sh.value_sum, ctx.value, r);
+    if (sh.has_br) map_up(sh.br_sum, ctx.br_value, r);
+  }
+  // 6.
+  ctx.reach.release();
+  ctx.own_reach.release();
+  ctx.value.release();
+  ctx.br_value.release();
+  SubgameDoneCount.fetch_add(1);
+  // 7. Every card of the node writes its time; the last one stays.
+  if (t.traverse_mode == MODE_TRAIN) {
+    auto us = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
+    std::atomic_ref<int32_t>(node.cell_mark[t.traverser & 1])
+        .store(int32_t(std::min<int64_t>(us.count(), INT32_MAX)), std::memory_order_relaxed);
+  }
+  // 8.
+  set_current_row_pool(before);
+}
+
+void TraverseSubgames() {
+  // 1, 2.
+  if (SubgameQueue.empty()) return;
+  RunOrder.assign(SubgameQueue.begin(), SubgameQueue.end());
+  // 3. The longest jobs of the last run first.
+  const Tree& t = *RunOrder[0]->context.tree;
+  if (t.traverse_mode == MODE_TRAIN) {
+    const int p = t.traverser & 1;
+    std::stable_sort(RunOrder.begin(), RunOrder.end(), [p](const Subgame* a, const Subgame* b) {
+      return a->context.node->cell_mark[p] > b->context.node->cell_mark[p];
+    });
+  }
+  // 4, 5.
+  SubgameDoneCount = 0;
+  const int32_t n = int32_t(RunOrder.size());
+  Subgame* const* order = RunOrder.data();
+#pragma omp parallel for schedule(dynamic, 1)
+  for (int32_t i = 0; i < n; i++) run_subgame(*order[i]);
+}
+
+// ---- Module hooks -----------------------------------------------------------------
+
+void forget_results_cache();
+
+// Called after a tree is destroyed: nothing queued or cached may outlive it.
+static void empty_subgame_queue() {
+  std::lock_guard<std::recursive_mutex> guard(TraversalLock);
+  free_subgame_queue();
+  RunOrder.clear();
+  forget_tree_facts();
+  forget_results_cache();
+}
+
+void solver_module_init() { EmptySubgameQueue = empty_subgame_queue; }
+
+static const bool HooksInstalled = (solver_module_init(), true);

@@ -1,0 +1,130 @@
+// River games with a closed-form value: a polarised range (nuts and air)
+// against bluff-catchers with one pot-sized bet. The bettor bets all nuts and
+// half as many bluffs, the caller calls half the time; the nuts win 100 per
+// matchup and the air loses 50, so with as much air as nuts the value for
+// the bettor is +25 chips from the middle of a pot of 100.
+#include <cmath>
+
+#include "solver_support.h"
+
+namespace {
+
+GameSpec polarised_game() {
+  GameSpec g;
+  g.board = "KsQd7h4c2s";
+  g.oop = {"KcKh", "KcKd", "KhKd", "6c5c", "6d5d", "6h5h"};
+  g.ip = {"QcJc", "QhJh", "QsJs", "QhJc", "QsJd", "QcJh"};
+  g.lines = {"100 100", "0 0"};
+  return g;
+}
+
+}  // namespace
+
+TEST_F(SolverTest, PolarisedRiverConvergesToItsValue) {
+  Tree& t = build(polarised_game());
+  ASSERT_EQ(t.nodes[0].street, 3);
+  double seconds = solve(t, scaled(2000));
+  SolverResults r = results_now(t);
+  if (!UnderSanitizer)
+    std::printf("[polarised river: %d iterations in %.3f s, %.0f it/s, exploitable %.5f]\n", t.iteration,
+                seconds, t.iteration / seconds, r.exploitable);
+  const double tol = UnderSanitizer ? 2.0 : 0.1;  // 0.1% of the pot
+  EXPECT_NEAR(r.ev0, 25.0, tol);
+  EXPECT_NEAR(r.ev1, -25.0, tol);
+  EXPECT_LT(r.exploitable, tol);
+  EXPECT_GE(r.exploitable, -1e-3);
+  EXPECT_GE(r.mes0 - r.ev0, -1e-3);
+  EXPECT_GE(r.mes1 - r.ev1, -1e-3);
+  EXPECT_EQ(r.iteration, t.iteration);
+  EXPECT_FALSE(t.flags & NEW_TREE);
+  EXPECT_EQ(RegretIteration, t.iteration);
+}
+
+TEST_F(SolverTest, BatchAndPlainRecursionAgree) {
+  GameSpec g = polarised_game();
+  // A second bet size and a raise give the batch own nodes and other nodes
+  // below each other.
+  g.lines = {"100 100", "50 150 150", "50 50", "0 0", "0 60 60"};
+  SimdLevel = 8;
+  Tree& a = build(g);
+  solve(a, scaled(300));
+  SolverResults ra = evaluate(a);
+  SimdLevel = 1;
+  Tree& b = build(g);
+  solve(b, scaled(300));
+  SolverResults rb = evaluate(b);
+  // Same sums up to the order of float additions.
+  EXPECT_NEAR(ra.ev0, rb.ev0, 1e-2);
+  EXPECT_NEAR(ra.mes0, rb.mes0, 1e-2);
+  EXPECT_NEAR(ra.mes1, rb.mes1, 1e-2);
+}
+
+TEST_F(SolverTest, EvaluationBeforeTheAverageUsesCurrentStrategy) {
+  Tree& t = build(polarised_game());
+  // Nothing trained: regrets are zero and evaluation plays uniformly.
+  SolverResults r0 = evaluate(t);
+  // Uniform: the nuts bet half the time (worth 100 or 50), the air too.
+  // IP calls half, so a bet is worth 100 with nuts and -50 with air; a check
+  // 50 and -50. Nuts 75, air -50: value 12.5.
+  EXPECT_NEAR(r0.ev0, 12.5, 1e-4);
+  EXPECT_NEAR(r0.ev1, -12.5, 1e-4);
+  solve(t, 60);
+  // Up to iteration 60 no sum changes.
+  for (const Node& n : t.nodes) {
+    if (n.kind != NODE_DECISION || !n.strategyStore) continue;
+    HandVector rows[2];
+    float zeros[2] = {0, 0};
+    int32_t tc = t.boards->turn_child, rc = t.boards->river_child;
+    n.strategyStore->read_strategy(rows, tc, rc, zeros);
+    for (size_t a = 0; a < n.children.size(); a++)
+      for (int32_t i = 0; i < rows[a].count; i++) EXPECT_EQ(rows[a].data[i], 0.0f);
+  }
+  SolverResults r60 = results_now(t);
+  solve(t, 1);
+  SolverResults r61 = results_now(t);
+  EXPECT_EQ(r61.iteration, 61);
+  // Both are valid evaluations.
+  EXPECT_GE(r60.exploitable, -1e-4);
+  EXPECT_GE(r61.exploitable, -1e-4);
+}
+
+TEST_F(SolverTest, ResultsAreCachedOnlyForIncompleteTrees) {
+  Tree& t = build(polarised_game());
+  solve(t, 30);
+  SolverResults a = results_now(t);
+  EXPECT_EQ(results_cache().results_iteration, 30);
+  // A complete tree recomputes; the numbers stay the same.
+  SolverResults b = results_now(t);
+  EXPECT_DOUBLE_EQ(a.ev0, b.ev0);
+  EXPECT_DOUBLE_EQ(a.exploitable, b.exploitable);
+  // An incomplete tree answers from the cache while the iteration is the same.
+  results_cache().ev[0] = 1234.0;
+  t.flags |= INCOMPLETE_TREE;
+  EXPECT_DOUBLE_EQ(results_now(t).ev0, 1234.0);
+  t.flags &= ~uint32_t(INCOMPLETE_TREE);
+  EXPECT_DOUBLE_EQ(results_now(t).ev0, a.ev0);
+}
+
+TEST_F(SolverTest, FullyLockedPlayerHasNoGainAtItsNode) {
+  Tree& t = build(polarised_game());
+  // Lock the bettor's root cell on a strategy that always checks.
+  Node& root = t.nodes[0];
+  int32_t tc = t.boards->turn_child, rc = t.boards->river_child;
+  int32_t n = root.regretStore->row_length(tc, rc);
+  std::vector<float> zero(size_t(n), 0.0f), one(size_t(n), 1000.0f);
+  root.regretStore->write_row(tc, rc, 0, zero.data());  // bet 100
+  root.regretStore->write_row(tc, rc, 1, one.data());   // check
+  root.regretStore->cell_lock_info(tc, rc)->flags |= CELL_LOCKED;
+  solve(t, scaled(400));
+  SolverResults r = evaluate(t);
+  // Checking everything: showdown, nuts +50, air -50 -> value 0; the locked
+  // player's best response keeps the lock, so its mes equals its ev.
+  EXPECT_NEAR(r.ev0, 0.0, 1e-3);
+  EXPECT_NEAR(r.mes0, r.ev0, 1e-3);
+  EXPECT_NEAR(r.mes1, r.ev1, 1e-3);
+  // Its regrets stayed as written.
+  HandVector rows[2];
+  float defaults[2] = {0.5f, 0.5f};
+  root.regretStore->read_strategy(rows, tc, rc, defaults);
+  for (int32_t i = 0; i < n; i++) EXPECT_EQ(rows[1].data[i], 1.0f);
+}
