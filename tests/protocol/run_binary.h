@@ -54,8 +54,12 @@ inline RunResult run_binary(const std::vector<std::string>& args, const std::str
   std::string in = dir + "/stdin.txt", out = dir + "/stdout.txt";
   write_file(in, input);
   std::string cmd;
-  if (!cwd.empty()) cmd = "cd " + shell_quote(cwd) + " && ";
-  cmd += shell_quote(CORVANTA_BIN);
+  if (!cwd.empty()) {
+    cmd.append("cd ");
+    cmd.append(shell_quote(cwd));
+    cmd.append(" && ");
+  }
+  cmd.append(shell_quote(CORVANTA_BIN));
   for (const std::string& a : args) cmd += " " + shell_quote(a);
   cmd += " < " + shell_quote(in) + " > " + shell_quote(out) + " 2>/dev/null";
   int status = std::system(cmd.c_str());

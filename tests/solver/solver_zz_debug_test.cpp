@@ -185,3 +185,79 @@ TEST_F(SolverTest, DebugW16) {
   w.update_regrets(0, 0, base, rows, nullptr, 1.25);
   for (int i = 0; i < 8; i++) printf("d %g -> %u %u\n", ds[i], w.values()[i], w.values()[8 + i]);
 }
+TEST_F(SolverTest, DebugFlop9) {
+  GameSpec g = flop_game(); g.lines = {"0 0 0 0 0 0", "0 0 0 0 50 50"};
+  Tree& t = SolverTest::build(g);
+  auto* w = dynamic_cast<Word16FlatStore*>(t.nodes[4].regretStore);
+  const StoreCell& c = w->shape->cells[0];
+  for (int it = 0; it < 25; it++) {
+    SolverTest::solve(t, 1);
+    printf("it %d factor %g:", t.iteration, w->cell_factors[0]);
+    for (int h = 10; h < 18; h++) printf(" %u/%u", w->values()[c.offset + h], w->values()[c.offset + align4(c.length) + h]);
+    printf("\n");
+  }
+  const BoardRecord& r = t.boards->children[0].children[0];
+  for (int h = 10; h < 18; h++) printf("%s ", mask_text(r.holes[h]).c_str());
+  printf("\n");
+}
+TEST_F(SolverTest, DebugRiverW16) {
+  GameSpec g;
+  g.board = "KsQd7h4c2s";
+  g.oop = {"KcKh", "KcKd", "KhKd", "6c5c", "6d5d", "6h5h"};
+  g.ip = {"QcJc", "QhJh", "QsJs", "QhJc", "QsJd", "QcJh"};
+  g.lines = {"100 100", "0 0"};
+  Tree& t = build(g);
+  for (Node& n : t.nodes) {
+    if (n.kind != NODE_DECISION) continue;
+    delete n.regretStore;
+    n.regretStore = new Word16FlatStore(t.shapes->shape(3, int32_t(n.children.size())));
+    n.regretStore->materialise();
+  }
+  for (int k : {10, 50, 100, 200, 500, 1000, 2000}) {
+    solve(t, k - t.iteration);
+    SolverResults r = evaluate(t);
+    printf("w16 it %d ev0 %.5f ev1 %.5f mes0 %.5f mes1 %.5f expl %.5f\n", t.iteration, r.ev0, r.ev1, r.mes0, r.mes1, r.exploitable);
+  }
+}
+TEST_F(SolverTest, DebugW16b) {
+  StoreShape shape = make_store_shape(2, {{8}});
+  Word16FlatStore w(&shape);
+  ASSERT_TRUE(w.materialise());
+  HandVector base, rows[2];
+  base.resize(8, false); rows[0].resize(8, false); rows[1].resize(8, false);
+  float ds[8] = {0.5f, 2, 10, 100, 1000, 5000, 20000, 100000};
+  RegretIteration = 1;
+  for (int i = 0; i < 8; i++) { base.data[i] = 0; rows[0].data[i] = 1000; rows[1].data[i] = 1000; }
+  w.update_regrets(0, 0, base, rows, nullptr, 1.0);
+  for (int i = 0; i < 8; i++) { base.data[i] = 0; rows[0].data[i] = -ds[i]; rows[1].data[i] = ds[i]; }
+  w.update_regrets(0, 0, base, rows, nullptr, 1.0);
+  for (int i = 0; i < 8; i++) printf("d %g -> %u %u\n", ds[i], w.values()[i], w.values()[8 + i]);
+  HandVector out[2]; float def[2] = {0.9f, 0.1f};
+  w.read_strategy(out, 0, 0, def);
+  for (int i = 0; i < 8; i++) printf("s %.3f %.3f\n", out[0].data[i], out[1].data[i]);
+}
+struct TraceStore : Word16FlatStore {
+  using Word16FlatStore::Word16FlatStore;
+  void update_regrets(int32_t g, int32_t c, const HandVector& base, const HandVector* rows, const HandGroupRuns* gr, double scale) override {
+    printf("upd RI %d scale %g factor %g n %d:", RegretIteration, scale, cell_factors[0], base.count);
+    for (int i = 0; i < base.count; i++) printf(" [%g %g %g]", base.data ? base.data[i] : 0.f, rows[0].data ? rows[0].data[i] : 0.f, rows[1].data ? rows[1].data[i] : 0.f);
+    printf("\n");
+    Word16FlatStore::update_regrets(g, c, base, rows, gr, scale);
+    printf("   ->");
+    for (int i = 0; i < base.count; i++) printf(" %u/%u", values()[i], values()[align4(base.count) + i]);
+    printf("\n");
+  }
+};
+TEST_F(SolverTest, DebugRiverW16Trace) {
+  GameSpec g;
+  g.board = "KsQd7h4c2s";
+  g.oop = {"KcKh", "6c5c"};
+  g.ip = {"QcJc"};
+  g.lines = {"100 100", "0 0"};
+  Tree& t = build(g);
+  Node& n = t.nodes[0];
+  delete n.regretStore;
+  n.regretStore = new TraceStore(t.shapes->shape(3, int32_t(n.children.size())));
+  n.regretStore->materialise();
+  solve(t, 12);
+}

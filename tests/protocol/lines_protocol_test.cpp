@@ -2,7 +2,7 @@
 // counts, exact answers and errors, and that a failing line keeps its nodes.
 #include <gtest/gtest.h>
 
-#include "../protocol/run_binary.h"
+#include "run_binary.h"
 
 TEST(LineCommands, AnswersAndErrors) {
   RunResult r = run_binary({},
