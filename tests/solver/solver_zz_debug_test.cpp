@@ -261,3 +261,15 @@ TEST_F(SolverTest, DebugRiverW16Trace) {
   n.regretStore->materialise();
   solve(t, 12);
 }
+TEST_F(SolverTest, DebugW16c) {
+  for (int n : {3, 5, 8, 13}) {
+  StoreShape shape = make_store_shape(2, {{n}});
+  Word16FlatStore w(&shape);
+  ASSERT_TRUE(w.materialise());
+  HandVector out[2]; float def[2] = {0.9f, 0.1f};
+  w.read_strategy(out, 0, 0, def);
+  printf("n %d:", n);
+  for (int i = 0; i < n; i++) printf(" %.3f/%.3f", out[0].data[i], out[1].data[i]);
+  printf("\n");
+  }
+}

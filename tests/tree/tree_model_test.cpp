@@ -1,8 +1,8 @@
-#include <algorithm>
 // The built tree's records, their extras at street starts, destruction, the
 // node statistics against counts derived by hand, and the report commands.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cfloat>
 #include <stdexcept>
 #include <string>

@@ -1,0 +1,150 @@
+// The build driver with storage planning: which store classes each level
+// gives river, turn and flop nodes on flop, turn and river roots, and what a
+// replan resets.
+#include <gtest/gtest.h>
+
+#include <typeinfo>
+
+#include "tree/board_tree.h"
+#include "tree/tree.h"
+
+namespace {
+
+struct PlanStores : ::testing::Test {
+  static void SetUpTestSuite() {
+    build_rank_tables();
+    build_card_tables();
+  }
+  void SetUp() override {
+    reset_game_state();
+    reset_tree_state();
+    CompressionSetting = -1;
+    Ranges[0].assign(HandCount, 1.0);
+    Ranges[1].assign(HandCount, 1.0);
+    StartPot = 100;
+  }
+  void TearDown() override {
+    reset_tree_state();
+    CompressionSetting = -1;
+    OutputBuffer.clear();
+  }
+  static void build(const char* board, const char* line, int level) {
+    std::string b = board;
+    BoardFlop = parse_cards(b.substr(0, 8));
+    BoardTurn = b.size() > 9 ? parse_cards(b.substr(9, 2)) : 0;
+    BoardRiver = b.size() > 12 ? parse_cards(b.substr(12, 2)) : 0;
+    walk_line(tokenize_line(std::string("add_line ") + line), 1, false);
+    CompressionSetting = level;
+    build_game(true);
+    OutputBuffer.clear();
+  }
+  // The stores of the first decision node on `street`.
+  static const Node& first_on(int street) {
+    for (const Node& n : ActiveTree->nodes)
+      if (n.kind == NODE_DECISION && n.street == street) return n;
+    throw std::runtime_error("no node on that street");
+  }
+};
+
+template <typename T>
+bool is(const Store* s) {
+  return s && typeid(*s) == typeid(T);
+}
+
+int packed_level(const Store* s) {
+  const PackedStore* p = dynamic_cast<const PackedStore*>(s);
+  return p ? p->level : 0;
+}
+
+}  // namespace
+
+TEST_F(PlanStores, FlopRootRiverClassesFollowTheLevelTable) {
+  for (int level = 0; level <= 5; level++) {
+    SCOPED_TRACE(level);
+    reset_tree_state();
+    build("Qs Jh 2h", "0 0 0 0 0 0", level);
+    EXPECT_EQ(ActualCompression, level);
+    const Node& flop = first_on(1);
+    const Node& turn = first_on(2);
+    const Node& river = first_on(3);
+    EXPECT_TRUE(is<RowStore>(flop.regretStore));
+    EXPECT_TRUE(is<RowStore>(flop.strategyStore));
+    EXPECT_TRUE(is<CompositeStore>(turn.regretStore));
+    EXPECT_TRUE(is<CompositeStore>(turn.strategyStore));
+    const Store* r = river.regretStore;
+    const Store* s = river.strategyStore;
+    switch (level) {
+      case 0:
+        EXPECT_TRUE(is<Word16FlatStore>(r));
+        EXPECT_TRUE(is<FloatFlatStore>(s));
+        break;
+      case 1:
+        EXPECT_TRUE(is<Word16FlatStore>(r));
+        EXPECT_EQ(packed_level(s), 1);
+        break;
+      case 2:
+        EXPECT_EQ(packed_level(r), 1);
+        EXPECT_EQ(packed_level(s), 1);
+        break;
+      case 3:
+        EXPECT_EQ(packed_level(r), 1);
+        EXPECT_EQ(packed_level(s), 2);
+        break;
+      case 4:
+        EXPECT_EQ(packed_level(r), 2);
+        EXPECT_EQ(packed_level(s), 2);
+        break;
+      case 5:
+        EXPECT_TRUE(is<Word16FlatStore>(r));
+        EXPECT_TRUE(is<WideningStore>(s));
+        break;
+    }
+    EXPECT_EQ(MaxIterations, level == 5 ? 2200 : 9000);
+    EXPECT_EQ(RiverGroupIterations, level == 4 ? 30 : 0);
+    EXPECT_EQ(StrategyExponent, 1.5);
+    EXPECT_EQ(ActiveTree->regret_level, compression_pair(level).regrets);
+    EXPECT_EQ(ActiveTree->strategy_level, compression_pair(level).strategy);
+  }
+}
+
+TEST_F(PlanStores, TurnAndRiverRootsKeepPlainFloatsOnTheRiver) {
+  for (int level : {0, 4, 5}) {
+    SCOPED_TRACE(level);
+    reset_tree_state();
+    build("Qs Jh 2h 7c", "0 0 0 0", level);
+    EXPECT_TRUE(is<CompositeStore>(first_on(2).regretStore));
+    EXPECT_TRUE(is<FloatFlatStore>(first_on(3).regretStore));
+    EXPECT_TRUE(is<FloatFlatStore>(first_on(3).strategyStore));
+    EXPECT_EQ(ActiveTree->regret_level, 0);
+    EXPECT_EQ(ActualCompression, level);
+    // The iteration constants still follow the level's pair.
+    EXPECT_EQ(MaxIterations, level == 5 ? 2200 : 9000);
+    EXPECT_EQ(RiverGroupIterations, level == 4 ? 30 : 0);
+
+    reset_tree_state();
+    build("Qs Jh 2h 7c 3d", "50 50", level);
+    EXPECT_TRUE(is<FloatFlatStore>(first_on(3).regretStore));
+    EXPECT_EQ(StrategyExponent, 4.0);
+  }
+}
+
+TEST_F(PlanStores, StoreTotalsCountRegretValuesByStreet) {
+  build("Qs Jh 2h 7c 3d", "50 50", 0);
+  // One line: OOP's root has one action (the bet), IP's answer two (call,
+  // fold); the regret values are hands x actions of each decision.
+  const BoardTree& b = *ActiveTree->boards;
+  int64_t hands = b.children[0].children[0].holes.size();
+  std::vector<int64_t> totals = store_totals();
+  ASSERT_EQ(totals.size(), 10u);
+  EXPECT_EQ(totals[3], hands * 1 + hands * 2);
+  EXPECT_EQ(totals[7], totals[3] * 6);
+  EXPECT_EQ(totals[1] + totals[2], 0);
+}
+
+TEST_F(PlanStores, ReplanResetsTheIteration) {
+  build("Qs Jh 2h 7c 3d", "50 50", 0);
+  ActiveTree->iteration = 40;
+  planStorage(compression_pair(0));
+  EXPECT_EQ(ActiveTree->iteration, 0);
+  EXPECT_FALSE(ActiveTree->stores_ready);
+}
