@@ -635,10 +635,10 @@ static void root_context(Tree& t, TraversalContext& ctx) {
 
 TraverseResult traverse(Tree& tree, int player, int mode) {
   TraverseResult result{0.0, 0.0};
-  // 1, 2.
+  // 2, 1: a query's walk may hold the lock; the fields are set behind it.
+  std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   tree.traverser = player;
   tree.traverse_mode = mode;
-  std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   if (tree.nodes.empty() || !tree.boards) return result;
   prepare_tree_facts(tree);
   RowPool* before = enter_pool(tree);
@@ -682,17 +682,22 @@ TraverseResult traverse(Tree& tree, int player, int mode) {
 }
 
 void run_iteration(Tree& tree) {
-  // 1. Some compression levels take river sums only on a schedule.
-  if (tree.strategy_level >= 2) {
-    int32_t k = tree.iteration - 61;
-    tree.river_average_now = k >= 0 && (k < 7 || k % 7 == 0);
-  } else {
-    tree.river_average_now = true;
+  // 1. Some compression levels take river sums only on a schedule. Queries
+  // may walk between the passes, so the tree's fields change under the lock.
+  {
+    std::lock_guard<std::recursive_mutex> guard(traversal_lock());
+    if (tree.strategy_level >= 2) {
+      int32_t k = tree.iteration - 61;
+      tree.river_average_now = k >= 0 && (k < 7 || k % 7 == 0);
+    } else {
+      tree.river_average_now = true;
+    }
   }
   // 2.
   traverse(tree, 1, MODE_TRAIN);
   traverse(tree, 0, MODE_TRAIN);
   // 3.
+  std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   tree.iteration += 1;
   tree.flags &= ~uint32_t(NEW_TREE);
   RegretIteration = tree.iteration;

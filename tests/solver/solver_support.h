@@ -30,7 +30,7 @@ constexpr bool UnderSanitizer = false;
 #endif
 
 // Iterations scaled down under a sanitizer, which runs the walk far slower.
-inline int32_t scaled(int32_t iterations, int32_t divisor = 4) {
+inline int32_t scaled(int32_t iterations, int32_t divisor = 2) {
   return UnderSanitizer ? std::max(1, iterations / divisor) : iterations;
 }
 
