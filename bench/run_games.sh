@@ -25,9 +25,10 @@ for g in "${games[@]}"; do
   for level in $levels; do
     go="go"
     [ "$max_seconds" != "0" ] && go="go $max_seconds seconds"
-    out=$( { cat "$script"; printf 'set_threads %s\nset_compression %s\n%s\nwait_for_solver\ncalc_results\n' "$threads" "$level" "$go"; } |
+    out=$( { cat "$script"; printf 'set_threads %s\nset_compression %s\nsolver_time\n%s\nwait_for_solver\nsolver_time\ncalc_results\n' "$threads" "$level" "$go"; } |
            "$bin" -m -v -k 2>&1)
     echo "$out" | awk -v game="$g" -v level="$level" -v pot="$pot" '
+      /^[0-9]+\.[0-9]+$/ { if (t_start == "") t_start = $1 + 0; else t_end = $1 + 0 }
       /^#SOLVER:/ {
         n = split($0, f, "\t")
         for (i = 1; i <= n; i++) {
@@ -36,15 +37,16 @@ for g in "${games[@]}"; do
         }
         if (t5 == "" && e <= 0.005 * pot) t5 = t
         if (t3 == "" && e <= 0.003 * pot) t3 = t
-        last_t = t; last_e = e
       }
-      /^#[0-9]+ iterations/ { it = $1; sub("#", "", it); it = it + 0; if (last_t > 0) { rep_it = it; rep_t = last_t } }
+      /^Exploitable for:/ { final_e = $3 + 0 }
+      /^#[0-9]+ iterations/ { it = $1; sub("#", "", it); it = it + 0 }
       /peak working set/ { m = $0; sub(/.*peak working set /, "", m); sub(/ MB.*/, "", m); peak = m + 0 }
       /^#terminal hands / { th = $3 + 0; tsec = $5 + 0 }
       END {
-        ips = rep_t > 0 ? rep_it / rep_t : 0
+        secs = t_end - t_start
+        ips = secs > 0 ? it / secs : 0
         cost = th > 0 ? sprintf("%.2f", tsec * 1e9 / th) : "-"
-        printf "%-6s %-5s %8d %9s %9s %9.1f %10d %12s %.4f%%\n", game, level, it, (t5 == "" ? "-" : t5), (t3 == "" ? "-" : t3), ips, peak, cost, 100 * last_e / pot
+        printf "%-6s %-5s %8d %9s %9s %9.1f %10d %12s %.4f%% in %.2fs\n", game, level, it, (t5 == "" ? "-" : t5), (t3 == "" ? "-" : t3), ips, peak, cost, 100 * final_e / pot, secs
       }'
   done
 done

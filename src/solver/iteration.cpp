@@ -639,7 +639,9 @@ TraverseResult traverse(Tree& tree, int player, int mode) {
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   tree.traverser = player;
   tree.traverse_mode = mode;
+  // A tree whose stores were never planned has nothing to walk with.
   if (tree.nodes.empty() || !tree.boards) return result;
+  if (tree.nodes[0].kind == NODE_DECISION && !tree.nodes[0].regretStore) return result;
   prepare_tree_facts(tree);
   RowPool* before = enter_pool(tree);
 

@@ -66,8 +66,6 @@ TraverseResult traverse(Tree& tree, int player, int mode);
 SolverResults results_now(Tree& tree);
 
 // ---- Walk, subgames and evaluation ------------------------------------------
-#include <atomic>
-
 //
 // Counterfactual regret minimisation (Zinkevich et al., "Regret Minimization in
 // Games with Incomplete Information", 2007) in vector form, with alternating
@@ -80,6 +78,7 @@ SolverResults results_now(Tree& tree);
 // an empty vector (no data) means all zeros and is how dead subtrees are
 // skipped. The walk knows no cards: fold and showdown values come from the
 // kernels, chance nodes only map hand lists through the board records.
+#include <atomic>
 
 // The single argument of the recursion.
 struct TraversalContext {

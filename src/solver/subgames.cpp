@@ -1,8 +1,6 @@
 // Subgames: every chance card below a chance node is one piece of work. Pass
 // 0 queues them in walk order, pass 1 runs them on the OpenMP team, longest
 // first, and pass 2 collects their merged values at the same chance nodes.
-#include <omp.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -170,8 +168,6 @@ void TraverseSubgames() {
 }
 
 // ---- Module hooks -----------------------------------------------------------------
-
-void forget_results_cache();
 
 // Called after a tree is destroyed: nothing queued or cached may outlive it.
 static void empty_subgame_queue() {

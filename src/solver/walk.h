@@ -99,6 +99,8 @@ extern TreeFacts Facts;
 // Rebuilds the facts when the tree is another one; under the traversal lock.
 void prepare_tree_facts(Tree& tree);
 void forget_tree_facts();
+// The evaluation cache belongs to one tree; a freed tree takes it along.
+void forget_results_cache();
 inline int32_t node_index(const Tree& t, const Node& n) { return int32_t(&n - t.nodes.data()); }
 
 // ---- Per-thread block ----------------------------------------------------------------
