@@ -276,6 +276,7 @@ static void visit_terminal(TraversalContext& ctx) {
     showdown_value(ctx.value.data, ctx.reach.data, b.count, river_groups(*b.record), b.packed, v);
   else
     fold_value(ctx.value.data, ctx.reach.data, b.count, b.packed, v);
+  count_terminal_hands(b.count);
   if (eval) copy_vector(ctx.br_value, ctx.value);
 }
 
@@ -352,6 +353,7 @@ static void visit_other_node(TraversalContext& ctx) {
     const Node& fold = t.nodes[size_t(node.children[size_t(n - 1)])];
     showdown_and_fold2(sd.data, fd.data, s[n - 2].data, s[n - 1].data, count, river_groups(*b.record),
                        b.packed, terminal_value(t, call), terminal_value(t, fold));
+    count_terminal_hands(2 * count);
     add_vector(ctx.value, sd);
     add_vector(ctx.value, fd);
   }
@@ -395,6 +397,7 @@ static void visit_own_node(TraversalContext& ctx) {
       const Node& fold = t.nodes[size_t(node.children[size_t(n - 1)])];
       showdown_and_fold(c[n - 2].data, c[n - 1].data, ctx.reach.data, count, river_groups(*b.record),
                         b.packed, terminal_value(t, call), terminal_value(t, fold));
+      count_terminal_hands(2 * count);
     } else {
       make_empty(c[n - 2], count);
       make_empty(c[n - 1], count);
@@ -704,3 +707,5 @@ void run_iteration(Tree& tree) {
   tree.flags &= ~uint32_t(NEW_TREE);
   RegretIteration = tree.iteration;
 }
+
+std::atomic<int64_t> TerminalHandCount{0};

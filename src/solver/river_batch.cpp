@@ -126,6 +126,7 @@ struct BatchWalk {
       else
         fold_value_batch(b.out_rows.data(), b.reach_rows.data(), b.values.data(), m, count,
                          record.packed.data());
+      count_terminal_hands(int64_t(m) * count);
     }
   }
 

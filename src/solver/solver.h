@@ -62,6 +62,11 @@ struct SolverResults {
 };
 
 void run_iteration(Tree& tree);
+
+// Hands evaluated by the terminal kernels, for the benchmark's cost per hand;
+// one relaxed add per kernel call of about a thousand hands.
+extern std::atomic<int64_t> TerminalHandCount;
+inline void count_terminal_hands(int64_t hands) { TerminalHandCount.fetch_add(hands, std::memory_order_relaxed); }
 TraverseResult traverse(Tree& tree, int player, int mode);
 SolverResults results_now(Tree& tree);
 
