@@ -177,16 +177,8 @@ bool start_solver(int32_t limit, bool limit_is_steps, void (*before_start)()) {
   SolverLimit = limit;
   LimitIsSteps = limit_is_steps;
   reset_report_log();
-  Tree& tree = *ActiveTree;
-  if (!tree.stores_ready) {
-    for (Node& node : tree.nodes) {
-      if (!node.regretStore || node.stores_ready) continue;
-      if (!node.regretStore->materialise()) return false;
-      if (node.strategyStore && !node.strategyStore->materialise()) return false;
-      node.stores_ready = true;
-    }
-    tree.stores_ready = true;
-  }
+  // Stores done before a failure stay allocated.
+  if (!materialise_tree_stores(*ActiveTree)) return false;
   SolverStopRequested = false;
   SolverRunning = true;
   if (before_start) before_start();

@@ -185,7 +185,9 @@ TEST_F(LoopTest, SeededRandomLines) {
       size_t end = out.find('\n', start);
       if (end == std::string::npos) end = out.size();
       std::string l = out.substr(start, end - start);
-      if (l.rfind("ERROR", 0) == 0) ASSERT_EQ(l.rfind("ERROR: ", 0), 0u) << line;
+      if (l.rfind("ERROR", 0) == 0) {
+        ASSERT_EQ(l.rfind("ERROR: ", 0), 0u) << line;
+      }
       start = end + 1;
     }
     SkipLabel.clear();
