@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "shell/shell.h"
+#include "tree/board_tree.h"
 #include "tree/tree.h"
 
 static const char* const PathError = "incorrect path";
@@ -119,9 +120,22 @@ static std::string tree_flag_names(uint32_t flags) {
   return s;
 }
 
-// Hook for the lock bits of a decision on the path's board (bit 1 locked,
-// bit 2 combo-locked); none until stores carry locks.
-uint32_t (*NodeLockBits)(const NodePath& ref) = nullptr;
+// Lock bits of a decision on the path's board (1 locked, 2 combo-locked),
+// from its regret store's cell; a path that leaves the card open names no
+// board, so no cell.
+static uint32_t node_lock_bits(const NodePath& ref) {
+  const Node& node = ActiveTree->nodes[size_t(ref.node->index)];
+  if (node.kind != NODE_DECISION || !node.regretStore || !ActiveTree->boards) return 0;
+  const int turn = node.street >= 2 ? ref.turn_card : -1;
+  const int river = node.street >= 3 ? ref.river_card : -1;
+  if ((node.street >= 2 && turn < 0) || (node.street >= 3 && river < 0)) return 0;
+  const BoardTree& boards = *ActiveTree->boards;
+  CanonicalCards cc = canonicalise_query(BoardFlop, turn, river, boards.isomorphic);
+  int32_t turn_cell, river_cell;
+  if (!find_board_cells(boards, cc.turn, cc.river, turn_cell, river_cell)) return 0;
+  const CellLock* lock = node.regretStore->cell_lock_info(turn_cell, river_cell);
+  return lock ? lock->flags & (CELL_LOCKED | CELL_MASKED) : 0;
+}
 
 static void print_block(const NodePath& ref, const std::string& path) {
   shell_print("%s\n", path.c_str());
@@ -139,7 +153,7 @@ static void print_block(const NodePath& ref, const std::string& path) {
   } else if (ref.at_split) {
     shell_print("flags:\n");
   } else {
-    uint32_t bits = NodeLockBits ? NodeLockBits(ref) : 0;
+    uint32_t bits = node_lock_bits(ref);
     std::string s;
     if (bits & 1) s = "LOCKED";
     if (bits & 2) s += s.empty() ? "COMBO_LOCKED" : " COMBO_LOCKED";

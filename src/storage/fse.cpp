@@ -78,11 +78,19 @@ struct BitReader {
   const uint8_t* in;
   size_t size;
   size_t position = 0;  // in bits
+  // At most 25 bits: a word load covers them from any bit offset.
   bool get(unsigned bits, uint32_t& value) {
     if (position + bits > size * 8) return false;
-    value = 0;
-    for (unsigned b = 0; b < bits; b++, position++)
-      value |= uint32_t((in[position >> 3] >> (position & 7)) & 1) << b;
+    size_t byte = position >> 3;
+    uint64_t w;
+    if (byte + 8 <= size) {
+      w = load_u64(in + byte);
+    } else {
+      w = 0;
+      for (size_t i = byte; i < size; i++) w |= uint64_t(in[i]) << (8 * (i - byte));
+    }
+    value = uint32_t((w >> (position & 7)) & ((uint64_t(1) << bits) - 1));
+    position += bits;
     return true;
   }
 };
@@ -99,11 +107,28 @@ bool spread_symbols(uint8_t* cell_symbol, const int16_t* norm, unsigned max_symb
       if (high < 0) return false;
       cell_symbol[high--] = uint8_t(s);
     }
+  // The symbols in order, each repeated by its count, eight bytes a store; the
+  // scatter below then has no per-symbol branch to mispredict.
+  uint8_t order[(1u << FSE_MAX_TABLELOG) + 8];
+  unsigned n = 0;
+  for (unsigned s = 0; s <= max_symbol; s++) {
+    int c = norm[s];
+    if (c <= 0) continue;
+    if (n + unsigned(c) > unsigned(high + 1)) return false;
+    const uint64_t repeated = 0x0101010101010101ull * s;
+    for (int k = 0; k < c; k += 8) memcpy(order + n + unsigned(k), &repeated, 8);
+    n += unsigned(c);
+  }
   const unsigned step = (size >> 1) + (size >> 3) + 3;
   unsigned position = 0;
-  for (unsigned s = 0; s <= max_symbol; s++) {
-    for (int k = 0; k < norm[s]; k++) {
-      cell_symbol[position] = uint8_t(s);
+  if (high == int(mask)) {
+    for (unsigned i = 0; i < n; i++) {
+      cell_symbol[position] = order[i];
+      position = (position + step) & mask;
+    }
+  } else {
+    for (unsigned i = 0; i < n; i++) {
+      cell_symbol[position] = order[i];
       do position = (position + step) & mask;
       while (int(position) > high);
     }
@@ -285,6 +310,19 @@ struct StreamReader {
 
 // Number of times the largest symbol occurs; max_symbol becomes the largest present.
 uint32_t histogram(uint32_t* count, unsigned& max_symbol, const uint8_t* src, size_t size) {
+  uint32_t largest = 0;
+  max_symbol = 0;
+  // Short sources (most channel blocks) don't repay clearing and summing four
+  // tables.
+  if (size < 1024) {
+    memset(count, 0, 256 * sizeof(uint32_t));
+    for (size_t i = 0; i < size; i++) count[src[i]]++;
+    for (unsigned s = 0; s < 256; s++) {
+      if (count[s]) max_symbol = s;
+      largest = std::max(largest, count[s]);
+    }
+    return largest;
+  }
   // Four tables break the store-to-load chains of runs of equal bytes.
   uint32_t c[4][256] = {};
   size_t i = 0;
@@ -295,8 +333,6 @@ uint32_t histogram(uint32_t* count, unsigned& max_symbol, const uint8_t* src, si
     c[3][src[i + 3]]++;
   }
   for (; i < size; i++) c[0][src[i]]++;
-  uint32_t largest = 0;
-  max_symbol = 0;
   for (unsigned s = 0; s < 256; s++) {
     count[s] = c[0][s] + c[1][s] + c[2][s] + c[3][s];
     if (count[s]) max_symbol = s;
@@ -367,17 +403,25 @@ int64_t FSE_normalizeCount(int16_t* norm, unsigned table_log, const uint32_t* co
   if (diff == 0) return int64_t(table_log);
   const int direction = diff > 0 ? 1 : -1;
   double change[FSE_MAX_SYMBOL_VALUE + 1];
+  // Only symbols with points can move; the list keeps symbol order, so ties
+  // still go to the lowest symbol.
+  uint8_t movable[FSE_MAX_SYMBOL_VALUE + 1];
+  unsigned movable_count = 0;
   auto cost_of_step = [&](unsigned s) {
     double p = norm[s];
     if (norm[s] <= 0 || (direction < 0 && norm[s] == 1)) return HUGE_VAL;
     return direction > 0 ? -double(count[s]) * std::log2((p + 1) / p)
                          : double(count[s]) * std::log2(p / (p - 1));
   };
-  for (unsigned s = 0; s <= max_symbol_value; s++) change[s] = cost_of_step(s);
+  for (unsigned s = 0; s <= max_symbol_value; s++) {
+    change[s] = cost_of_step(s);
+    if (change[s] != HUGE_VAL) movable[movable_count++] = uint8_t(s);
+  }
+  if (movable_count == 0) return fse_error(FSE_ERROR_GENERIC);
   for (; diff != 0; diff -= direction) {
-    unsigned best = 0;
-    for (unsigned s = 1; s <= max_symbol_value; s++)
-      if (change[s] < change[best]) best = s;
+    unsigned best = movable[0];
+    for (unsigned m = 1; m < movable_count; m++)
+      if (change[movable[m]] < change[best]) best = movable[m];
     if (change[best] == HUGE_VAL) return fse_error(FSE_ERROR_GENERIC);
     norm[best] = int16_t(norm[best] + direction);
     change[best] = cost_of_step(best);
@@ -503,6 +547,22 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
   if (FSE_isError(r)) return r;
   int64_t header = FSE_writeNCount(out, dst_capacity, norm, max_symbol, log);
   if (FSE_isError(header)) return header;
+
+  // Most channel blocks are short, and many end up raw. Each coded symbol
+  // writes at least table_log - highbit(p - 1) - 1 bits for p > 1 points
+  // (table_log for one point); when the header and that bound already reach
+  // the raw size, the result is 0 without building the table or coding.
+  {
+    auto least_bits = [&](unsigned s) -> uint64_t {
+      unsigned p = points(norm[s]);
+      return p == 1 ? log : log - highbit32(p - 1) - 1;
+    };
+    uint64_t bits = 2 * uint64_t(log) + 1;
+    for (unsigned s = 0; s <= max_symbol; s++)
+      if (count[s]) bits += uint64_t(count[s]) * least_bits(s);
+    bits -= least_bits(in[src_size - 1]) + least_bits(in[src_size - 2]);
+    if (uint64_t(header) + (bits + 7) / 8 >= src_size - 1) return 0;
+  }
 
   EncodeTable table;
   build_encode_table(table, norm, max_symbol, log);
