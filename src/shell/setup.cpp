@@ -60,7 +60,9 @@ void cmd_set_board(const Tokens& t) {
 }
 
 static void print_accuracy() {
-  if (Verbosity > 0) shell_print("[accuracy %.6g (%.6g fraction)]\n", AccuracyTarget, AccuracyTarget / StartPot);
+  if (Verbosity > 0)
+    shell_print("[accuracy %.6g (%.6g fraction)]\n", AccuracyTarget,
+                AccuracyIsFraction ? AccuracyValue : AccuracyValue / StartPot);
 }
 
 void cmd_set_pot(const Tokens& t) {

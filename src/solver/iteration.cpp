@@ -487,9 +487,16 @@ static bool river_sums_open(const Tree& t) {
          (t.traverse_mode != MODE_TRAIN || t.river_average_now);
 }
 
+// Training reads the sums of neither player and writes only the other
+// player's: the traverser's sums are left compressed.
+static bool skip_river_sums(const Tree& t, int k) {
+  return k >= 2 && t.traverse_mode == MODE_TRAIN && (k & 1) == t.traverser;
+}
+
 static void open_river_stores(Tree& t, int32_t group, TlsBlock& tb) {
   for (int k = 0; k < 4; k++) {
     if (k >= 2 && !river_sums_open(t)) break;
+    if (skip_river_sums(t, k)) continue;
     auto& l = tb.river_stores[k];
     if (!l.empty()) open_river_group(l.data(), l.size(), group);
   }
@@ -501,6 +508,7 @@ static void close_river_stores(Tree& t, int32_t group, TlsBlock& tb) {
   const bool train = t.traverse_mode == MODE_TRAIN;
   for (int k = 0; k < 4; k++) {
     if (k >= 2 && !river_sums_open(t)) break;
+    if (skip_river_sums(t, k)) continue;
     auto& l = tb.river_stores[k];
     int p = k & 1;
     bool keep = train && (k < 2 ? p == t.traverser : p != t.traverser);
