@@ -308,16 +308,7 @@ static void visit_other_node(TraversalContext& ctx) {
         node.strategyStore->accumulate_strategy(tc, rc, s.data(), ctx.reach, w);
     }
     // 3. Child reaches; a reach summing below FLT_MIN is dropped.
-    const float* __restrict r = ctx.reach.data;
-    for (int32_t a = 0; a < n; a++) {
-      float* __restrict x = s[a].data;
-      float sum = 0.0f;
-      for (int32_t i = 0; i < count; i++) {
-        x[i] *= r[i];
-        sum += x[i];
-      }
-      if (sum < FLT_MIN) make_empty(s[a], count);
-    }
+    child_reaches(s.data(), n, ctx.reach.data, count);
   } else {
     for (int32_t a = 0; a < n; a++) make_empty(s[a], count);
   }

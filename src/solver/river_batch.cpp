@@ -82,16 +82,7 @@ struct BatchWalk {
         if (w > 0.0f && !(lock && (lock->flags & CELL_LOCKED)))
           node.strategyStore->accumulate_strategy(tc, rc, s, *reach, w);
       }
-      const float* __restrict r = reach->data;
-      for (int32_t a = 0; a < n; a++) {
-        float* __restrict x = s[a].data;
-        float sum = 0.0f;
-        for (int32_t i = 0; i < count; i++) {
-          x[i] *= r[i];
-          sum += x[i];
-        }
-        if (sum < FLT_MIN) make_empty(s[a], count);
-      }
+      child_reaches(s, n, reach->data, count);
     } else {
       for (int32_t a = 0; a < n; a++) make_empty(s[a], count);
     }

@@ -3,6 +3,7 @@
 // per-thread block, and the steps of a decision node that the plain
 // recursion and the river batch both take.
 #pragma once
+#include <cfloat>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -61,6 +62,19 @@ inline void scale_vector(HandVector& v, float f) {
   if (!v.data) return;
   float* __restrict d = v.data;
   for (int32_t i = 0; i < v.count; i++) d[i] *= f;
+}
+// The reaches of an acting player's children: the strategy rows in `s`
+// become strategy x reach; a child whose reach sums below FLT_MIN is dropped.
+inline void child_reaches(HandVector* s, int32_t n, const float* __restrict reach, int32_t count) {
+  for (int32_t a = 0; a < n; a++) {
+    float* __restrict x = s[a].data;
+    float sum = 0.0f;
+    for (int32_t i = 0; i < count; i++) {
+      x[i] *= reach[i];
+      sum += x[i];
+    }
+    if (sum < FLT_MIN) make_empty(s[a], count);
+  }
 }
 
 // ---- Boards ---------------------------------------------------------------------
