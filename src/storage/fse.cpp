@@ -78,7 +78,7 @@ struct BitReader {
   const uint8_t* in;
   size_t size;
   size_t position = 0;  // in bits
-  // At most 25 bits: a word load covers them from any bit offset.
+  // A field is at most 13 bits: one word load covers it from any bit offset.
   bool get(unsigned bits, uint32_t& value) {
     if (position + bits > size * 8) return false;
     size_t byte = position >> 3;
@@ -553,13 +553,13 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
   // (table_log for one point); when the header and that bound already reach
   // the raw size, the result is 0 without building the table or coding.
   {
+    // No test on the count: an absent symbol's term is multiplied by 0.
     auto least_bits = [&](unsigned s) -> uint64_t {
       unsigned p = points(norm[s]);
-      return p == 1 ? log : log - highbit32(p - 1) - 1;
+      return p == 1 ? log : uint32_t(log - highbit32(p - 1) - 1);
     };
     uint64_t bits = 2 * uint64_t(log) + 1;
-    for (unsigned s = 0; s <= max_symbol; s++)
-      if (count[s]) bits += uint64_t(count[s]) * least_bits(s);
+    for (unsigned s = 0; s <= max_symbol; s++) bits += uint64_t(count[s]) * least_bits(s);
     bits -= least_bits(in[src_size - 1]) + least_bits(in[src_size - 2]);
     if (uint64_t(header) + (bits + 7) / 8 >= src_size - 1) return 0;
   }

@@ -131,14 +131,6 @@ void average_runs(uint16_t* row, int32_t n, const HandGroupRuns& groups, const u
     uint16_t* v = row + pos;
     pos += len;
     if (len == 1) continue;
-    // Unmasked cells are the rule: no per-value test there.
-    if (!mask) {
-      uint32_t sum = 0;
-      for (int32_t i = 0; i < len; i++) sum += v[i];
-      uint16_t mean = uint16_t(sum / uint32_t(len));
-      for (int32_t i = 0; i < len; i++) v[i] = mean;
-      continue;
-    }
     uint32_t sum = 0;
     uint32_t count = 0;
     for (int32_t i = 0; i < len; i++) {
