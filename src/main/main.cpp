@@ -130,7 +130,7 @@ int main(int argc, char** argv) {
   }
 
   read_standard_input();
-  stop_watcher();
-  fflush(stdout);
-  return 0;
+  // As at `exit`: a solving thread that is still winding down (or running)
+  // must not meet the static destructors of a returning main.
+  normal_exit();
 }

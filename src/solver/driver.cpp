@@ -23,6 +23,10 @@ static int64_t IterationHands = 0;
 static std::atomic<bool> WaitRequested{false};
 static std::mutex EndMutex;
 static std::condition_variable EndSignal;
+// Solving threads not yet past their last line: a waiter wakes only when
+// "SOLVER: stopped" is out, while `go` may start anew as soon as
+// SolverRunning falls (so for a moment two threads may count here).
+static int ThreadsBusy = 0;
 
 static int InitArgument = 0;
 static volatile long InitSum = 0;
@@ -53,7 +57,7 @@ void wait_for_end() {
   WaitRequested = true;
   std::unique_lock<std::mutex> lock(EndMutex);
   // The predicate, not a bare signal: a run that ends as the wait begins is not missed.
-  EndSignal.wait(lock, [] { return !SolverRunning.load(); });
+  EndSignal.wait(lock, [] { return ThreadsBusy == 0; });
   WaitRequested = false;
 }
 
@@ -99,13 +103,14 @@ void print_report() {
 }
 
 static void finish_run(const char* reason) {
-  {
-    std::lock_guard<std::mutex> lock(EndMutex);
-    SolverStopRequested = false;
-    SolverRunning = false;
-  }
+  SolverStopRequested = false;
+  SolverRunning = false;
   solver_print("SOLVER: stopped (%s)\n", reason);
   fflush(stdout);
+  {
+    std::lock_guard<std::mutex> lock(EndMutex);
+    ThreadsBusy--;
+  }
   EndSignal.notify_all();
 }
 
@@ -181,6 +186,10 @@ bool start_solver(int32_t limit, bool limit_is_steps, void (*before_start)()) {
   if (!materialise_tree_stores(*ActiveTree)) return false;
   SolverStopRequested = false;
   SolverRunning = true;
+  {
+    std::lock_guard<std::mutex> lock(EndMutex);
+    ThreadsBusy++;
+  }
   if (before_start) before_start();
   std::thread(solving_thread).detach();
   return true;
