@@ -72,9 +72,8 @@ static int64_t now_ns() {
 }
 
 static void print_storage_line(double seconds) {
-  double read = seconds > 0 ? double(StorageBytesRead.load()) / seconds / 1024 / 1024 : 0;
-  double written = seconds > 0 ? double(StorageBytesWritten.load()) / seconds / 1024 / 1024 : 0;
-  solver_print("#storage %d MB/s read, %d MB/s write\n", int(read), int(written));
+  StorageThroughput rate = storage_throughput(seconds);
+  solver_print("#storage %d MB/s read, %d MB/s write\n", rate.read_mb_per_s, rate.write_mb_per_s);
 }
 
 void print_report() {
@@ -236,8 +235,7 @@ void cmd_calc_results(const Tokens&) {
   // The storage rates of the last report's run, as the results carry no time.
   std::vector<SolverReport> list = copy_reports();
   double seconds = list.empty() ? 0 : list.back().seconds;
-  double read = seconds > 0 ? double(StorageBytesRead.load()) / seconds / 1024 / 1024 : 0;
-  double written = seconds > 0 ? double(StorageBytesWritten.load()) / seconds / 1024 / 1024 : 0;
-  shell_print("#storage %d MB/s read, %d MB/s write\n", int(read), int(written));
+  StorageThroughput rate = storage_throughput(seconds);
+  shell_print("#storage %d MB/s read, %d MB/s write\n", rate.read_mb_per_s, rate.write_mb_per_s);
   shell_print("#terminal hands %lld in %.3f s\n", (long long)IterationHands, IterationSeconds);
 }
