@@ -10,7 +10,7 @@ trap 'rm -rf "$work"' EXIT
 git clone -q "$src" "$work/clone"
 cd "$work/clone"
 ln -s "$src/../shared" ../shared 2>/dev/null || true
-export TEST_FILTER="${TEST_FILTER:-^Cards}"
+export TEST_FILTER="${TEST_FILTER:-^(CardReader|HandOrder|Startup)\.}"
 
 example_ok() {
   grep -q '^Corvanta quick start$' "$1" && grep -q '^SOLVER: stopped' "$1"
