@@ -185,7 +185,13 @@ void sort_board(const std::vector<CardMask>& parent_holes, const std::vector<uin
     for (int k = 1; k < rec.variants; k++) {
       CardMask swapped = swap_suits(hand, suit, suit + k);
       uint16_t q = parent_position[size_t(pair_index_of_mask(swapped))];
-      if (q == NoPosition) report_isomorph_error(board, hand, swapped);
+      // Ranges not symmetric in the free suits: the swapped hand is missing
+      // from the parent. Reported, and mapped to the hand itself so that no
+      // walk ever indexes past the parent's list.
+      if (q == NoPosition) {
+        report_isomorph_error(board, hand, swapped);
+        q = i;
+      }
       rec.parentPosition[size_t(k)][j] = q;
     }
   }

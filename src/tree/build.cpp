@@ -154,7 +154,15 @@ static double largest_key(const SchematicNode& root) {
   return best;
 }
 
+// cut_line builds too, after the game may have changed or lost its last line.
+static void check_build_inputs() {
+  if (Ranges[0].empty() || Ranges[1].empty()) fail_command("ranges not set");
+  if (card_count(BoardFlop) != 3) fail_command("board not set");
+  if (SchematicRoot->children.empty()) fail_command("lines not set");
+}
+
 void build_game(bool plan_storage) {
+  check_build_inputs();
   // 1. The street the game starts on follows from the board alone.
   if (!BoardRiver) StartStreet = BoardTurn ? 2 : 1;
   else StartStreet = BoardTurn ? 3 : 2;
@@ -189,9 +197,7 @@ void build_game(bool plan_storage) {
 
 void cmd_build_tree(const Tokens& t) {
   if (SolverRunning) fail_command("Can't do that when solver is running");
-  if (Ranges[0].empty() || Ranges[1].empty()) fail_command("ranges not set");
-  if (card_count(BoardFlop) != 3) fail_command("board not set");
-  if (SchematicRoot->children.empty()) fail_command("lines not set");
+  check_build_inputs();
   TreeInfoLines.clear();
   try {
     build_game(true);
