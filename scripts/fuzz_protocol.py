@@ -246,8 +246,10 @@ def run_chunk(binary: str, seed: int, index: int, lines: int, timeout: float, sa
     try:
         names = ["tree_a.bin", "tree_b.bin", "out.txt", "missing/x.bin", "script.txt", work + "/abs.bin", ""]
         chunk = make_chunk(seed, index, lines, names)
-        with open(os.path.join(work, "script.txt"), "w") as f:  # load_script meets a small loop-free script
-            f.write("echo from script\nshow_node r:0\nload_script script.txt\n")
+        with open(os.path.join(work, "script.txt"), "w") as f:  # a small script that nests once
+            f.write("echo from script\nshow_node r:0\nload_script inner.txt\n")
+        with open(os.path.join(work, "inner.txt"), "w") as f:
+            f.write("show_children r:0\nnode_count\n")
         text = "\n".join(chunk) + "\n"
         try:
             env = dict(os.environ, ASAN_OPTIONS="exitcode=86:detect_leaks=0", UBSAN_OPTIONS="exitcode=87:print_stacktrace=1")
