@@ -84,8 +84,7 @@ NodePath parse_path(const std::string& text) {
     }
   }
   // Lines added after the build are not in the tree yet.
-  if (ref.node && (ref.node->index < 0 || size_t(ref.node->index) >= ActiveTree->nodes.size()))
-    fail_command(PathError);
+  if (ref.node && !(ref.built = built_node(ref.node))) fail_command(PathError);
   return ref;
 }
 
@@ -124,7 +123,8 @@ static std::string tree_flag_names(uint32_t flags) {
 // from its regret store's cell; a path that leaves the card open names no
 // board, so no cell.
 static uint32_t node_lock_bits(const NodePath& ref) {
-  const Node& node = ActiveTree->nodes[size_t(ref.node->index)];
+  if (!ref.built) return 0;
+  const Node& node = *ref.built;
   if (node.kind != NODE_DECISION || !node.regretStore || !ActiveTree->boards) return 0;
   const int turn = node.street >= 2 ? ref.turn_card : -1;
   const int river = node.street >= 3 ? ref.river_card : -1;
@@ -173,6 +173,7 @@ void cmd_show_children(const Tokens& t) {
   if (!ref.node) {
     NodePath child;
     child.node = SchematicRoot.get();
+    child.built = built_node(child.node);
     child.turn_card = ref.turn_card;
     child.river_card = ref.river_card;
     shell_print("child 0:\n");
@@ -200,6 +201,7 @@ void cmd_show_children(const Tokens& t) {
     for (const auto& [key, node] : ref.node->children) {
       NodePath child = ref;
       child.node = node.get();
+      child.built = built_node(child.node);  // none for a line added after the build
       child.at_split = node->street > ref.node->street;
       std::string seg;
       if (key <= ref.node->amount) seg = key >= 0 ? "c" : "f";
@@ -217,7 +219,7 @@ void cmd_set_ev_boost(const Tokens& t) {
   double v = parse_double(t[2]);
   bool decision = ref.node && !ref.at_split && !ref.node->children.empty();
   if (!decision || !(v >= -0.99 && v <= 1.0)) fail_argument(t[0]);
-  ActiveTree->nodes[ref.node->index].ev_boost = float(v);
+  ref.built->ev_boost = float(v);
   print_ok(t);
 }
 

@@ -159,10 +159,12 @@ void run_script_file(const std::string& path);
 
 // ---- Node paths -----------------------------------------------------------
 struct SchematicNode;
+struct Node;
 
 // A situation of the game: a point of the line tree with the cards so far.
 struct NodePath {
   SchematicNode* node = nullptr;  // none for the path "r"
+  Node* built = nullptr;          // the built node of `node`; parse_path fails without one
   int32_t turn_card = -1;
   int32_t river_card = -1;
   bool at_split = false;  // ended on the action that closed a street, before the card

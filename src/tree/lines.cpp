@@ -29,7 +29,7 @@ static SchematicNode* add_child(SchematicNode* node, double key) {
 
 void walk_line(const Tokens& tokens, size_t first, bool forced) {
   SchematicNode* node = SchematicRoot.get();
-  node->player = node->street = node->raises = node->index = 0;
+  node->player = node->street = node->raises = 0;
   node->amount = node->invested[0] = node->invested[1] = 0;
 
   // The betting state lives in the walk, not in the nodes: a node reached by
@@ -116,8 +116,11 @@ void remove_line(const Tokens& tokens, size_t first) {
   }
 }
 
+uint64_t Flattenings = 0;
+
 std::vector<LineRecord> flatten_lines(SchematicNode* root) {
   std::vector<LineRecord> out;
+  const uint64_t stamp = ++Flattenings;
   // Pre-order with an explicit stack (a line may be as deep as it is long):
   // children are pushed last first, so the largest key is taken next.
   struct Pending {
@@ -145,6 +148,7 @@ std::vector<LineRecord> flatten_lines(SchematicNode* root) {
     }
     int32_t position = int32_t(out.size());
     node->index = position;
+    node->flattening = stamp;
     out.push_back(r);
     for (auto it = node->children.rbegin(); it != node->children.rend(); ++it)
       stack.push_back({it->second.get(), position, it->first});

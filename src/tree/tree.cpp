@@ -10,6 +10,13 @@
 #include "tree/tree.h"
 
 Tree* ActiveTree = nullptr;
+
+Node* built_node(const SchematicNode* node) {
+  if (!ActiveTree || !node || node->flattening != ActiveTree->flattening || node->index < 0 ||
+      size_t(node->index) >= ActiveTree->nodes.size())
+    return nullptr;
+  return &ActiveTree->nodes[size_t(node->index)];
+}
 void (*EmptySubgameQueue)() = nullptr;
 
 double StrategyExponent = 1.5;
@@ -69,6 +76,7 @@ void make_tree(const std::vector<LineRecord>& records, const Card flop[3], int t
   std::unique_ptr<Tree, void (*)(Tree*)> tree(new Tree, destroy_tree);
   Tree& t = *tree;
   t.flags = NEW_TREE;
+  t.flattening = Flattenings;
   t.average_policy = 1;
   t.river_average_now = true;
   t.max_range_weight[0] = t.max_range_weight[1] = 1.0;

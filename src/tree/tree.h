@@ -32,6 +32,7 @@ struct SchematicNode {
   int32_t street = 0;  // counted from the game's first street, from 0
   int32_t raises = 0;  // bets and raises so far on this street
   int32_t index = -1;  // position in the flat list; -1 until a build covers the node
+  uint64_t flattening = 0;  // which flattening set index; a tree is built from one
   double amount = 0;   // betting level reached by the action that led here
   double invested[2] = {0, 0};  // per player since the start, StartPot not included
 
@@ -71,8 +72,10 @@ struct LineRecord {
 extern int32_t StartStreet;
 
 // Pre-order records of the schematic tree (a node's first child is the next
-// entry); stores each record's position in its node's index field.
+// entry); stores each record's position in its node's index field, stamped
+// with a new Flattenings count.
 std::vector<LineRecord> flatten_lines(SchematicNode* root);
+extern uint64_t Flattenings;
 
 // ---- Built tree -------------------------------------------------------------
 class Store;      // regret and strategy stores, storage module
@@ -130,6 +133,7 @@ struct Tree {
   int32_t action_max = 0;
   double max_payoff = 0;  // largest absolute terminal value
   uint32_t flags = 0;
+  uint64_t flattening = 0;  // the flattening of the lines the nodes were made from
 
   // The iteration's state.
   int32_t traverser = 0;
@@ -154,6 +158,10 @@ struct Tree {
 
 // The one built tree, or null; owned here and freed only by free_active_tree.
 extern Tree* ActiveTree;
+
+// The built node of a schematic node, or null: lines added after the build,
+// and nodes whose index comes from a later flattening than the tree's, have none.
+Node* built_node(const SchematicNode* node);
 
 // Called after a Tree is gone, to empty the solver's subgame queue under its
 // lock; the solver installs it, null means nothing to do.

@@ -141,3 +141,24 @@ TEST(Paths, RiverGameClosingCallHasNoCards) {
   std::string in = game("Qs Jh 2h 7c 3d", {"50 50"}) + "build_tree\nshow_children r:0:b50:c\nshow_node r:0:b50\n";
   EXPECT_EQ(run_k(in), "END\nr:0:b50\nIP_DEC\n2h Jh Qs 7c 3d\n50 0 100\n2 children\nflags: \nEND\n");
 }
+
+// Lines change only the schematic tree: a child added after the build has no
+// built node, so paths show it without flags and refuse to act on it.
+TEST(Paths, LinesAddedAfterTheBuild) {
+  std::string in = game("Kh Qh 7c 4d 2s", {"0 0", "100 100"}) +
+                   "build_tree\n"
+                   "add_line 99\n"
+                   "show_children r:0\n"
+                   "show_node r:0:b99\n"
+                   "set_ev_boost r:0:b99 0.5\n"
+                   "force_line 30 30\n"
+                   "show_children r:0\n"
+                   "calc_results\n";
+  std::string out = run_k(in);
+  EXPECT_EQ(out.rfind("child 0:\nr:0:b100\nIP_DEC\n7c Qh Kh 4d 2s\n100 0 100\n2 children\nflags: \n"
+                      "child 1:\nr:0:b99\nIP_DEC\n7c Qh Kh 4d 2s\n99 0 100\n2 children\nflags: \n", 0), 0u) << out;
+  EXPECT_NE(out.find("ERROR: show_node incorrect path\nERROR: set_ev_boost incorrect path\n"
+                     "child 0:\nr:0:b30\nIP_DEC\n7c Qh Kh 4d 2s\n30 0 100\n1 children\nflags: \nEND\n"),
+            std::string::npos) << out;
+  EXPECT_NE(out.find("EV OOP: "), std::string::npos) << out;
+}
