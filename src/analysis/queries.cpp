@@ -173,17 +173,23 @@ bool card_free(int c, CardMask used) { return !(used & CardBit(Card(c))) && Rank
 
 }  // namespace
 
+// Cards of the deck off `used`: a dealt card is one of these less the four
+// hole cards, the same count for every pair of hands that can meet.
+static int32_t deal_choices(CardMask used) {
+  int32_t n = 0;
+  for (int c = 0; c < 52; c++) n += card_free(c, used);
+  return n - 4;
+}
+
 double line_frequency(Tree& t, const Spot& s, bool global) {
   Spot root{nullptr, nullptr, -1, -1};
   const double r = spot_reach_sum(t, root);
   if (global || !s.node) return spot_reach_sum(t, s) / r;
-  // The line's value sums every run-out of the streets the path leaves open.
+  // The line's value covers every run-out of the streets the path leaves
+  // open, each card weighted by its chance.
   const int32_t street = s.built ? s.built->street : spot_street(s.node);
-  const bool need_turn = street >= 2 && !(t.board & ~t.flop_board) && s.turn < 0;
-  const bool turn_fixed_by_tree = __builtin_popcountll(t.board) >= 4;
-  double sum = 0;
   auto rivers = [&](Spot x) {
-    if (street < 3 || x.river >= 0 || __builtin_popcountll(t.board) == 5) return spot_reach_sum(t, x);
+    if (street < 3 || x.river >= 0) return spot_reach_sum(t, x);
     double part = 0;
     CardMask used = spot_board(t, x);
     for (int c = 0; c < 52; c++) {
@@ -191,17 +197,15 @@ double line_frequency(Tree& t, const Spot& s, bool global) {
       x.river = c;
       part += spot_reach_sum(t, x);
     }
-    return part;
+    return part / deal_choices(used);
   };
-  if (need_turn && !turn_fixed_by_tree) {
-    for (int c = 0; c < 52; c++) {
-      if (!card_free(c, t.board)) continue;
-      Spot x = s;
-      x.turn = c;
-      sum += rivers(x);
-    }
-  } else {
-    sum = rivers(s);
+  if (street < 2 || s.turn >= 0) return rivers(s) / r;
+  double sum = 0;
+  for (int c = 0; c < 52; c++) {
+    if (!card_free(c, t.board)) continue;
+    Spot x = s;
+    x.turn = c;
+    sum += rivers(x);
   }
-  return sum / r;
+  return sum / deal_choices(t.board) / r;
 }
