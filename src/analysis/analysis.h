@@ -72,3 +72,11 @@ void cmd_calc_eq_node(const Tokens& t);
 void cmd_calc_ev_line(const Tokens& t);
 void cmd_calc_line_freq(const Tokens& t);
 void cmd_calc_global_freq(const Tokens& t);
+
+// Per hand of `player` at the spot: the value in chips from the middle of the
+// pot under the strategies in the tree (NaN for a hand that meets no
+// opponent hand there) and its matchups, both in real PairIndex order. False
+// when the spot names no board cell.
+bool spot_ev(Tree& tree, const Spot& spot, int32_t player, double* ev, double* matchups);
+void cmd_calc_ev(const Tokens& t);
+void cmd_calc_ev_pp(const Tokens& t);

@@ -215,3 +215,40 @@ static void print_frequency(const Tokens& t, bool global) {
 
 void cmd_calc_line_freq(const Tokens& t) { print_frequency(t, false); }
 void cmd_calc_global_freq(const Tokens& t) { print_frequency(t, true); }
+
+// EV rows from the asked player's view, with half the starting pot added.
+static bool ev_rows(const Tokens& t, std::vector<double>& ev, std::vector<double>& match, Spot& s) {
+  ev.assign(HandCount, 0.0);
+  match.assign(HandCount, 0.0);
+  int32_t p = read_player(t, 1);
+  if (!tree_ready()) return false;
+  s = read_spot(t, 2, true);
+  if (!spot_ev(*ActiveTree, s, p, ev.data(), match.data())) fail_command("incorrect path");
+  for (double& v : ev)
+    if (!std::isnan(v)) v += 0.5 * StartPot;
+  return true;
+}
+
+void cmd_calc_ev(const Tokens& t) {
+  std::vector<double> ev, match;
+  Spot s;
+  ev_rows(t, ev, match, s);
+  print_row(ev.data(), "%.9g", "nan");
+  print_row(match.data(), "%.9g", "0");
+  shell_print("END\n");
+}
+
+void cmd_calc_ev_pp(const Tokens& t) {
+  std::vector<double> ev, match;
+  Spot s;
+  if (ev_rows(t, ev, match, s)) {
+    const int32_t me = s.built->player & 1;
+    std::vector<double> other(HandCount);
+    range_at(*ActiveTree, s, 1 - me, other.data());
+    for (int32_t h : hand_strength_order(spot_board(*ActiveTree, s), other.data())) {
+      int pair = HandToPair[h];
+      shell_print("%s: %.2f; %.2f\n", hand_name(h).c_str(), ev[size_t(pair)], match[size_t(pair)]);
+    }
+  }
+  shell_print("END\n");
+}

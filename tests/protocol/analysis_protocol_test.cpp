@@ -141,3 +141,31 @@ TEST(Analysis, QueriesDuringARun) {
   EXPECT_NE(r.out.find("SOLVER: stopped"), std::string::npos);
   EXPECT_EQ(r.out.find("ERROR"), std::string::npos) << r.out.substr(0, 400);
 }
+
+// calc_ev rows, weighted by range and matchups, give each player's value of
+// calc_results; a hand holding a board card is "nan" with 0 matchups.
+TEST(Analysis, EvRowsAddUpToTheGameValue) {
+  std::string in = solved("Qs Jh 2h 7c 4d", RiverLines, "go 300 steps") + "calc_results\ncalc_ev OOP r:0\ncalc_ev IP r:0\n";
+  std::string out = run_binary({"-k"}, in).out;
+  auto rows = rows_of(out);
+  ASSERT_EQ(rows.size(), 4u);
+  for (int p = 0; p < 2; p++) {
+    std::istringstream given(mixed_range(p ? "IP" : "OOP", p + 1).substr(p ? 12 : 13));
+    double num = 0, den = 0, w;
+    int dead = 0;
+    for (int h = 0; h < 1326; h++) {
+      given >> w;
+      if (std::isnan(rows[2 * p][h])) {
+        EXPECT_EQ(rows[2 * p + 1][h], 0);
+        dead++;
+        continue;
+      }
+      num += w * rows[2 * p + 1][h] * rows[2 * p][h];
+      den += w * rows[2 * p + 1][h];
+    }
+    EXPECT_GE(dead, 5 * 51 - 10);
+    size_t at = out.rfind(p ? "EV IP: " : "EV OOP: ");  // calc_results, after the run's report
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_NEAR(num / den, number(out.substr(at + (p ? 7 : 8))), 2e-3) << p;
+  }
+}
