@@ -86,7 +86,24 @@ bool load_hand_type_order(const uint8_t order[CATEGORY_NB]);
 // The words of eval_hand for a value, e.g. "aces over kings".
 std::string describe_hand_value(HandValue v);
 
+// ---- Hand classifier ------------------------------------------------------
+enum MadeCategory : int8_t {
+  MADE_NOTHING, MADE_KING_HIGH, MADE_ACE_HIGH, MADE_LOW_PAIR, MADE_THIRD_PAIR, MADE_SECOND_PAIR,
+  MADE_UNDERPAIR, MADE_TOP_PAIR, MADE_TOP_PAIR_TP, MADE_OVERPAIR, MADE_TWO_PAIR, MADE_TRIPS, MADE_SET,
+  MADE_STRAIGHT, MADE_FLUSH, MADE_FULLHOUSE, MADE_TOP_FULLHOUSE, MADE_QUADS, MADE_STRAIGHT_FLUSH,
+  MADE_CATEGORY_NB
+};
+enum DrawCategory : int8_t { DRAW_NONE, DRAW_4OUT_STRAIGHT, DRAW_8OUT_STRAIGHT, DRAW_FLUSH, DRAW_COMBO, DRAW_CATEGORY_NB };
+extern const char* const MadeCategoryNames[MADE_CATEGORY_NB];
+extern const char* const DrawCategoryNames[DRAW_CATEGORY_NB];
+// Made hand and draw of every hand on a board of 3 to 5 cards, by HandIndex.
+// Hands touching the board: made 0, draw -1 (0 on a river). False on the one
+// state no board can reach (trips with a hand on a two-pair board).
+bool classify_hands(CardMask board, int8_t* made, int8_t* draw);
+
 // ---- Commands -------------------------------------------------------------
+void cmd_show_category_names(const std::vector<std::string>& t);
+void cmd_show_categories(const std::vector<std::string>& t);
 void cmd_show_hand_order(const std::vector<std::string>& t);
 void cmd_set_low_card(const std::vector<std::string>& t);
 void cmd_eval_hand(const std::vector<std::string>& t);

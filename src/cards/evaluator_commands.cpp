@@ -102,3 +102,34 @@ void cmd_set_must_use_hole_cards(const std::vector<std::string>& t) {
   MustUseHoleCards = n;
   print_ok(t);
 }
+
+void cmd_show_category_names(const std::vector<std::string>&) {
+  std::string s;
+  for (const char* name : MadeCategoryNames) s += std::string(name) + " ";
+  s += "\n";
+  for (const char* name : DrawCategoryNames) s += std::string(name) + " ";
+  shell_print("%s\nEND\n", s.c_str());
+}
+
+void cmd_show_categories(const std::vector<std::string>& t) {
+  CardMask board = parse_cards(join_tokens(t, 1, t.size()));
+  int n = card_count(board);
+  if (n < 3 || n > 5) fail_command("invalid board");
+  int8_t made[1326], draw[1326];
+  if (!classify_hands(board, made, draw)) {
+    shell_print("ERROR: bug in hand classifier, please report!\n");
+    error_exit();
+  }
+  std::string rows;
+  char cell[8];
+  for (int8_t m : made) {
+    snprintf(cell, sizeof cell, "%d ", m);
+    rows += cell;
+  }
+  rows += "\n";
+  for (int8_t d : draw) {
+    snprintf(cell, sizeof cell, "%d ", d);
+    rows += cell;
+  }
+  shell_print("%s\nEND\n", rows.c_str());
+}
