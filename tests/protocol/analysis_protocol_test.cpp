@@ -2,6 +2,7 @@
 // frequencies, equities, and queries while a run goes on.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <sstream>
 
@@ -168,4 +169,39 @@ TEST(Analysis, EvRowsAddUpToTheGameValue) {
     ASSERT_NE(at, std::string::npos);
     EXPECT_NEAR(num / den, number(out.substr(at + (p ? 7 : 8))), 2e-3) << p;
   }
+}
+
+// The polarised river game: the bettor bets its nuts always and its air half
+// the time, the bluff-catcher calls half the time.
+TEST(Analysis, PolarisedRiverStrategies) {
+  std::istringstream names(run_binary({}, "show_hand_order\n").out);
+  std::vector<std::string> order;
+  std::string w;
+  while (names >> w) order.push_back(w);
+  ASSERT_EQ(order.size(), 1326u);
+  auto range = [&](const std::string& player, const std::vector<std::string>& hands) {
+    std::string s = "set_range " + player;
+    for (const std::string& h : order) s += std::find(hands.begin(), hands.end(), h) != hands.end() ? " 1" : " 0";
+    return s + "\n";
+  };
+  auto at = [&](const std::string& hand) {
+    size_t i = size_t(std::find(order.begin(), order.end(), hand) - order.begin());
+    EXPECT_LT(i, 1326u) << hand;
+    return std::min(i, size_t(1325));
+  };
+  const std::vector<std::string> nuts = {"KhKc", "KdKc", "KhKd"}, air = {"6c5c", "6d5d", "6h5h"};
+  std::vector<std::string> oop = nuts;
+  oop.insert(oop.end(), air.begin(), air.end());
+  std::string in = range("OOP", oop) + range("IP", {"QcJc", "QhJh", "QsJs", "QhJc", "QsJd", "QcJh"}) +
+                   "set_board Ks Qd 7h 4c 2s\nset_pot 0 0 100\nadd_line 100 100\nadd_line 0 0\nbuild_tree\n"
+                   "set_accuracy 0.0005 fraction\ngo\nwait_for_solver\nshow_strategy r:0\nshow_strategy r:0:b100\n";
+  auto rows = rows_of(run_binary({"-k"}, in).out);
+  ASSERT_EQ(rows.size(), 4u);
+  for (const std::string& h : nuts) EXPECT_NEAR(rows[0][at(h)], 1.0, 0.02) << h;
+  double bluffs = 0;
+  for (const std::string& h : air) bluffs += rows[0][at(h)];
+  EXPECT_NEAR(bluffs / 3, 0.5, 0.05);
+  double calls = 0;
+  for (const std::string& h : {"QcJc", "QhJh", "QsJs", "QhJc", "QsJd", "QcJh"}) calls += rows[2][at(h)];
+  EXPECT_NEAR(calls / 6, 0.5, 0.05);
 }
