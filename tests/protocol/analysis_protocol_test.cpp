@@ -205,3 +205,20 @@ TEST(Analysis, PolarisedRiverStrategies) {
   for (const std::string& h : {"QcJc", "QhJh", "QsJs", "QhJc", "QsJd", "QcJh"}) calls += rows[2][at(h)];
   EXPECT_NEAR(calls / 6, 0.5, 0.05);
 }
+
+// A flop solved with and without suit isomorphism reads the same rows at turn
+// cards of either free suit, the second one reached through the suit swap.
+TEST(Analysis, IsomorphicTurnRowsMatch) {
+  std::string game = range_line("OOP", "1") + "\n" + range_line("IP", "1") +
+                     "\nset_board Qs Jh 2h\nset_pot 0 0 100\nadd_line 0 0 0 0 0 0\nadd_line 0 0 50 50 50 50\n";
+  std::string reads = "go 12 steps\nwait_for_solver\nshow_strategy r:0:c:c:7c\nshow_strategy r:0:c:c:7d\n";
+  auto on = rows_of(run_binary({"-k"}, game + "set_isomorphism 1 1\nbuild_tree\n" + reads).out);
+  auto off = rows_of(run_binary({"-k"}, game + "set_isomorphism 0 0\nbuild_tree\n" + reads).out);
+  ASSERT_EQ(on.size(), 4u);
+  ASSERT_EQ(off.size(), 4u);
+  double worst = 0;
+  for (size_t r = 0; r < 4; r++)
+    for (int h = 0; h < 1326; h++) worst = std::max(worst, std::fabs(on[r][h] - off[r][h]));
+  EXPECT_LT(worst, 1e-3);
+  EXPECT_NE(on[0], on[2]);  // 7c and 7d boards block other hands
+}
