@@ -1,6 +1,7 @@
 // The command table and process_line, the one routine every input line passes.
 #include <cstring>
 
+#include "analysis/analysis.h"
 #include "platform/platform.h"
 #include "shell/shell.h"
 #include "solver/solver.h"
@@ -39,20 +40,20 @@ const CommandEntry CommandTable[CommandCount] = {
     {"free_tree", cmd_free_tree, 1},
     {"show_node", cmd_show_node, 2},
     {"show_children", cmd_show_children, 2},
-    {"show_strategy", NI, 2},
-    {"show_strategy_pp", NI, 2},
-    {"show_locked_combos", NI, 2},
-    {"show_range", NI, -1},
-    {"show_probs", NI, 2},
+    {"show_strategy", cmd_show_strategy, 2},
+    {"show_strategy_pp", cmd_show_strategy_pp, 2},
+    {"show_locked_combos", cmd_show_locked_combos, 2},
+    {"show_range", cmd_show_range, -1},
+    {"show_probs", cmd_show_probs, 2},
     {"calc_results", cmd_calc_results, 1},
-    {"calc_ev", NI, 3},
-    {"calc_ev_pp", NI, 3},
-    {"calc_ev_line", NI, 3},
-    {"calc_line_freq", NI, 2},
-    {"calc_global_freq", NI, 2},
-    {"calc_eq", NI, 2},
-    {"calc_eq_pp", NI, 2},
-    {"calc_eq_node", NI, 3},
+    {"calc_ev", cmd_calc_ev, 3},
+    {"calc_ev_pp", cmd_calc_ev_pp, 3},
+    {"calc_ev_line", cmd_calc_ev_line, 3},
+    {"calc_line_freq", cmd_calc_line_freq, 2},
+    {"calc_global_freq", cmd_calc_global_freq, 2},
+    {"calc_eq", cmd_calc_eq, 2},
+    {"calc_eq_pp", cmd_calc_eq_pp, 2},
+    {"calc_eq_node", cmd_calc_eq_node, 3},
     {"stdoutredi", cmd_stdoutredi, 2},
     {"stdoutredi_append", cmd_stdoutredi_append, 2},
     {"stdoutback", cmd_stdoutback, 1},

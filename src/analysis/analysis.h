@@ -1,0 +1,82 @@
+// Reading a solved tree: strategies, ranges, frequencies and equities, in the
+// 1326-entry arrays of the text interface (real PairIndex order here; the
+// commands turn them into HandIndex order).
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tree/tree.h"
+
+// From this iteration on, queries read the average strategy; the walk starts
+// averaging earlier, so a query right after the switch still sees the
+// current strategy where sums are thin.
+constexpr int32_t QueryAverageFrom = 63;
+
+// A point of the game for a query: a schematic node, its built node, and the
+// real turn and river cards of the path (-1: not dealt on it).
+struct Spot {
+  const SchematicNode* node = nullptr;  // null: before the first decision ("r")
+  Node* built = nullptr;
+  int32_t turn = -1;
+  int32_t river = -1;
+};
+
+// Absolute street of a schematic node (1 flop .. 3 river).
+inline int32_t spot_street(const SchematicNode* node) { return StartStreet + node->street; }
+
+// The board of the spot: the tree's board and the cards of the path.
+CardMask spot_board(const Tree& tree, const Spot& spot);
+
+// Strategy rows of a decision node on the spot's board: `actions` rows of 1326
+// values each, back to back, in real PairIndex order; hands not on the board's
+// list, and hands the acting player's root range leaves out, are 0. False when
+// the spot names no board cell (a street's card missing).
+bool strategy_rows(Tree& tree, const Spot& spot, std::vector<double>& rows);
+
+// The player's range on arrival at the spot: the root range times the
+// player's own action probabilities along the path. Board cards stay.
+void range_at(Tree& tree, const Spot& spot, int32_t player, double* out);
+
+// The lock mask of the spot's cell, 1 for a fixed hand, 0 for a free one, NaN
+// for a hand not on the board's list; false when the cell has no mask.
+bool lock_mask(Tree& tree, const Spot& spot, double* out);
+
+// Per hand of `player`: the advantage (weight of the opponent hands beaten
+// less those it loses to, averaged over the run-outs of `board`) and the
+// matchups (weight of the opponent hands sharing no card with it or the
+// board). Ranges in real PairIndex order. Hands touching the board, or below
+// the low card, get 0 matchups.
+void equity_kernel(CardMask board, const double* opponent, double* advantage, double* matchups);
+
+// 0.5 x (1 + advantage / matchups): NaN where there are no matchups.
+double equity_of(double advantage, double matchups);
+
+// HandIndex numbers from the strongest hand against `opponent` on `board` down,
+// without the hands that meet no opponent hand.
+std::vector<int32_t> hand_strength_order(CardMask board, const double* opponent);
+
+// Reach probability of the line to the spot: the product of both players'
+// action frequencies along the path, with card removal between the ranges.
+double line_frequency(Tree& tree, const Spot& spot, bool global);
+
+// ---- Commands ---------------------------------------------------------------
+void cmd_show_strategy(const Tokens& t);
+void cmd_show_strategy_pp(const Tokens& t);
+void cmd_show_range(const Tokens& t);
+void cmd_show_locked_combos(const Tokens& t);
+void cmd_show_probs(const Tokens& t);
+void cmd_calc_eq(const Tokens& t);
+void cmd_calc_eq_pp(const Tokens& t);
+void cmd_calc_eq_node(const Tokens& t);
+void cmd_calc_ev_line(const Tokens& t);
+void cmd_calc_line_freq(const Tokens& t);
+void cmd_calc_global_freq(const Tokens& t);
+
+// Per hand of `player` at the spot: the value in chips from the middle of the
+// pot under the strategies in the tree (NaN for a hand that meets no
+// opponent hand there) and its matchups, both in real PairIndex order. False
+// when the spot names no board cell.
+bool spot_ev(Tree& tree, const Spot& spot, int32_t player, double* ev, double* matchups);
+void cmd_calc_ev(const Tokens& t);
+void cmd_calc_ev_pp(const Tokens& t);

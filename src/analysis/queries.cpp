@@ -1,0 +1,211 @@
+// Strategies, ranges and frequencies read from the stores of a solved tree.
+#include <cmath>
+#include <mutex>
+
+#include "analysis/analysis.h"
+#include "solver/solver.h"
+#include "tree/board_tree.h"
+
+namespace {
+
+// One past the last node of a node's subtree: the nodes are in pre-order.
+int32_t subtree_end(const Tree& t, int32_t i) {
+  const Node& n = t.nodes[size_t(i)];
+  return n.children.empty() ? i + 1 : subtree_end(t, n.children.back());
+}
+
+// River groups are compressed as one sequence per player and kind over the
+// decisions below the first river node of the line, so a query opens the
+// whole sequence of its turn card, as the walk does, and closes it unchanged.
+struct OpenRiverGroup {
+  std::vector<RiverStoreRef> lists[4];  // regrets p0, p1, sums p0, p1
+  int32_t group = -1;
+
+  OpenRiverGroup(Tree& t, const Node& node, int32_t turn_cell) {
+    if (node.street != 3 || turn_cell < 0) return;
+    const Node* entry = &node;
+    while (entry->parent && entry->parent->street == 3) entry = entry->parent;
+    const int32_t first = int32_t(entry - t.nodes.data()), end = subtree_end(t, first);
+    for (int32_t i = first; i < end; i++) {
+      Node& d = t.nodes[size_t(i)];
+      if (d.kind != NODE_DECISION || !d.regretStore) continue;
+      lists[d.player & 1].push_back({d.regretStore, d.player});
+      if (d.strategyStore) lists[2 + (d.player & 1)].push_back({d.strategyStore, d.player});
+    }
+    group = turn_cell;
+    for (auto& l : lists)
+      if (!l.empty()) open_river_group(l.data(), l.size(), group);
+  }
+  ~OpenRiverGroup() {
+    if (group < 0) return;
+    for (auto& l : lists)
+      if (!l.empty()) close_river_group(l.data(), l.size(), group, false);
+  }
+};
+
+// Street of a schematic node's cards: the turn counts from the turn on.
+int32_t spot_turn(const Spot& s, int32_t street) { return street >= 2 ? s.turn : -1; }
+int32_t spot_river(const Spot& s, int32_t street) { return street >= 3 ? s.river : -1; }
+
+}  // namespace
+
+CardMask spot_board(const Tree& tree, const Spot& spot) {
+  CardMask b = tree.board;
+  if (spot.turn >= 0) b |= CardBit(Card(spot.turn));
+  if (spot.river >= 0) b |= CardBit(Card(spot.river));
+  return b;
+}
+
+bool strategy_rows(Tree& t, const Spot& s, std::vector<double>& rows) {
+  Node& node = *s.built;
+  const int32_t k = int32_t(node.children.size());
+  rows.assign(size_t(k) * HandCount, 0.0);
+  if (node.kind != NODE_DECISION || k == 0 || !node.regretStore) return true;
+  const int32_t turn = spot_turn(s, node.street), river = spot_river(s, node.street);
+  if ((node.street >= 2 && turn < 0) || (node.street >= 3 && river < 0)) return false;
+  const BoardTree& bt = *t.boards;
+  CanonicalCards cc = canonicalise_query(t.flop_board, turn, river, bt.isomorphic);
+  int32_t tc, rc;
+  if (!find_board_cells(bt, cc.turn, cc.river, tc, rc)) return false;
+  const BoardView view = board_view(bt, tc, rc);
+
+  std::vector<HandVector> a(static_cast<size_t>(k)), c(static_cast<size_t>(k));
+  {
+    std::lock_guard<std::recursive_mutex> guard(traversal_lock());
+    if (!materialise_tree_stores(t)) return true;
+    OpenRiverGroup open(t, node, tc);
+    std::vector<float> uniform(size_t(k), 1.0f / float(k)), zeros(size_t(k), 0.0f);
+    node.regretStore->read_strategy(c.data(), tc, rc, uniform.data());
+    if (t.iteration >= QueryAverageFrom && node.strategyStore)
+      node.strategyStore->read_strategy(a.data(), tc, rc, zeros.data());
+  }
+  const bool averaged = a[0].data != nullptr;
+  std::vector<float> row(size_t(view.count));
+  for (int32_t act = 0; act < k; act++) {
+    for (int32_t i = 0; i < view.count; i++) {
+      float total = 0.0f;
+      if (averaged)
+        for (int32_t b = 0; b < k; b++) total += a[size_t(b)].data[i];
+      const HandVector& src = averaged && total != 0.0f ? a[size_t(act)] : c[size_t(act)];
+      row[size_t(i)] = src.data ? src.data[i] : 0.0f;
+    }
+    double* out = rows.data() + size_t(act) * HandCount;
+    expand_board_list(row.data(), view.pairPosition, cc.map, 0.0, out);
+    const double* range = t.ranges[node.player];
+    for (int h = 0; h < HandCount; h++)
+      if (range[h] == 0.0) out[h] = 0.0;
+  }
+  return true;
+}
+
+void range_at(Tree& t, const Spot& s, int32_t player, double* out) {
+  for (int h = 0; h < HandCount; h++) out[h] = t.ranges[player][h];
+  std::vector<const SchematicNode*> line;
+  for (const SchematicNode* n = s.node; n; n = n->parent) line.push_back(n);
+  std::vector<double> rows;
+  // From the root down; each parent acted to reach the next node.
+  for (size_t i = line.size(); i-- > 1;) {
+    const SchematicNode* parent = line[i];
+    const SchematicNode* child = line[i - 1];
+    Node* built = built_node(parent);
+    if (!built || built->kind != NODE_DECISION || built->player != player) continue;
+    int32_t action = 0;
+    for (const auto& kv : parent->children) {
+      if (kv.second.get() == child) break;
+      action++;
+    }
+    Spot at{parent, built, s.turn, s.river};
+    if (!strategy_rows(t, at, rows)) continue;
+    const double* r = rows.data() + size_t(action) * HandCount;
+    for (int h = 0; h < HandCount; h++) out[h] *= r[h];
+  }
+}
+
+bool lock_mask(Tree& t, const Spot& s, double* out) {
+  for (int h = 0; h < HandCount; h++) out[h] = std::nan("");
+  Node& node = *s.built;
+  if (node.kind != NODE_DECISION || !node.regretStore) return false;
+  const int32_t turn = spot_turn(s, node.street), river = spot_river(s, node.street);
+  const BoardTree& bt = *t.boards;
+  CanonicalCards cc = canonicalise_query(t.flop_board, turn, river, bt.isomorphic);
+  int32_t tc, rc;
+  if (!find_board_cells(bt, cc.turn, cc.river, tc, rc)) return false;
+  const CellLock* lock = node.regretStore->cell_lock_info(tc, rc);
+  if (!lock || !(lock->flags & CELL_MASKED) || !lock->mask) return false;
+  const BoardView view = board_view(bt, tc, rc);
+  std::vector<float> row(size_t(view.count), std::nanf(""));
+  for (int32_t i = 0; i < std::min(view.count, lock->mask_length); i++) row[size_t(i)] = lock->mask[i] ? 1.0f : 0.0f;
+  expand_board_list(row.data(), view.pairPosition, cc.map, std::nan(""), out);
+  return true;
+}
+
+namespace {
+
+// Sum over the player's hands of reach x the opponent's reach over hands
+// sharing no card with it, both off the board: one pass with card sums.
+double reach_sum(const double* mine, const double* theirs, CardMask board) {
+  double total = 0, card[52] = {};
+  for (int p = 0; p < HandCount; p++) {
+    CardMask m = HandMasks[PairToHand[p]];
+    if ((m & board) || !(theirs[p] > 0.0)) continue;
+    total += theirs[p];
+    card[__builtin_ctzll(m)] += theirs[p];
+    card[63 - __builtin_clzll(m)] += theirs[p];
+  }
+  double sum = 0;
+  for (int p = 0; p < HandCount; p++) {
+    CardMask m = HandMasks[PairToHand[p]];
+    if ((m & board) || !(mine[p] > 0.0)) continue;
+    double opp = total - card[__builtin_ctzll(m)] - card[63 - __builtin_clzll(m)] + (theirs[p] > 0.0 ? theirs[p] : 0.0);
+    sum += mine[p] * opp;
+  }
+  return sum;
+}
+
+double spot_reach_sum(Tree& t, const Spot& s) {
+  std::vector<double> r0(HandCount), r1(HandCount);
+  range_at(t, s, 0, r0.data());
+  range_at(t, s, 1, r1.data());
+  return reach_sum(r0.data(), r1.data(), spot_board(t, s));
+}
+
+bool card_free(int c, CardMask used) { return !(used & CardBit(Card(c))) && RankOf(Card(c)) >= LowCardIndex; }
+
+}  // namespace
+
+// Cards of the deck off `used`: a dealt card is one of these less the four
+// hole cards, the same count for every pair of hands that can meet.
+static int32_t deal_choices(CardMask used) {
+  int32_t n = 0;
+  for (int c = 0; c < 52; c++) n += card_free(c, used);
+  return n - 4;
+}
+
+double line_frequency(Tree& t, const Spot& s, bool global) {
+  Spot root{nullptr, nullptr, -1, -1};
+  const double r = spot_reach_sum(t, root);
+  if (global || !s.node) return spot_reach_sum(t, s) / r;
+  // The line's value covers every run-out of the streets the path leaves
+  // open, each card weighted by its chance.
+  const int32_t street = s.built ? s.built->street : spot_street(s.node);
+  auto rivers = [&](Spot x) {
+    if (street < 3 || x.river >= 0) return spot_reach_sum(t, x);
+    double part = 0;
+    CardMask used = spot_board(t, x);
+    for (int c = 0; c < 52; c++) {
+      if (!card_free(c, used)) continue;
+      x.river = c;
+      part += spot_reach_sum(t, x);
+    }
+    return part / deal_choices(used);
+  };
+  if (street < 2 || s.turn >= 0) return rivers(s) / r;
+  double sum = 0;
+  for (int c = 0; c < 52; c++) {
+    if (!card_free(c, t.board)) continue;
+    Spot x = s;
+    x.turn = c;
+    sum += rivers(x);
+  }
+  return sum / deal_choices(t.board) / r;
+}
