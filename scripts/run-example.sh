@@ -6,3 +6,5 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh -DCORVANTA_TESTS=OFF -DCORVANTA_BENCH=OFF
 ./build/corvanta examples/quickstart.txt < /dev/null
+# A turn game described in TOML, solved through the Python client.
+PYTHONPATH=python python3 -m corvanta solve examples/turn.toml --bin build/corvanta --out build/turn-result.json

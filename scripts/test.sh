@@ -17,3 +17,6 @@ filter=()
 [ -n "${TEST_FILTER:-}" ] && filter=(-R "$TEST_FILTER")
 # A run that finds no test is a failure, not a pass.
 (cd "$dir" && ctest --output-on-failure --no-tests=error -j"$(nproc)" "${filter[@]}")
+# The Python client's suite against the binary just built; any failure, and no test at all (5), fails.
+py=/usr/bin/python3; [ -x "$py" ] || py=python3
+CORVANTA_BIN="$PWD/$dir/corvanta" "$py" -m pytest -q -p no:cacheprovider python/tests
