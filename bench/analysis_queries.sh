@@ -13,10 +13,11 @@ queries=("show_strategy r:0" "show_strategy r:0:c:c:7c" "show_strategy r:0:c:c:7
          "calc_global_freq r:0:c:c:7c:c:c:3d" "calc_line_freq r:0:c:c")
 for level in ${LEVELS:-0 4}; do
   input=$(cat "$script"; printf 'set_compression %s\nset_accuracy 0.003 fraction\ngo\nwait_for_solver\n' "$level")
-  for q in "${queries[@]}"; do input+=$'\nsolver_time\n'"$q"; done
-  input+=$'\nsolver_time\n'
+  for q in "${queries[@]}"; do input+=$'\necho @time\nsolver_time\n'"$q"; done
+  input+=$'\necho @time\nsolver_time\n'
   echo "$input" | "$bin" -k 2>/dev/null | awk -v level="$level" -v list="$(printf '%s|' "${queries[@]}")" '
     BEGIN { n = split(list, q, "|") }
-    /^[0-9]+\.[0-9]+$/ { t[++k] = $1 }
+    mark { t[++k] = $1; mark = 0 }
+    $0 == "@time" { mark = 1 }
     END { for (i = 1; i < k; i++) printf "level %s  %-40s %8.3f s\n", level, q[i], t[i + 1] - t[i] }'
 done
