@@ -60,7 +60,20 @@ std::vector<int32_t> hand_strength_order(CardMask board, const double* opponent)
 // action frequencies along the path, with card removal between the ranges.
 double line_frequency(Tree& tree, const Spot& spot, bool global);
 
+// Locks of the spot's cell, in both stores of the node: all hands, none, or
+// the hands whose value is not 0 (real PairIndex order). False: no cell.
+bool set_cell_lock(Tree& tree, const Spot& spot, bool locked);
+bool set_combo_lock(Tree& tree, const Spot& spot, const double* values);
+// One action's row of the cell, written where its regrets stand (so the node
+// then plays the regret matching of the rows written); its sums are cleared
+// while the average is being taken.
+bool write_strategy_row(Tree& tree, const Spot& spot, int32_t child, const double* values);
+
 // ---- Commands ---------------------------------------------------------------
+void cmd_lock_node(const Tokens& t);
+void cmd_unlock_node(const Tokens& t);
+void cmd_set_strategy(const Tokens& t);
+void cmd_combo_lock_node(const Tokens& t);
 void cmd_show_strategy(const Tokens& t);
 void cmd_show_strategy_pp(const Tokens& t);
 void cmd_show_range(const Tokens& t);

@@ -252,3 +252,43 @@ void cmd_calc_ev_pp(const Tokens& t) {
   }
   shell_print("END\n");
 }
+
+// ---- Locks ---------------------------------------------------------------------
+
+static Spot lock_spot(const Tokens& t) {
+  if (!tree_ready()) fail_command("missing/incorrect tree");
+  if (SolverRunning) fail_command("Can't do that when solver is running");
+  return read_spot(t, 1, true);
+}
+
+// 1326 values in HandIndex order from token `first` on, back in PairIndex order.
+static std::vector<double> read_values(const Tokens& t, size_t first) {
+  std::vector<double> v(HandCount, 0.0);
+  for (int h = 0; h < HandCount && first + size_t(h) < t.size(); h++) v[HandToPair[h]] = parse_double(t[first + size_t(h)]);
+  return v;
+}
+
+static void lock_command(const Tokens& t, bool locked) {
+  Spot s = lock_spot(t);
+  if (!set_cell_lock(*ActiveTree, s, locked)) fail_command("incorrect path");
+  print_ok(t);
+}
+
+void cmd_lock_node(const Tokens& t) { lock_command(t, true); }
+void cmd_unlock_node(const Tokens& t) { lock_command(t, false); }
+
+void cmd_set_strategy(const Tokens& t) {
+  Spot s = lock_spot(t);
+  int32_t child = parse_int(t[2]);
+  if (child < 0 || size_t(child) >= s.built->children.size()) fail_command("invalid child index");
+  std::vector<double> v = read_values(t, 3);
+  if (!write_strategy_row(*ActiveTree, s, child, v.data())) fail_command("incorrect path");
+  print_ok(t);
+}
+
+void cmd_combo_lock_node(const Tokens& t) {
+  Spot s = lock_spot(t);
+  std::vector<double> v = read_values(t, 2);
+  if (!set_combo_lock(*ActiveTree, s, v.data())) fail_command("incorrect path");
+  print_ok(t);
+}

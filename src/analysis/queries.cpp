@@ -20,6 +20,7 @@ int32_t subtree_end(const Tree& t, int32_t i) {
 struct OpenRiverGroup {
   std::vector<RiverStoreRef> lists[4];  // regrets p0, p1, sums p0, p1
   int32_t group = -1;
+  bool keep = false;  // write the group back: a row was set by hand
 
   OpenRiverGroup(Tree& t, const Node& node, int32_t turn_cell) {
     if (node.street != 3 || turn_cell < 0) return;
@@ -39,7 +40,7 @@ struct OpenRiverGroup {
   ~OpenRiverGroup() {
     if (group < 0) return;
     for (auto& l : lists)
-      if (!l.empty()) close_river_group(l.data(), l.size(), group, false);
+      if (!l.empty()) close_river_group(l.data(), l.size(), group, keep);
   }
 };
 
@@ -208,4 +209,85 @@ double line_frequency(Tree& t, const Spot& s, bool global) {
     sum += rivers(x);
   }
   return sum / deal_choices(t.board) / r;
+}
+
+// ---- Locks and strategies set by hand ------------------------------------------
+
+namespace {
+
+struct Cell {
+  CanonicalCards cards;
+  int32_t turn_cell, river_cell;
+  BoardView view;
+};
+
+bool find_cell(Tree& t, const Spot& s, Cell& c) {
+  const Node& node = *s.built;
+  if (node.kind != NODE_DECISION || !node.regretStore) return false;
+  const int32_t turn = spot_turn(s, node.street), river = spot_river(s, node.street);
+  if ((node.street >= 2 && turn < 0) || (node.street >= 3 && river < 0)) return false;
+  c.cards = canonicalise_query(t.flop_board, turn, river, t.boards->isomorphic);
+  if (!find_board_cells(*t.boards, c.cards.turn, c.cards.river, c.turn_cell, c.river_cell)) return false;
+  c.view = board_view(*t.boards, c.turn_cell, c.river_cell);
+  return true;
+}
+
+// 1326 values in real PairIndex order onto the cell's hand list.
+std::vector<float> cell_list(const Cell& c, const double* values) {
+  std::vector<double> canonical(HandCount);
+  map_range_to_canonical(values, canonical.data(), c.cards.map);
+  std::vector<float> list(size_t(c.view.count));
+  for (int32_t i = 0; i < c.view.count; i++) list[size_t(i)] = float(canonical[size_t(pair_index_of_mask(c.view.holes[i]))]);
+  return list;
+}
+
+template <typename F>
+void both_locks(Node& node, const Cell& c, F f) {
+  for (Store* store : {node.regretStore, node.strategyStore})
+    if (store)
+      if (CellLock* lock = store->cell_lock_info(c.turn_cell, c.river_cell)) f(*lock);
+}
+
+}  // namespace
+
+bool set_cell_lock(Tree& t, const Spot& s, bool locked) {
+  Cell c;
+  if (!find_cell(t, s, c)) return false;
+  std::lock_guard<std::recursive_mutex> guard(traversal_lock());
+  both_locks(*s.built, c, [&](CellLock& lock) {
+    if (lock.flags & CELL_MASKED) free_lock_mask(lock);
+    lock.flags = (lock.flags & ~uint32_t(CELL_MASKED | CELL_LOCKED)) | (locked ? CELL_LOCKED : 0u);
+  });
+  return true;
+}
+
+bool set_combo_lock(Tree& t, const Spot& s, const double* values) {
+  Cell c;
+  if (!find_cell(t, s, c)) return false;
+  std::vector<float> list = cell_list(c, values);
+  std::lock_guard<std::recursive_mutex> guard(traversal_lock());
+  if (!materialise_tree_stores(t)) return false;
+  both_locks(*s.built, c, [&](CellLock& lock) {
+    lock.flags = (lock.flags & ~uint32_t(CELL_LOCKED)) | CELL_MASKED;
+    uint8_t* mask = ensure_lock_mask(lock, c.view.count);
+    for (int32_t i = 0; i < c.view.count; i++) mask[i] = list[size_t(i)] != 0.0f;
+  });
+  return true;
+}
+
+bool write_strategy_row(Tree& t, const Spot& s, int32_t child, const double* values) {
+  Cell c;
+  if (!find_cell(t, s, c)) return false;
+  // Written in the place of the regrets, so regret matching plays the row.
+  std::vector<float> row = cell_list(c, values);
+  for (float& v : row) v *= 1000.0f;
+  Node& node = *s.built;
+  std::lock_guard<std::recursive_mutex> guard(traversal_lock());
+  if (!materialise_tree_stores(t)) return false;
+  OpenRiverGroup open(t, node, c.turn_cell);
+  node.regretStore->write_row(c.turn_cell, c.river_cell, child, row.data());
+  const bool averaging = t.average_policy != 0 && (t.average_policy != 1 || t.iteration > 60);
+  if (averaging && node.strategyStore) node.strategyStore->write_row(c.turn_cell, c.river_cell, child, nullptr);
+  open.keep = true;
+  return true;
 }

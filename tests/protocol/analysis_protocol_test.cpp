@@ -171,39 +171,76 @@ TEST(Analysis, EvRowsAddUpToTheGameValue) {
   }
 }
 
-// The polarised river game: the bettor bets its nuts always and its air half
-// the time, the bluff-catcher calls half the time.
-TEST(Analysis, PolarisedRiverStrategies) {
-  std::istringstream names(run_binary({}, "show_hand_order\n").out);
-  std::vector<std::string> order;
-  std::string w;
-  while (names >> w) order.push_back(w);
-  ASSERT_EQ(order.size(), 1326u);
-  auto range = [&](const std::string& player, const std::vector<std::string>& hands) {
-    std::string s = "set_range " + player;
-    for (const std::string& h : order) s += std::find(hands.begin(), hands.end(), h) != hands.end() ? " 1" : " 0";
-    return s + "\n";
-  };
-  auto at = [&](const std::string& hand) {
+// The polarised river game: the bettor (three nut hands, three air hands)
+// bets the pot or checks, the bluff-catcher calls or folds.
+struct Polarised {
+  std::vector<std::string> order;  // HandIndex names
+  const std::vector<std::string> nuts = {"KhKc", "KdKc", "KhKd"}, air = {"6c5c", "6d5d", "6h5h"};
+  const std::vector<std::string> catchers = {"QcJc", "QhJh", "QsJs", "QhJc", "QsJd", "QcJh"};
+
+  Polarised() {
+    std::istringstream names(run_binary({}, "show_hand_order\n").out);
+    std::string w;
+    while (names >> w) order.push_back(w);
+  }
+  size_t at(const std::string& hand) const {
     size_t i = size_t(std::find(order.begin(), order.end(), hand) - order.begin());
     EXPECT_LT(i, 1326u) << hand;
     return std::min(i, size_t(1325));
-  };
-  const std::vector<std::string> nuts = {"KhKc", "KdKc", "KhKd"}, air = {"6c5c", "6d5d", "6h5h"};
-  std::vector<std::string> oop = nuts;
-  oop.insert(oop.end(), air.begin(), air.end());
-  std::string in = range("OOP", oop) + range("IP", {"QcJc", "QhJh", "QsJs", "QhJc", "QsJd", "QcJh"}) +
-                   "set_board Ks Qd 7h 4c 2s\nset_pot 0 0 100\nadd_line 100 100\nadd_line 0 0\nbuild_tree\n"
-                   "set_accuracy 0.0005 fraction\ngo\nwait_for_solver\nshow_strategy r:0\nshow_strategy r:0:b100\n";
-  auto rows = rows_of(run_binary({"-k"}, in).out);
+  }
+  std::string row(const std::vector<std::string>& hands) const {
+    std::string s;
+    for (const std::string& h : order) s += std::find(hands.begin(), hands.end(), h) != hands.end() ? " 1" : " 0";
+    return s;
+  }
+  std::string game() const {
+    std::vector<std::string> oop = nuts;
+    oop.insert(oop.end(), air.begin(), air.end());
+    return "set_range OOP" + row(oop) + "\nset_range IP" + row(catchers) +
+           "\nset_board Ks Qd 7h 4c 2s\nset_pot 0 0 100\nadd_line 100 100\nadd_line 0 0\nbuild_tree\n"
+           "set_accuracy 0.0005 fraction\n";
+  }
+  double mean(const std::vector<double>& r, const std::vector<std::string>& hands) const {
+    double sum = 0;
+    for (const std::string& h : hands) sum += r[at(h)];
+    return sum / double(hands.size());
+  }
+};
+
+// Solved, the bettor bets its nuts always and its air half the time, and the
+// bluff-catcher calls half the time.
+TEST(Analysis, PolarisedRiverStrategies) {
+  Polarised g;
+  ASSERT_EQ(g.order.size(), 1326u);
+  auto rows = rows_of(run_binary({"-k"}, g.game() + "go\nwait_for_solver\nshow_strategy r:0\nshow_strategy r:0:b100\n").out);
   ASSERT_EQ(rows.size(), 4u);
-  for (const std::string& h : nuts) EXPECT_NEAR(rows[0][at(h)], 1.0, 0.02) << h;
-  double bluffs = 0;
-  for (const std::string& h : air) bluffs += rows[0][at(h)];
-  EXPECT_NEAR(bluffs / 3, 0.5, 0.05);
-  double calls = 0;
-  for (const std::string& h : {"QcJc", "QhJh", "QsJs", "QhJc", "QsJd", "QcJh"}) calls += rows[2][at(h)];
-  EXPECT_NEAR(calls / 6, 0.5, 0.05);
+  EXPECT_NEAR(g.mean(rows[0], g.nuts), 1.0, 0.02);
+  EXPECT_NEAR(g.mean(rows[0], g.air), 0.5, 0.05);
+  EXPECT_NEAR(g.mean(rows[2], g.catchers), 0.5, 0.05);
+}
+
+// A caller locked to always call leaves the bettor nothing to bluff: it bets
+// value only, and its value is exact (+150 per nut hand, -50 per air hand,
+// plus half the pot). A combo lock fixes only the hands it names.
+TEST(Analysis, LockedCallerMakesTheBettorValueOnly) {
+  Polarised g;
+  std::string all(g.row(g.order)), none(g.row({}));
+  std::string in = g.game() + "set_strategy r:0:b100 0" + all + "\nset_strategy r:0:b100 1" + none +
+                   "\nlock_node r:0:b100\nshow_node r:0:b100\ngo\nwait_for_solver\ncalc_results\n"
+                   "show_strategy r:0\nunlock_node r:0:b100\nunlock_node r:0:b100\ncombo_lock_node r:0:b100" +
+                   g.row({g.catchers[0]}) + "\nshow_node r:0:b100\nshow_locked_combos r:0:b100\n"
+                   "set_strategy r:0:b100 2" + none + "\n";
+  std::string out = run_binary({"-k"}, in).out;
+  EXPECT_NE(out.find("2 children\nflags: LOCKED\n"), std::string::npos) << out.substr(0, 300);
+  EXPECT_NE(out.find("EV OOP: 100.000\nEV IP: 0.000\n", out.find("SOLVER: stopped")), std::string::npos);
+  EXPECT_NE(out.find("2 children\nflags: COMBO_LOCKED\n"), std::string::npos);
+  EXPECT_NE(out.find("ERROR: set_strategy invalid child index\n"), std::string::npos);
+  auto rows = rows_of(out);
+  ASSERT_EQ(rows.size(), 3u);
+  EXPECT_NEAR(g.mean(rows[0], g.nuts), 1.0, 1e-3);
+  EXPECT_NEAR(g.mean(rows[0], g.air), 0.0, 1e-3);
+  EXPECT_EQ(rows[2][g.at(g.catchers[0])], 1.0);
+  EXPECT_EQ(g.mean(rows[2], {g.catchers[1], g.nuts[0]}), 0.0);
 }
 
 // A flop solved with and without suit isomorphism reads the same rows at turn
