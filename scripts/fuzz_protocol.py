@@ -168,8 +168,8 @@ def random_args(cmd: str, game: Game, rng: random.Random, scratch_names: list[st
             args = game.board + args[: rng.choice([0, 1, 2])]
     elif cmd == "go":
         args = [str(rng.randrange(0, 6 if game.name == "flop" else 40)), rng.choice(["steps"] * 4 + ["seconds"])]
-        if args[1] == "seconds":
-            args[0] = rng.choice(["0", "1"])
+        if args[1] == "seconds":  # "0 seconds" is no limit: a wait after it never ends
+            args[0] = "1"
         if rng.random() < 0.05:
             args = [rng.choice(NUMBERS), random_word(rng)]
     elif cmd in ("set_compression", "ai6_set_compression"):
