@@ -34,6 +34,10 @@ CardMask spot_board(const Tree& tree, const Spot& spot);
 // the spot names no board cell (a street's card missing).
 bool strategy_rows(Tree& tree, const Spot& spot, std::vector<double>& rows);
 
+// Position among the built node's children of a schematic child, or -1 when
+// the child was added after the build.
+int32_t built_action(const Tree& tree, const Node& parent, const SchematicNode* child);
+
 // The player's range on arrival at the spot: the root range times the
 // player's own action probabilities along the path. Board cards stay.
 void range_at(Tree& tree, const Spot& spot, int32_t player, double* out);

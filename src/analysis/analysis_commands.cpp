@@ -133,8 +133,10 @@ void cmd_show_probs(const Tokens& t) {
   if (n && !ref.at_split && n->kind == NODE_DECISION && sums[n->player & 1] > 0 &&
       strategy_rows(*ActiveTree, s, rows)) {
     const std::vector<double>& mine = r[n->player & 1];
-    size_t a = 0;
     for (const auto& kv : ref.node->children) {
+      const int32_t action = built_action(*ActiveTree, *n, kv.second.get());
+      if (action < 0) continue;  // a line added after the build
+      const size_t a = size_t(action);
       double part = 0;
       for (int h = 0; h < HandCount; h++)
         if (!(HandMasks[PairToHand[h]] & board)) part += mine[size_t(h)] * rows[a * HandCount + size_t(h)];
@@ -142,7 +144,6 @@ void cmd_show_probs(const Tokens& t) {
       snprintf(cell, sizeof cell, "%s%s %.12g", text.empty() ? "" : " ", action_name(*ref.node, kv.first).c_str(),
                part / sums[n->player & 1]);
       text += cell;
-      a++;
     }
   }
   shell_print("OOP %.12g IP %.12g %s\n", sums[0], sums[1], text.c_str());

@@ -99,6 +99,14 @@ bool strategy_rows(Tree& t, const Spot& s, std::vector<double>& rows) {
   return true;
 }
 
+int32_t built_action(const Tree& t, const Node& parent, const SchematicNode* child) {
+  const Node* c = built_node(child);
+  if (!c) return -1;
+  for (size_t a = 0; a < parent.children.size(); a++)
+    if (&t.nodes[size_t(parent.children[a])] == c) return int32_t(a);
+  return -1;
+}
+
 void range_at(Tree& t, const Spot& s, int32_t player, double* out) {
   for (int h = 0; h < HandCount; h++) out[h] = t.ranges[player][h];
   std::vector<const SchematicNode*> line;
@@ -110,34 +118,13 @@ void range_at(Tree& t, const Spot& s, int32_t player, double* out) {
     const SchematicNode* child = line[i - 1];
     Node* built = built_node(parent);
     if (!built || built->kind != NODE_DECISION || built->player != player) continue;
-    int32_t action = 0;
-    for (const auto& kv : parent->children) {
-      if (kv.second.get() == child) break;
-      action++;
-    }
+    const int32_t action = built_action(t, *built, child);
+    if (action < 0) continue;
     Spot at{parent, built, s.turn, s.river};
     if (!strategy_rows(t, at, rows)) continue;
     const double* r = rows.data() + size_t(action) * HandCount;
     for (int h = 0; h < HandCount; h++) out[h] *= r[h];
   }
-}
-
-bool lock_mask(Tree& t, const Spot& s, double* out) {
-  for (int h = 0; h < HandCount; h++) out[h] = std::nan("");
-  Node& node = *s.built;
-  if (node.kind != NODE_DECISION || !node.regretStore) return false;
-  const int32_t turn = spot_turn(s, node.street), river = spot_river(s, node.street);
-  const BoardTree& bt = *t.boards;
-  CanonicalCards cc = canonicalise_query(t.flop_board, turn, river, bt.isomorphic);
-  int32_t tc, rc;
-  if (!find_board_cells(bt, cc.turn, cc.river, tc, rc)) return false;
-  const CellLock* lock = node.regretStore->cell_lock_info(tc, rc);
-  if (!lock || !(lock->flags & CELL_MASKED) || !lock->mask) return false;
-  const BoardView view = board_view(bt, tc, rc);
-  std::vector<float> row(size_t(view.count), std::nanf(""));
-  for (int32_t i = 0; i < std::min(view.count, lock->mask_length); i++) row[size_t(i)] = lock->mask[i] ? 1.0f : 0.0f;
-  expand_board_list(row.data(), view.pairPosition, cc.map, std::nan(""), out);
-  return true;
 }
 
 namespace {
@@ -289,5 +276,17 @@ bool write_strategy_row(Tree& t, const Spot& s, int32_t child, const double* val
   const bool averaging = t.average_policy != 0 && (t.average_policy != 1 || t.iteration > 60);
   if (averaging && node.strategyStore) node.strategyStore->write_row(c.turn_cell, c.river_cell, child, nullptr);
   open.keep = true;
+  return true;
+}
+
+bool lock_mask(Tree& t, const Spot& s, double* out) {
+  for (int h = 0; h < HandCount; h++) out[h] = std::nan("");
+  Cell c;
+  if (!find_cell(t, s, c)) return false;
+  const CellLock* lock = s.built->regretStore->cell_lock_info(c.turn_cell, c.river_cell);
+  if (!lock || !(lock->flags & CELL_MASKED) || !lock->mask) return false;
+  std::vector<float> row(size_t(c.view.count), std::nanf(""));
+  for (int32_t i = 0; i < std::min(c.view.count, lock->mask_length); i++) row[size_t(i)] = lock->mask[i] ? 1.0f : 0.0f;
+  expand_board_list(row.data(), c.view.pairPosition, c.cards.map, std::nan(""), out);
   return true;
 }
