@@ -53,6 +53,10 @@ bool lock_mask(Tree& tree, const Spot& spot, double* out);
 // the low card, get 0 matchups.
 void equity_kernel(CardMask board, const double* opponent, double* advantage, double* matchups);
 
+// Per hand: the weight of the hands sharing no card with it, both off the
+// board and in the deck (0 for a hand that is not). One pass with card sums.
+void disjoint_weights(const double* weights, CardMask board, double* out);
+
 // 0.5 x (1 + advantage / matchups): NaN where there are no matchups.
 double equity_of(double advantage, double matchups);
 

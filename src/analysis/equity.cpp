@@ -98,24 +98,24 @@ void equity_kernel(CardMask board, const double* opponent, double* advantage, do
   }
   // Every disjoint pair of hands meets on C(cards left, open) run-outs.
   const double runouts = choose(int(deck.size()) - 4, open);
+  disjoint_weights(opponent, board, matchups);
+  // Hands on the board or out of the deck were never live: their sums stay 0.
+  for (int p = 0; p < HandCount; p++) advantage[p] /= runouts;
+}
+
+void disjoint_weights(const double* weights, CardMask board, double* out) {
   double total = 0, card[52] = {};
   for (int p = 0; p < HandCount; p++) {
     CardMask m = HandMasks[PairToHand[p]];
-    if ((m & board) || !hand_in_deck(m) || !(opponent[p] > 0.0)) continue;
-    total += opponent[p];
-    card[low_card(m)] += opponent[p];
-    card[high_card(m)] += opponent[p];
+    if ((m & board) || !hand_in_deck(m) || !(weights[p] > 0.0)) continue;
+    total += weights[p];
+    card[low_card(m)] += weights[p];
+    card[high_card(m)] += weights[p];
   }
   for (int p = 0; p < HandCount; p++) {
     CardMask m = HandMasks[PairToHand[p]];
-    if ((m & board) || !hand_in_deck(m)) {
-      matchups[p] = 0;
-      advantage[p] = 0;
-      continue;
-    }
-    double own = opponent[p] > 0.0 ? opponent[p] : 0.0;
-    matchups[p] = total - card[low_card(m)] - card[high_card(m)] + own;
-    advantage[p] /= runouts;
+    const double own = weights[p] > 0.0 ? weights[p] : 0.0;
+    out[p] = (m & board) || !hand_in_deck(m) ? 0.0 : total - card[low_card(m)] - card[high_card(m)] + own;
   }
 }
 

@@ -132,21 +132,11 @@ namespace {
 // Sum over the player's hands of reach x the opponent's reach over hands
 // sharing no card with it, both off the board: one pass with card sums.
 double reach_sum(const double* mine, const double* theirs, CardMask board) {
-  double total = 0, card[52] = {};
-  for (int p = 0; p < HandCount; p++) {
-    CardMask m = HandMasks[PairToHand[p]];
-    if ((m & board) || !(theirs[p] > 0.0)) continue;
-    total += theirs[p];
-    card[__builtin_ctzll(m)] += theirs[p];
-    card[63 - __builtin_clzll(m)] += theirs[p];
-  }
+  std::vector<double> opp(HandCount);
+  disjoint_weights(theirs, board, opp.data());
   double sum = 0;
-  for (int p = 0; p < HandCount; p++) {
-    CardMask m = HandMasks[PairToHand[p]];
-    if ((m & board) || !(mine[p] > 0.0)) continue;
-    double opp = total - card[__builtin_ctzll(m)] - card[63 - __builtin_clzll(m)] + (theirs[p] > 0.0 ? theirs[p] : 0.0);
-    sum += mine[p] * opp;
-  }
+  for (int p = 0; p < HandCount; p++)
+    if (mine[p] > 0.0) sum += mine[p] * opp[size_t(p)];
   return sum;
 }
 

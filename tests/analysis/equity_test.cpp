@@ -66,8 +66,9 @@ TEST(Equity, KernelMatchesEnumeration) {
     std::vector<double> adv(1326), match(1326);
     equity_kernel(board, opp.data(), adv.data(), match.data());
     // A hand holding a board card meets nobody.
-    for (int p = 0; p < 1326; p++)
+    for (int p = 0; p < 1326; p++) {
       if (HandMasks[PairToHand[p]] & board) EXPECT_EQ(match[p], 0.0) << c.board;
+    }
     for (int k = 0; k < c.checked; k++) {
       int p = int(rng() % 1326);
       CardMask mine = HandMasks[PairToHand[p]];
