@@ -67,7 +67,7 @@ TEST(Equity, KernelMatchesEnumeration) {
     equity_kernel(board, opp.data(), adv.data(), match.data());
     // A hand holding a board card meets nobody.
     for (int p = 0; p < 1326; p++) {
-      if (HandMasks[PairToHand[p]] & board) EXPECT_EQ(match[p], 0.0) << c.board;
+      if (HandMasks[PairToHand[p]] & board) { EXPECT_EQ(match[p], 0.0) << c.board; }
     }
     for (int k = 0; k < c.checked; k++) {
       int p = int(rng() % 1326);
