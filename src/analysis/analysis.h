@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tree/board_tree.h"
 #include "tree/tree.h"
 
 // From this iteration on, queries read the average strategy; the walk starts
@@ -27,6 +28,16 @@ inline int32_t spot_street(const SchematicNode* node) { return StartStreet + nod
 
 // The board of the spot: the tree's board and the cards of the path.
 CardMask spot_board(const Tree& tree, const Spot& spot);
+
+// The board cell of the spot's node: the cards in canonical naming, the
+// turn and river cell, and the cell's hand list. False when a card the
+// node's street needs is missing or has no record.
+struct SpotCell {
+  CanonicalCards cards;
+  int32_t turn_cell = -1, river_cell = -1;
+  BoardView view;
+};
+bool spot_cell(const Tree& tree, const Spot& spot, SpotCell& cell);
 
 // Strategy rows of a decision node on the spot's board: `actions` rows of 1326
 // values each, back to back, in real PairIndex order; hands not on the board's

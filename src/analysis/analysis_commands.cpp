@@ -59,6 +59,14 @@ std::string action_name(const SchematicNode& node, double key) {
   return b;
 }
 
+// The hands of the node's acting player, strongest first against the other
+// player's range there.
+std::vector<int32_t> spot_strength_order(const Spot& s) {
+  std::vector<double> other(HandCount);
+  range_at(*ActiveTree, s, 1 - (s.built->player & 1), other.data());
+  return hand_strength_order(spot_board(*ActiveTree, s), other.data());
+}
+
 void print_equity_rows(const double* adv, const double* match) {
   std::vector<double> eq(HandCount);
   for (int p = 0; p < HandCount; p++) eq[size_t(p)] = equity_of(adv[p], match[p]);
@@ -80,11 +88,8 @@ void cmd_show_strategy_pp(const Tokens& t) {
   if (!tree_ready()) return shell_print("END\n");
   Spot s = read_spot(t, 1, true);
   std::vector<double> rows = strategy_of(s);
-  const int32_t me = s.built->player & 1;
-  std::vector<double> other(HandCount);
-  range_at(*ActiveTree, s, 1 - me, other.data());
   const size_t k = s.built->children.size();
-  for (int32_t h : hand_strength_order(spot_board(*ActiveTree, s), other.data())) {
+  for (int32_t h : spot_strength_order(s)) {
     std::string line = hand_name(h) + ": ";
     char cell[32];
     for (size_t a = 0; a < k; a++) {
@@ -243,10 +248,7 @@ void cmd_calc_ev_pp(const Tokens& t) {
   std::vector<double> ev, match;
   Spot s;
   if (ev_rows(t, ev, match, s)) {
-    const int32_t me = s.built->player & 1;
-    std::vector<double> other(HandCount);
-    range_at(*ActiveTree, s, 1 - me, other.data());
-    for (int32_t h : hand_strength_order(spot_board(*ActiveTree, s), other.data())) {
+    for (int32_t h : spot_strength_order(s)) {
       int pair = HandToPair[h];
       shell_print("%s: %.2f; %.2f\n", hand_name(h).c_str(), ev[size_t(pair)], match[size_t(pair)]);
     }

@@ -5,7 +5,6 @@
 
 #include "analysis/analysis.h"
 #include "solver/solver.h"
-#include "tree/board_tree.h"
 
 namespace {
 
@@ -43,12 +42,9 @@ std::vector<EvCacheEntry> EvCache;
 bool spot_ev(Tree& t, const Spot& s, int32_t player, double* ev, double* matchups) {
   for (int h = 0; h < HandCount; h++) ev[h] = std::nan(""), matchups[h] = 0.0;
   Node& node = *s.built;
-  const int32_t turn = node.street >= 2 ? s.turn : -1, river = node.street >= 3 ? s.river : -1;
-  if ((node.street >= 2 && turn < 0) || (node.street >= 3 && river < 0)) return false;
-  const BoardTree& bt = *t.boards;
-  CanonicalCards cc = canonicalise_query(t.flop_board, turn, river, bt.isomorphic);
-  int32_t tc, rc;
-  if (!find_board_cells(bt, cc.turn, cc.river, tc, rc)) return false;
+  SpotCell cell;
+  if (!spot_cell(t, s, cell)) return false;
+  const int32_t tc = cell.turn_cell, rc = cell.river_cell;
 
   std::vector<float> value, reach;
   {
@@ -80,7 +76,7 @@ bool spot_ev(Tree& t, const Spot& s, int32_t player, double* ev, double* matchup
     }
   }
   // Matchups: the opponent's reach over the hands sharing no card, by card sums.
-  const BoardView view = board_view(bt, tc, rc);
+  const BoardView& view = cell.view;
   const int32_t n = std::min(view.count, int32_t(value.size()));
   double total = 0, card[52] = {};
   for (int32_t i = 0; i < n; i++) {
@@ -95,7 +91,7 @@ bool spot_ev(Tree& t, const Spot& s, int32_t player, double* ev, double* matchup
     met[size_t(i)] = total - card[view.packed[i] & 0xff] - card[view.packed[i] >> 8] + own;
     if (met[size_t(i)] > 1e-12 * (total > 0 ? total : 1)) hand_ev[size_t(i)] = value[size_t(i)] / met[size_t(i)];
   }
-  expand_board_list(hand_ev.data(), view.pairPosition, cc.map, std::nan(""), ev);
-  expand_board_list(met.data(), view.pairPosition, cc.map, 0.0, matchups);
+  expand_board_list(hand_ev.data(), view.pairPosition, cell.cards.map, std::nan(""), ev);
+  expand_board_list(met.data(), view.pairPosition, cell.cards.map, 0.0, matchups);
   return true;
 }

@@ -4,7 +4,6 @@
 
 #include "analysis/analysis.h"
 #include "solver/solver.h"
-#include "tree/board_tree.h"
 
 namespace {
 
@@ -57,18 +56,26 @@ CardMask spot_board(const Tree& tree, const Spot& spot) {
   return b;
 }
 
+bool spot_cell(const Tree& t, const Spot& s, SpotCell& c) {
+  const int32_t street = s.built->street;
+  const int32_t turn = spot_turn(s, street), river = spot_river(s, street);
+  if ((street >= 2 && turn < 0) || (street >= 3 && river < 0)) return false;
+  c.cards = canonicalise_query(t.flop_board, turn, river, t.boards->isomorphic);
+  if (!find_board_cells(*t.boards, c.cards.turn, c.cards.river, c.turn_cell, c.river_cell)) return false;
+  c.view = board_view(*t.boards, c.turn_cell, c.river_cell);
+  return true;
+}
+
 bool strategy_rows(Tree& t, const Spot& s, std::vector<double>& rows) {
   Node& node = *s.built;
   const int32_t k = int32_t(node.children.size());
   rows.assign(size_t(k) * HandCount, 0.0);
   if (node.kind != NODE_DECISION || k == 0 || !node.regretStore) return true;
-  const int32_t turn = spot_turn(s, node.street), river = spot_river(s, node.street);
-  if ((node.street >= 2 && turn < 0) || (node.street >= 3 && river < 0)) return false;
-  const BoardTree& bt = *t.boards;
-  CanonicalCards cc = canonicalise_query(t.flop_board, turn, river, bt.isomorphic);
-  int32_t tc, rc;
-  if (!find_board_cells(bt, cc.turn, cc.river, tc, rc)) return false;
-  const BoardView view = board_view(bt, tc, rc);
+  SpotCell cell;
+  if (!spot_cell(t, s, cell)) return false;
+  const int32_t tc = cell.turn_cell, rc = cell.river_cell;
+  const CanonicalCards& cc = cell.cards;
+  const BoardView& view = cell.view;
 
   std::vector<HandVector> a(static_cast<size_t>(k)), c(static_cast<size_t>(k));
   {
@@ -192,21 +199,12 @@ double line_frequency(Tree& t, const Spot& s, bool global) {
 
 namespace {
 
-struct Cell {
-  CanonicalCards cards;
-  int32_t turn_cell, river_cell;
-  BoardView view;
-};
+using Cell = SpotCell;
 
+// The cell of a decision node with stores, where locks and rows live.
 bool find_cell(Tree& t, const Spot& s, Cell& c) {
   const Node& node = *s.built;
-  if (node.kind != NODE_DECISION || !node.regretStore) return false;
-  const int32_t turn = spot_turn(s, node.street), river = spot_river(s, node.street);
-  if ((node.street >= 2 && turn < 0) || (node.street >= 3 && river < 0)) return false;
-  c.cards = canonicalise_query(t.flop_board, turn, river, t.boards->isomorphic);
-  if (!find_board_cells(*t.boards, c.cards.turn, c.cards.river, c.turn_cell, c.river_cell)) return false;
-  c.view = board_view(*t.boards, c.turn_cell, c.river_cell);
-  return true;
+  return node.kind == NODE_DECISION && node.regretStore && spot_cell(t, s, c);
 }
 
 // 1326 values in real PairIndex order onto the cell's hand list.
