@@ -5,7 +5,7 @@
 #include <mutex>
 #include <vector>
 
-#include "shell/shell.h"
+#include "core/core.h"
 #include "tree/tree.h"
 
 // ---- Driver ---------------------------------------------------------------
@@ -27,6 +27,10 @@ extern std::vector<SolverReport> ReportLog;
 extern std::mutex ReportLock;
 extern int32_t LastReportedCount;
 extern double CpuSeconds;
+// Time spent in iterations and the terminal hands they evaluated, for the
+// "#terminal hands" side line that benchmarks read.
+extern double IterationSeconds;
+extern int64_t IterationHands;
 
 // Makes the OpenMP team exist before the first command.
 void libsubgame_init(int n);

@@ -155,10 +155,37 @@ static double largest_key(const SchematicNode& root) {
 }
 
 // cut_line builds too, after the game may have changed or lost its last line.
-static void check_build_inputs() {
+void check_build_inputs() {
   if (Ranges[0].empty() || Ranges[1].empty()) fail_command("ranges not set");
   if (card_count(BoardFlop) != 3) fail_command("board not set");
   if (SchematicRoot->children.empty()) fail_command("lines not set");
+}
+
+// The range test of an isomorphic flop build: hands of one shape must weigh
+// the same, or the suit map would merge different weights.
+void check_range_consistency() {
+  for (int player = 0; player < 2; player++) {
+    const Range& r = Ranges[player];
+    if (r.size() != HandCount) continue;
+    for (const auto& bucket : ShapeBuckets) {
+      int ref = -1;
+      for (uint16_t p : bucket) {
+        if (PairMasks[p] & BoardFlop) continue;
+        if (ref < 0) {
+          // A negative reference is not kept: the next pair becomes the reference.
+          if (r[p] >= 0) ref = p;
+          continue;
+        }
+        if (std::fabs(r[p] - r[ref]) > 2.220446049250313e-16) {
+          char msg[256];
+          snprintf(msg, sizeof msg,
+                   "inconsistent range: %s P(%s) == %.2g, P(%s) == %.2g, use 'set_isomorphism 0 0' if intended",
+                   PlayerNames[player], pair_text(ref).c_str(), r[ref], pair_text(p).c_str(), r[p]);
+          fail_command(msg);
+        }
+      }
+    }
+  }
 }
 
 void build_game(bool plan_storage) {
@@ -194,31 +221,3 @@ void build_game(bool plan_storage) {
   // 9.
   TreePresent = true;
 }
-
-void cmd_build_tree(const Tokens& t) {
-  if (SolverRunning) fail_command("Can't do that when solver is running");
-  check_build_inputs();
-  TreeInfoLines.clear();
-  try {
-    build_game(true);
-  } catch (const std::bad_alloc&) {
-    free_active_tree();
-    fail_command("out of memory");
-  }
-  if (Verbosity > 0)
-    shell_print("[compression set %d (%s) actual %d (%s)]\n", CompressionSetting,
-                compression_word(CompressionSetting), ActualCompression, compression_word(ActualCompression));
-  print_ok(t);
-}
-
-void cmd_set_compression(const Tokens& t) {
-  if (SolverRunning) fail_command("Can't do that when solver is running");
-  CompressionSetting = parse_compression_level(t[1]);
-  if (TreePresent && ActiveTree) {
-    ActualCompression = CompressionSetting < 0 ? automatic_compression_level() : CompressionSetting;
-    planStorage(compression_pair(ActualCompression));
-  }
-  print_ok(t);
-}
-
-void cmd_get_actual_compression(const Tokens&) { shell_print("compression %d\n", ActualCompression); }

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "cards/cards.h"
-#include "shell/shell.h"
+#include "core/core.h"
 #include "platform/platform.h"
 #include "storage/arena.h"
 #include "storage/store.h"
@@ -217,8 +217,29 @@ std::vector<int64_t> store_totals();
 // Installed by the solver: empties its report list when storage is replanned.
 extern void (*ResetReportLog)();
 
+// The range test of an isomorphic flop build; fails the command with the
+// first pair of one shape whose weights differ.
+void check_range_consistency();
+// The ranges, board and lines a build needs; fails the command on the first missing.
+void check_build_inputs();
 // The shared build driver of build_tree and cut_line.
 void build_game(bool plan_storage);
+
+// ---- Node paths -----------------------------------------------------------
+// A situation of the game: a point of the line tree with the cards so far.
+struct NodePath {
+  SchematicNode* node = nullptr;  // none for the path "r"
+  Node* built = nullptr;          // the built node of `node`; parse_path fails without one
+  int32_t turn_card = -1;
+  int32_t river_card = -1;
+  bool at_split = false;  // ended on the action that closed a street, before the card
+};
+
+// Needs a tree; "incorrect path" for anything the tree doesn't hold.
+NodePath parse_path(const std::string& text);
+NodePath parent_ref(const NodePath& ref);
+// Absolute street of a schematic node (1 flop .. 3 river).
+int32_t absolute_street(const SchematicNode* node);
 
 // ---- Commands ---------------------------------------------------------------
 void cmd_build_tree(const Tokens& t);

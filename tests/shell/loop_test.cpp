@@ -7,6 +7,7 @@
 #include <set>
 
 #include "shell/shell.h"
+#include "tree/tree.h"
 
 namespace {
 

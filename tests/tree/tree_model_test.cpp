@@ -21,7 +21,7 @@ struct TreeModel : ::testing::Test {
     build_card_tables();
   }
   void SetUp() override {
-    reset_game_state();
+    reset_core_state(); reset_card_settings();
     reset_tree_state();
     OutputBuffer.clear();
     QueueEmptied = 0;
