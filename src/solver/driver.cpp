@@ -29,14 +29,13 @@ static int ThreadsBusy = 0;
 static int InitArgument = 0;
 static volatile long InitSum = 0;
 
-static void reset_report_log() {
+void reset_report_log() {
   std::lock_guard<std::mutex> lock(ReportLock);
   ReportLog.clear();
 }
 
 void libsubgame_init(int n) {
   InitArgument = n;
-  ResetReportLog = reset_report_log;
   long sum = 0;
 #pragma omp parallel for schedule(dynamic, 1) reduction(+ : sum)
   for (int i = 0; i < 1000; i++) sum += i;

@@ -144,9 +144,10 @@ void free_subgame_queue();
 // that a query may hold it around a traverse of its own.
 std::recursive_mutex& traversal_lock();
 
-// Installs the tree hooks (EmptySubgameQueue). Idempotent; also done at
-// static initialisation.
-void solver_module_init();
+// Installs what the tree calls in the solver (SolverHooks); main does it once
+// at start-up, test fixtures that build trees do it in their set-up.
+void install_solver_hooks();
+void reset_report_log();
 
 // Materialises every store not yet ready, as the first run does; false at the
 // first failure (nodes done so far stay done).

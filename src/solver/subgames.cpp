@@ -178,6 +178,7 @@ static void empty_subgame_queue() {
   forget_results_cache();
 }
 
-void solver_module_init() { EmptySubgameQueue = empty_subgame_queue; }
-
-static const bool HooksInstalled = (solver_module_init(), true);
+void install_solver_hooks() {
+  SolverHooks.empty_subgame_queue = empty_subgame_queue;
+  SolverHooks.reset_report_log = reset_report_log;
+}

@@ -10,7 +10,6 @@
 
 int32_t CompressionSetting = -1;
 int32_t ActualCompression = 0;
-void (*ResetReportLog)() = nullptr;
 
 // "auto" stands one place before level 0, so indexing by level + 1 names -1 too.
 static const char* const CompressionWords[7] = {"auto", "none", "low", "medium", "high", "max", "fast"};
@@ -127,7 +126,7 @@ void planStorage(StoragePair pair) {
   reset_storage_counters();
   t.iteration = 0;
   t.stores_ready = false;
-  if (ResetReportLog) ResetReportLog();
+  call_hook(SolverHooks.reset_report_log, "reset_report_log");
 }
 
 std::vector<int64_t> store_totals() {

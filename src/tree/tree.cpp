@@ -1,6 +1,7 @@
 // The built tree: its creation from the flat records, its destruction in a
 // fixed order, node statistics, and the commands that report on the tree.
 #include <algorithm>
+#include <cassert>
 #include <cfloat>
 #include <cmath>
 #include <string>
@@ -17,7 +18,13 @@ Node* built_node(const SchematicNode* node) {
     return nullptr;
   return &ActiveTree->nodes[size_t(node->index)];
 }
-void (*EmptySubgameQueue)() = nullptr;
+TreeHooks SolverHooks;
+
+void call_hook(void (*hook)(), const char* name) {
+  assert(hook && "a tree hook was called before install_solver_hooks");
+  if (!hook) storage_fatal((std::string("hook ") + name + " not installed").c_str());
+  hook();
+}
 
 double StrategyExponent = 1.5;
 double StrategyWeightCap = 262143.0;
@@ -62,7 +69,7 @@ void free_active_tree() {
   ActiveTree = nullptr;
   TreePresent = false;
   destroy_tree(tree);
-  if (EmptySubgameQueue) EmptySubgameQueue();
+  call_hook(SolverHooks.empty_subgame_queue, "empty_subgame_queue");
   empty_all_row_pools();
 }
 

@@ -163,9 +163,16 @@ extern Tree* ActiveTree;
 // and nodes whose index comes from a later flattening than the tree's, have none.
 Node* built_node(const SchematicNode* node);
 
-// Called after a Tree is gone, to empty the solver's subgame queue under its
-// lock; the solver installs it, null means nothing to do.
-extern void (*EmptySubgameQueue)();
+// What the tree calls in the solver above it, installed once at start-up by
+// install_solver_hooks(). Calling a hook that was never installed is a wiring
+// fault: an assertion in a debug build, "fail (hook <name> not installed)"
+// and exit code 1 in a release build; never a silent no-op.
+struct TreeHooks {
+  void (*empty_subgame_queue)() = nullptr;  // after a Tree is gone, under the queue's lock
+  void (*reset_report_log)() = nullptr;     // when storage is replanned
+};
+extern TreeHooks SolverHooks;
+void call_hook(void (*hook)(), const char* name);
 
 // Destroys ActiveTree in its fixed order (board tree, lists, nodes with their
 // stores and arrays, the array), then empties the subgame queue and the row
@@ -214,8 +221,6 @@ int32_t automatic_compression_level();
 // Rebuilds every store of ActiveTree for the pair; all solving work is lost.
 void planStorage(StoragePair pair);
 std::vector<int64_t> store_totals();
-// Installed by the solver: empties its report list when storage is replanned.
-extern void (*ResetReportLog)();
 
 // The range test of an isomorphic flop build; fails the command with the
 // first pair of one shape whose weights differ.

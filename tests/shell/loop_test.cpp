@@ -7,6 +7,7 @@
 #include <set>
 
 #include "shell/shell.h"
+#include "solver/solver.h"
 #include "tree/tree.h"
 
 namespace {
@@ -15,6 +16,7 @@ struct LoopTest : ::testing::Test {
   static void SetUpTestSuite() {
     build_rank_tables();
     build_card_tables();
+    install_solver_hooks();
   }
   void SetUp() override {
     reset_game_state();

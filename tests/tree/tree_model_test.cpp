@@ -27,7 +27,7 @@ struct TreeModel : ::testing::Test {
     QueueEmptied = 0;
   }
   void TearDown() override {
-    EmptySubgameQueue = nullptr;
+    SolverHooks.empty_subgame_queue = [] {};
     reset_tree_state();
     OutputBuffer.clear();
   }
@@ -177,7 +177,7 @@ TEST_F(TreeModel, ActionSummaryIsASideLine) {
 // ---- Lifetime ----------------------------------------------------------------------
 
 TEST_F(TreeModel, RebuildAndFreeReleaseEverything) {
-  EmptySubgameQueue = count_queue_emptying;
+  SolverHooks.empty_subgame_queue = count_queue_emptying;
   add("0 0 0 0 0 0");
   Tree& first = build(1);
   // Street records own their vectors; freeing the tree must give them back.
