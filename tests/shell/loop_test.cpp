@@ -16,7 +16,6 @@ struct LoopTest : ::testing::Test {
   static void SetUpTestSuite() {
     build_rank_tables();
     build_card_tables();
-    install_solver_hooks();
   }
   void SetUp() override {
     reset_game_state();

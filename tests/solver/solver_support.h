@@ -80,7 +80,6 @@ struct SolverTest : ::testing::Test {
   void SetUp() override {
     reset_core_state(); reset_card_settings();
     reset_tree_state();
-    install_solver_hooks();
     CompressionSetting = 0;
     IsomorphismFlop = false;
     IsomorphismTurn = false;
