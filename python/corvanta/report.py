@@ -1,0 +1,3 @@
+"""Placeholder; filled below."""
+def add_parser(sub):
+    pass
