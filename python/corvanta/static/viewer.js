@@ -137,6 +137,7 @@ function render() {
   renderClasses();
   showCombos(null);
   $("view").hidden = false;
+  document.body.dataset.path = node.path;  // says which node the page shows
 }
 
 function renderLine() {
