@@ -47,8 +47,8 @@ accuracy = 0
 steps = 60
 threads = 1
 [ranges]
-oop = "QQ,JJ,AQs,KQs,T9s"
-ip = "AA,QJs,KQs,JTs"
+oop = "TT+,AQ+,KQ,QJs,QTs,JTs,T9s,98s,A5s-A3s,KJs"
+ip = "99+,AJ+,KQ,QJs,KJs,JTs,T9s,87s,A5s"
 [tree.turn]
 bet = "50%"
 max_raises = 0
@@ -124,6 +124,7 @@ def viewing(engine, game, timeout=60):
         while (status := get(url[0] + "api/status")[1])["state"] != "ready":
             assert status["state"] != "error" and time.monotonic() < deadline, status
             time.sleep(0.1)
+        assert status["reports"] and status["game"]["board"]  # what the page showed while solving
         yield url[0]
     finally:
         proc.terminate()
@@ -220,7 +221,7 @@ def browser(tmp_path_factory):
     options = webdriver.ChromeOptions()
     options.binary_location = chromium
     for arg in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
-                "--window-size=1400,940", "--no-first-run", "--disable-extensions",
+                "--window-size=1400,1000", "--no-first-run", "--disable-extensions",
                 f"--user-data-dir={tmp_path_factory.mktemp('chromium')}"):
         options.add_argument(arg)
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})

@@ -156,8 +156,14 @@ function renderLine() {
     else link.textContent = seg;
     nav.append(" \u203a ", link);
   }
-  nav.append(el("span", "here", "  " + node.kind.replace("_", " ").toLowerCase() +
+  nav.append(el("span", "here", "  " + kindText() +
     "  \u00b7  board " + node.board.join(" ") + "  \u00b7  in: OOP " + node.invested[0] + ", IP " + node.invested[1]));
+}
+
+function kindText() {
+  if (node.acting) return node.acting + " to act";
+  if (node.kind === "SPLIT_NODE") return node.cards.length ? "a card comes" : "showdown";
+  return node.kind === "END_NODE" ? "the hand ends" : node.kind.toLowerCase();
 }
 
 function renderNext() {
