@@ -19,7 +19,7 @@ from pathlib import Path
 from typing import Any, Callable
 
 from .cards import HAND_CARDS, HAND_NAMES, RANKS, parse_cards
-from .client import EngineError, EngineNotImplemented, Report, Solver
+from .client import EngineDied, EngineError, EngineNotImplemented, EngineTimeout, Report, Solver
 from .game import Game, GameError
 
 # Stricter than the engine's reader: a bet is digits, a card is rank and suit.
@@ -193,10 +193,14 @@ def node_view(solver: Solver, path: str, player: str | None = None) -> dict[str,
         check_player(player)
     try:
         return _node_view(solver, path, player)
-    except EngineNotImplemented:
+    except _BROKEN:
         raise
     except EngineError as e:
         raise ViewError(f"the engine refused {path}: {e}") from None
+
+
+# Failures of the engine itself, not refusals of a request: they must not pass for bad input.
+_BROKEN = (EngineNotImplemented, EngineDied, EngineTimeout)
 
 
 def _node_view(solver: Solver, path: str, player: str | None) -> dict[str, Any]:
@@ -244,7 +248,7 @@ def _node_view(solver: Solver, path: str, player: str | None) -> dict[str, Any]:
         for name, query, per_hand, summary in (("ev", solver.ev, ev, summary_ev), ("eq", solver.equity, eq, summary_eq)):
             try:
                 got = query(p, path)
-            except EngineNotImplemented:
+            except _BROKEN:
                 raise
             except EngineError:
                 summary[p] = None
@@ -253,6 +257,8 @@ def _node_view(solver: Solver, path: str, player: str | None) -> dict[str, Any]:
             summary[p] = range_average(got.values, got.matchups, ranges[p], live)
     try:
         line_freq = _finite(float(solver.command(f"calc_line_freq {path}")[0]))
+    except _BROKEN:
+        raise
     except (EngineError, ValueError, IndexError):
         line_freq = None
 

@@ -19,6 +19,7 @@ import ipaddress
 import json
 import math
 import signal
+import socket
 import sys
 import threading
 import time
@@ -202,7 +203,8 @@ class Handler(BaseHTTPRequestHandler):
 
 def serve(session: Session, host: str = "127.0.0.1", port: int = 0) -> ThreadingHTTPServer:
     handler = type("BoundHandler", (Handler,), {"session": session})
-    server = ThreadingHTTPServer((host, port), handler)
+    family = socket.AF_INET6 if ":" in host else socket.AF_INET
+    server = type("Server", (ThreadingHTTPServer,), {"address_family": family})((host, port), handler)
     server.daemon_threads = True
     return server
 
@@ -215,7 +217,13 @@ def _interrupt(*_) -> None:
 def run(args) -> int:
     session = Session(args.game, args.bin)
     toml = args.game.lower().endswith(".toml")
-    if not toml and not session.prepare():
+    if toml:
+        try:  # a game file with a mistake ends here, before anything is served
+            Game.from_toml(args.game)
+        except (OSError, GameError) as e:
+            print(f"corvanta: {e}", file=sys.stderr)
+            return 2
+    elif not session.prepare():
         # A stored tree loads at once; one the engine refuses is an error of the command.
         print(f"corvanta: {session.message}", file=sys.stderr)
         session.close()

@@ -7,6 +7,7 @@ const SUIT_SIGN = { s: "\u2660", h: "\u2665", d: "\u2666", c: "\u2663" };
 const $ = (id) => document.getElementById(id);
 let node = null;
 let pinned = null;
+let chosen = null;  // the main grid's player when picked by hand; else the one to act
 
 function el(tag, className, text) {
   const e = document.createElement(tag);
@@ -106,7 +107,7 @@ async function loadNode() {
     return;
   }
   try {
-    node = await getJSON("/api/node?path=" + encodeURIComponent(path));
+    node = await getJSON("/api/node?path=" + encodeURIComponent(path) + (chosen ? "&player=" + chosen : ""));
   } catch (e) {
     showError(e.message);
     return;
@@ -128,6 +129,7 @@ function render() {
   $("grid-title").textContent = node.acting === who
     ? `${who} to act: strategy, shaded by range weight`
     : `${who}'s range`;
+  for (const b of document.querySelectorAll("#players button")) b.classList.toggle("on", b.dataset.player === who);
   renderGrid($("grid"), node.cells, true);
   for (const p of ["OOP", "IP"]) {
     renderGrid($("range-" + p), node.ranges[p].map((w, i) => ({ hand: node.cells[i].hand, weight: w })), false, p);
@@ -152,7 +154,7 @@ function renderLine() {
     const seg = parts[i];
     const link = el("a");
     link.href = "#" + prefix;
-    if (seg.length === 2 && seg !== "r" && /[cdhs]$/.test(seg) && seg !== "c") link.append(cardNode(seg));
+    if (/^[2-9TJQKA][cdhs]$/.test(seg)) link.append(cardNode(seg));
     else link.textContent = seg;
     nav.append(" \u203a ", link);
   }
@@ -238,8 +240,8 @@ function renderLegend() {
 }
 
 function mixBar(mix) {
+  if (!mix) return "";
   const bar = el("div", "mix");
-  if (!mix) return bar;
   for (const a of node.actions) {
     const s = el("span");
     s.style.width = (100 * mix[a.name]).toFixed(2) + "%";
@@ -320,5 +322,8 @@ function showCombos(hand) {
   box.append(t);
 }
 
-window.addEventListener("hashchange", loadNode);
+for (const b of document.querySelectorAll("#players button")) {
+  b.addEventListener("click", () => { chosen = b.dataset.player; loadNode(); });
+}
+window.addEventListener("hashchange", () => { chosen = null; loadNode(); });
 poll();
