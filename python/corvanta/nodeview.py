@@ -232,20 +232,20 @@ def _node_view(solver: Solver, path: str, player: str | None) -> dict[str, Any]:
     rows: dict[str, tuple] = {}
     freqs: dict[str, float] = {}
     if acting and segments and sums[acting] > 0:
-        strategy = solver.strategy(path)
-        rows = {a: strategy[a] for a in segments}
         probs = solver.command(f"show_probs {path}")[0].split()
         freqs = {probs[i]: float(probs[i + 1]) for i in range(4, len(probs) - 1, 2)}
-    if shown != acting:
-        rows = {}
+        if shown == acting:
+            strategy = solver.strategy(path)
+            rows = {a: strategy[a] for a in segments}
     colors = action_colors(segments)
     out["actions"] = [{"name": a, "label": action_label(a, facing), "color": colors[a],
                        "freq": freqs.get(a), "path": f"{path}:{a}"} for a in segments]
 
+    # Per hand for the grid's player; over the range for both. The engine's own equity total
+    # weighs every hand alike, so the range average is taken here for EV and equity both.
     ev, eq, summary_ev, summary_eq = {}, {}, {}, {}
     for p in PLAYERS:
-        # The engine's equity total weighs every hand alike; the range's own weights are wanted here.
-        for name, query, per_hand, summary in (("ev", solver.ev, ev, summary_ev), ("eq", solver.equity, eq, summary_eq)):
+        for query, per_hand, summary in ((solver.ev, ev, summary_ev), (solver.equity, eq, summary_eq)):
             try:
                 got = query(p, path)
             except _BROKEN:
@@ -265,9 +265,8 @@ def _node_view(solver: Solver, path: str, player: str | None) -> dict[str, Any]:
     cells, combos = [], {}
     for c in CELLS:
         hands = [h for h in CELL_HANDS[c] if h in live_set]
-        w = [weights[h] for h in hands]
         mix = weighted_mix(hands, weights, rows) if rows else None
-        cells.append({"hand": c, "weight": sum(w) / len(hands) if hands else 0.0, "mix": mix})
+        cells.append({"hand": c, "weight": _cell_weight(c, weights, live_set), "mix": mix})
         listed = []
         for h in hands:
             if weights[h] <= 0:
