@@ -38,6 +38,7 @@ PAGES = {"/": ("index.html", "text/html; charset=utf-8"),
          "/viewer.js": ("viewer.js", "text/javascript; charset=utf-8"),
          "/viewer.css": ("viewer.css", "text/css; charset=utf-8")}
 PARAMS = {"/api/status": set(), "/api/node": {"path", "player"}}
+CACHED_NODES = 256  # a node's answer is some 100 kB at most
 
 
 class Session:
@@ -103,6 +104,8 @@ class Session:
         key = (path, player)
         with self.engine_lock:
             if key not in self.cache:
+                if len(self.cache) >= CACHED_NODES:  # the oldest goes first
+                    self.cache.pop(next(iter(self.cache)))
                 self.cache[key] = node_view(self.solver, path, player)
             return self.cache[key]
 
