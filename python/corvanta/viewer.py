@@ -91,9 +91,10 @@ class Session:
         return True
 
     def status(self) -> dict[str, Any]:
+        # The first report stays: the page measures the progress from it.
         with self.state_lock:
             return {"state": self.state, "message": self.message, "game": self.info,
-                    "reports": self.reports[-200:], "seconds": round(time.monotonic() - self.started, 1)}
+                    "reports": self.reports[:1] + self.reports[1:][-199:], "seconds": round(time.monotonic() - self.started, 1)}
 
     def node(self, path: str, player: str | None) -> dict[str, Any]:
         check_path(path)
