@@ -120,6 +120,9 @@ def main(argv=None) -> int:
     p = sub.add_parser("script", help="print the engine commands that set up the game")
     p.add_argument("game")
     p.set_defaults(run=script)
+    from . import report, viewer
+    viewer.add_parser(sub)
+    report.add_parser(sub)
     args = parser.parse_args(argv)
     return args.run(args)
 
