@@ -12,6 +12,7 @@ from .cards import HAND_CARDS, HAND_NAMES
 from .client import EngineError, EngineNotImplemented, Report, Solver
 from .game import Game, GameError
 from .ranges import parse_range
+from . import aggregate, batch
 
 
 class ProgressBar:
@@ -120,6 +121,8 @@ def main(argv=None) -> int:
     p = sub.add_parser("script", help="print the engine commands that set up the game")
     p.add_argument("game")
     p.set_defaults(run=script)
+    batch.add_parser(sub)
+    aggregate.add_parser(sub)
     args = parser.parse_args(argv)
     return args.run(args)
 
