@@ -21,6 +21,7 @@ import os
 import shutil
 import subprocess
 import sys
+import threading
 import time
 import tomllib
 from pathlib import Path
@@ -96,6 +97,7 @@ def solve_flop(study_path: str, out: Path, name: str, weight: int, threads: int 
     summary: dict = {"flop": name, "weight": weight, "board": game.board_text(), "textures": textures(cards),
                      "study": study_key(data), "settings": data}
     with Solver(binary) as solver:
+        watch_batch(solver)
         started = time.monotonic()
         game.set_up(solver)
         results = solver.solve(accuracy=game.accuracy, seconds=game.seconds, steps=game.steps)
@@ -117,6 +119,27 @@ def solve_flop(study_path: str, out: Path, name: str, weight: int, threads: int 
     summary["seconds"] = {"engine": round(engine_seconds, 3), "job": round(time.monotonic() - STARTED, 3)}
     write_atomic(out / f"{name}.json", json.dumps(summary, indent=1) + "\n")
     return summary
+
+
+def watch_batch(solver: Solver) -> None:
+    """GNU parallel gives each job a process group of its own, so a batch killed outright
+    leaves its jobs running: a job whose batch is gone stops its engine and ends."""
+    pid = int(os.environ.get("CORVANTA_BATCH_PID", "0"))
+    if pid <= 0:
+        return
+
+    def watch() -> None:
+        while True:
+            time.sleep(0.3)
+            try:
+                os.kill(pid, 0)
+            except ProcessLookupError:
+                solver._kill()
+                os._exit(1)
+            except PermissionError:
+                pass
+
+    threading.Thread(target=watch, daemon=True).start()
 
 
 def range_equity(solver: Solver, player: str) -> float:
@@ -253,6 +276,7 @@ def batch(args) -> int:
     threads = "-" if args.threads is None else str(args.threads)
     env = dict(os.environ)
     package_root = str(Path(__file__).resolve().parents[1])
+    env["CORVANTA_BATCH_PID"] = "0" if args.sshlogin else str(os.getpid())
     env["PYTHONPATH"] = package_root + (os.pathsep + env["PYTHONPATH"] if env.get("PYTHONPATH") else "")
     cmd = ["parallel", "--will-cite", "--quote", "--jobs", str(args.jobs), "--joblog", str(log), "--resume",
            "--colsep", " ", "--arg-file", str(listing)]
