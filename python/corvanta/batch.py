@@ -14,11 +14,11 @@ given to --resume.
 """
 from __future__ import annotations
 
-import argparse
 import hashlib
 import json
 import os
 import shutil
+import signal
 import subprocess
 import sys
 import threading
@@ -72,13 +72,24 @@ def summary_ok(path: Path, key: str) -> bool:
         return False
 
 
+def durable_rename(tmp: Path, path: Path) -> None:
+    """Data on disk before the name, and the name on disk before we go on: a power cut leaves
+    the old state or the new one."""
+    with open(tmp, "rb") as f:
+        os.fsync(f.fileno())
+    os.replace(tmp, path)
+    fd = os.open(path.parent, os.O_RDONLY)
+    try:
+        os.fsync(fd)
+    finally:
+        os.close(fd)
+
+
 def write_atomic(path: Path, text: str) -> None:
     tmp = path.with_name(f".{path.name}.{os.getpid()}.tmp")
     with open(tmp, "w") as f:
         f.write(text)
-        f.flush()
-        os.fsync(f.fileno())
-    os.replace(tmp, path)
+    durable_rename(tmp, path)
 
 
 def _quoted(path: Path) -> str:
@@ -90,14 +101,15 @@ def _quoted(path: Path) -> str:
 
 # -- one flop ---------------------------------------------------------------
 
-def solve_flop(study_path: str, out: Path, name: str, weight: int, threads: int | None, binary: str | None) -> dict:
+def solve_flop(study_path: str, out: Path, name: str, weight: int, threads: int | None, binary: str | None,
+               engines: list[Solver]) -> dict:
     data = load_study(study_path)
     cards = tuple(parse_cards(name))
     game = study_game(data, cards, threads)
     summary: dict = {"flop": name, "weight": weight, "board": game.board_text(), "textures": textures(cards),
                      "study": study_key(data), "settings": data}
     with Solver(binary) as solver:
-        watch_batch(solver)
+        engines.append(solver)
         started = time.monotonic()
         game.set_up(solver)
         results = solver.solve(accuracy=game.accuracy, seconds=game.seconds, steps=game.steps)
@@ -109,7 +121,7 @@ def solve_flop(study_path: str, out: Path, name: str, weight: int, threads: int 
         tmp = out / f".{name}.tree.{os.getpid()}.tmp"
         try:
             solver.command(f"dump_tree {_quoted(tmp)}", timeout=600)
-            os.replace(tmp, tree)
+            durable_rename(tmp, tree)
             summary["tree_file"] = tree.name
         except EngineNotImplemented as e:
             summary["tree_file"] = None
@@ -121,7 +133,7 @@ def solve_flop(study_path: str, out: Path, name: str, weight: int, threads: int 
     return summary
 
 
-def watch_batch(solver: Solver) -> None:
+def watch_batch(engines: list[Solver]) -> None:
     """GNU parallel gives each job a process group of its own, so a batch killed outright
     leaves its jobs running: a job whose batch is gone stops its engine and ends."""
     pid = int(os.environ.get("CORVANTA_BATCH_PID", "0"))
@@ -134,8 +146,11 @@ def watch_batch(solver: Solver) -> None:
             try:
                 os.kill(pid, 0)
             except ProcessLookupError:
-                solver._kill()
-                os._exit(1)
+                try:
+                    for solver in engines:
+                        os.kill(solver.pid, signal.SIGKILL)
+                finally:
+                    os._exit(1)
             except PermissionError:
                 pass
 
@@ -170,13 +185,15 @@ def job(argv: list[str]) -> int:
     """One flop, as GNU parallel runs it: prints "done NAME SECONDS", "skip NAME" or fails."""
     study_path, out, name, weight, threads, binary = argv
     out = Path(out)
-    out.mkdir(parents=True, exist_ok=True)
+    engines: list[Solver] = []
+    watch_batch(engines)
     try:
+        out.mkdir(parents=True, exist_ok=True)
         if summary_ok(out / f"{name}.json", study_key(load_study(study_path))):
             print(f"skip {name}", flush=True)
             return 0
         summary = solve_flop(study_path, out, name, int(weight), int(threads) if threads != "-" else None,
-                             None if binary == "-" else binary)
+                             None if binary == "-" else binary, engines)
     except (OSError, StudyError, GameError, EngineError) as e:
         print(f"corvanta: {name}: {e}", file=sys.stderr, flush=True)
         print(f"fail {name}", flush=True)
