@@ -78,17 +78,17 @@ def read_list(text: str) -> list[Flop]:
     return list(out.values())
 
 
-def select(spec: str, seed: int = 1) -> list[Flop]:
+def select(choice: str, seed: int = 1) -> list[Flop]:
     """"all", "sample:N" or the name of a list file."""
-    if spec == "all":
+    if choice == "all":
         return list(canonical_flops())
-    if spec.startswith("sample:"):
+    if choice.startswith("sample:"):
         try:
-            n = int(spec[len("sample:"):])
+            n = int(choice[len("sample:"):])
         except ValueError:
-            raise ValueError(f"sample:N with a whole number N, not {spec!r}") from None
+            raise ValueError(f"sample:N with a whole number N, not {choice!r}") from None
         return sample(n, seed)
-    with open(spec) as f:
+    with open(choice) as f:
         return read_list(f.read())
 
 
