@@ -64,10 +64,7 @@ bool spot_ev(Tree& t, const Spot& s, int32_t player, double* ev, double* matchup
       Probe.turn_cell = tc;
       Probe.river_cell = rc;
       Probe.found = false;
-      void (*before)(TraversalContext&) = ProbeVisit;
-      ProbeVisit = probe_visit;
-      traverse(t, player, MODE_PROBE);
-      ProbeVisit = before;
+      traverse(t, player, MODE_PROBE, probe_visit);
       Probe.node = nullptr;
       if (!Probe.found) return true;
       value = std::move(Probe.value);

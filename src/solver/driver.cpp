@@ -124,7 +124,7 @@ static void solving_thread() {
   IterationSeconds = 0;
   IterationHands = 0;
 
-  while (!SolverStopRequested && tree.iteration < MaxIterations) {
+  while (!SolverStopRequested && tree.iteration < tree.params.max_iterations) {
     omp_set_num_threads(ThreadCount);
     int64_t hands_before = TerminalHandCount.load(), step_start = now_ns();
     run_iteration(tree);

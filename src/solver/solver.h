@@ -71,7 +71,10 @@ void run_iteration(Tree& tree);
 // one relaxed add per kernel call of about a thousand hands.
 extern std::atomic<int64_t> TerminalHandCount;
 inline void count_terminal_hands(int64_t hands) { TerminalHandCount.fetch_add(hands, std::memory_order_relaxed); }
-TraverseResult traverse(Tree& tree, int player, int mode);
+struct TraversalContext;
+// One whole-tree walk for `player` in `mode`; a MODE_PROBE walk hands every
+// context outside the queueing pass to `probe`.
+TraverseResult traverse(Tree& tree, int player, int mode, void (*probe)(TraversalContext&) = nullptr);
 SolverResults results_now(Tree& tree);
 
 // ---- Walk, subgames and evaluation ------------------------------------------
@@ -89,9 +92,25 @@ SolverResults results_now(Tree& tree);
 // kernels, chance nodes only map hand lists through the board records.
 #include <atomic>
 
+// The passes of one walk: pass 0 walks down to the chance nodes and queues
+// their subgames, pass 1 runs the subgames on the team, pass 2 walks the part
+// above the chance nodes again with their results.
+enum WalkPass : int32_t { PASS_QUEUE = 0, PASS_SUBGAMES = 1, PASS_COLLECT = 2 };
+
+// The state of one whole-tree walk, owned by traverse() and reached from every
+// context of it; a tree carries none of it, so reading a tree needs no walk.
+struct WalkState {
+  int32_t traverser = 0;
+  int32_t mode = MODE_EVALUATE;
+  WalkPass pass = PASS_QUEUE;
+  bool river_average_now = true;  // training adds to the river sums this iteration
+  void (*probe)(TraversalContext&) = nullptr;
+};
+
 // The single argument of the recursion.
 struct TraversalContext {
   Tree* tree = nullptr;
+  const WalkState* walk = nullptr;
   Node* node = nullptr;
   int32_t turn_cell = -1;   // turn BoardRecord in force, -1 none
   int32_t river_cell = -1;  // river BoardRecord under it, -1 none
@@ -165,6 +184,3 @@ ResultsCache& results_cache();
 // Runs both evaluation passes and fills the cache for the present iteration.
 void refresh_results(Tree& tree);
 
-// Analysis installs this to receive the contexts of a MODE_PROBE walk (outside
-// pass 0); null = no probe.
-extern void (*ProbeVisit)(TraversalContext& ctx);

@@ -76,15 +76,7 @@ void planStorage(StoragePair pair) {
   Tree& t = *ActiveTree;
   const int32_t root = t.nodes.empty() ? 1 : t.nodes[0].street;
 
-  MaxIterations = pair.strategy == 3 ? 2200 : 9000;
-  RiverGroupIterations = pair.regrets == 2 ? 30 : 0;
-  if (root == 3) {
-    StrategyExponent = 4.0;
-    StrategyWeightCap = DBL_MAX;
-  } else {
-    StrategyExponent = 1.5;
-    StrategyWeightCap = 262143.0;
-  }
+  t.params = solver_params(root, pair);
   if (root < 2) {
     t.regret_level = pair.regrets;
     t.strategy_level = pair.strategy;

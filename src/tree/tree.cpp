@@ -26,10 +26,17 @@ void call_hook(void (*hook)(), const char* name) {
   hook();
 }
 
-double StrategyExponent = 1.5;
-double StrategyWeightCap = 262143.0;
-int32_t RiverGroupIterations = 0;
-int32_t MaxIterations = 9000;
+SolverParams solver_params(int32_t root_street, StoragePair pair) {
+  SolverParams p;
+  p.max_iterations = pair.strategy == 3 ? 2200 : 9000;
+  p.river_group_iterations = pair.regrets == 2 ? 30 : 0;
+  // A river game is short: later iterations get far more weight in the average.
+  if (root_street == 3) {
+    p.strategy_exponent = 4.0;
+    p.strategy_weight_cap = DBL_MAX;
+  }
+  return p;
+}
 
 // ---- Destruction --------------------------------------------------------------
 
@@ -85,7 +92,6 @@ void make_tree(const std::vector<LineRecord>& records, const Card flop[3], int t
   t.flags = NEW_TREE;
   t.flattening = Flattenings;
   t.average_policy = 1;
-  t.river_average_now = true;
   t.max_range_weight[0] = t.max_range_weight[1] = 1.0;
   t.flop_board = CardBit(flop[0]) | CardBit(flop[1]) | CardBit(flop[2]);
   t.board = t.flop_board;
@@ -164,15 +170,7 @@ void make_tree(const std::vector<LineRecord>& records, const Card flop[3], int t
   if (boards->isomorphic) t.flags |= ISOMORPHISM_ON;
   t.boards = boards.release();
 
-  RiverGroupIterations = 0;
-  MaxIterations = 9000;
-  StrategyExponent = 1.5;
-  StrategyWeightCap = 262143.0;
-  // A river game is short: later iterations get far more weight in the average.
-  if (!t.nodes.empty() && t.nodes[0].street == 3) {
-    StrategyExponent = 4.0;
-    StrategyWeightCap = DBL_MAX;
-  }
+  t.params = solver_params(t.nodes.empty() ? 1 : t.nodes[0].street, StoragePair{});
   t.regret_scale = std::pow(2.0, Precision) * RegretScaleBase / t.max_payoff;
 
   ActiveTree = tree.release();
@@ -226,10 +224,6 @@ void reset_tree_state() {
   free_active_tree();
   clear_schematic_tree();
   StartStreet = 1;
-  StrategyExponent = 1.5;
-  StrategyWeightCap = 262143.0;
-  RiverGroupIterations = 0;
-  MaxIterations = 9000;
 }
 
 // ---- Commands -------------------------------------------------------------------

@@ -123,6 +123,17 @@ struct Node {
 enum TreeFlag : uint32_t { INCOMPLETE_TREE = 1, ISOMORPHISM_ON = 2, NEW_TREE = 4 };
 enum TraverseMode : int32_t { MODE_EVALUATE = 0, MODE_TRAIN = 1, MODE_PROBE = 2 };
 
+// The solving parameters of one tree, fixed by its root street and storage
+// plan (solver_params); the walk reads them from the tree it walks.
+struct SolverParams {
+  double strategy_exponent = 1.5;      // weight of iteration k in the average: k^exponent
+  double strategy_weight_cap = 262143.0;
+  int32_t river_group_iterations = 0;  // early iterations whose river regrets move by runs of equal hands
+  int32_t max_iterations = 9000;
+};
+struct StoragePair;
+SolverParams solver_params(int32_t root_street, StoragePair pair);
+
 struct Tree {
   std::vector<Node> nodes;  // fixed after the build; the root is entry 0
   CardMask flop_board = 0;  // flop cards of the root
@@ -135,17 +146,15 @@ struct Tree {
   uint32_t flags = 0;
   uint64_t flattening = 0;  // the flattening of the lines the nodes were made from
 
-  // The iteration's state.
-  int32_t traverser = 0;
-  int32_t traverse_mode = MODE_EVALUATE;
-  int32_t traverse_pass = 0;
+  // Solving progress and parameters. The walk's own state (traverser, mode,
+  // pass) lives in the walk, not here.
+  SolverParams params;
   int32_t average_policy = 0;
   int32_t iteration = 0;
   double regret_scale = 0;
   double max_range_weight[2] = {0, 0};
   std::vector<float> reach_weights[2];
   std::vector<float> norm_weights[2];
-  bool river_average_now = false;
 
   // Storage plan in force.
   int32_t regret_level = 0;
@@ -184,12 +193,7 @@ void free_active_tree();
 void make_tree(const std::vector<LineRecord>& records, const Card flop[3], int turn, int river,
                const Range ranges[2], bool use_isomorphism);
 
-// ---- Solver parameters of the present tree (set by make_tree) ---------------
 constexpr double RegretScaleBase = 125.0;
-extern double StrategyExponent;
-extern double StrategyWeightCap;
-extern int32_t RiverGroupIterations;
-extern int32_t MaxIterations;
 
 // ---- Statistics -------------------------------------------------------------
 // Counts of node_count, indexed by absolute street 1..3; slot 0 holds the total.
