@@ -95,13 +95,13 @@ void default_strategy(const Node& node, float* out) {
   for (size_t a = 1; a < n; a++) out[a] = float((1.0 - first) / double(n - 1));
 }
 
-static bool averages_in_use(const Tree& t) {
+bool averages_in_use(const Tree& t, int32_t average_from) {
   if (t.average_policy == 0) return false;
-  return t.average_policy != 1 || t.iteration > 60;
+  return t.average_policy != 1 || t.iteration >= average_from;
 }
 
 float average_weight(const Tree& t, const WalkState& w, int32_t street) {
-  if (!averages_in_use(t)) return 0.0f;
+  if (!averages_in_use(t, WalkAverageFrom)) return 0.0f;
   if (street == 3 && !(w.river_average_now && RiverStrategyEnabled)) return 0.0f;
   if (t.average_policy != 1) return 1.0f;
   double weight = std::pow(double(std::max(t.iteration - 60, 0)), t.params.strategy_exponent);
@@ -114,11 +114,12 @@ static bool integer_sums(Store* s) {
   return typeid(*s) == typeid(PackedStore) || typeid(*s) == typeid(WideningStore);
 }
 
-void played_strategy(const Tree& t, const Node& node, int32_t tc, int32_t rc, HandVector* out) {
+void played_strategy(const Tree& t, const Node& node, int32_t tc, int32_t rc, HandVector* out,
+                     int32_t average_from) {
   int32_t n = int32_t(node.children.size());
   float uniform[MaxNodeActions];
   for (int32_t a = 0; a < n; a++) uniform[a] = 1.0f / float(n);
-  bool usable = averages_in_use(t) && (node.street != 3 || RiverStrategyEnabled) && node.strategyStore;
+  bool usable = averages_in_use(t, average_from) && (node.street != 3 || RiverStrategyEnabled) && node.strategyStore;
   if (!usable) {
     node.regretStore->read_strategy(out, tc, rc, uniform);
     return;
@@ -299,7 +300,7 @@ static void visit_other_node(TraversalContext& ctx) {
       default_strategy(node, defaults);
       node.regretStore->read_strategy(s.data(), tc, rc, defaults);
     } else {
-      played_strategy(t, node, tc, rc, s.data());
+      played_strategy(t, node, tc, rc, s.data(), WalkAverageFrom);
     }
     // 2. The average.
     if (train && !pass0 && node.strategyStore) {
@@ -376,7 +377,7 @@ static void visit_own_node(TraversalContext& ctx) {
       default_strategy(node, defaults);
       node.regretStore->read_strategy(s, tc, rc, defaults);
     } else {
-      played_strategy(t, node, tc, rc, s);
+      played_strategy(t, node, tc, rc, s, WalkAverageFrom);
     }
   }
 
@@ -479,7 +480,7 @@ static void collect_river_stores(Tree& t, const Node& node, TlsBlock& tb) {
 }
 
 static bool river_sums_open(const Tree& t, const WalkState& w) {
-  return averages_in_use(t) && RiverStrategyEnabled &&
+  return averages_in_use(t, WalkAverageFrom) && RiverStrategyEnabled &&
          (w.mode != MODE_TRAIN || w.river_average_now);
 }
 

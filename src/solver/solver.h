@@ -127,10 +127,19 @@ void visit_node(TraversalContext& ctx);
 // action. `out` gets n floats.
 void default_strategy(const Node& node, float* out);
 
+// The average-or-current rule. A tree plays its average strategy once its
+// iteration count reaches `average_from` (or always, or never, by its
+// average_policy). The walk switches at WalkAverageFrom; queries wait a few
+// iterations longer, so that thin sums right after the switch don't show.
+constexpr int32_t WalkAverageFrom = 61;
+bool averages_in_use(const Tree& tree, int32_t average_from);
+
 // The strategy played outside training at a decision cell: the normalised
-// average sums where usable, with the current strategy for hands without sums.
+// average sums where the rule allows, with the current strategy for hands
+// without sums, and the current strategy (uniform where it has nothing)
+// before that.
 void played_strategy(const Tree& tree, const Node& node, int32_t turn_cell, int32_t river_cell,
-                     HandVector* out);
+                     HandVector* out, int32_t average_from);
 
 // One chance card below a chance node, run by a worker of the team. The four
 // shared vectors belong to the chance node and are shared by all its cards.
