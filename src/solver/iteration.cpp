@@ -524,7 +524,7 @@ static void visit_chance(TraversalContext& ctx, bool turn) {
   }
 
   // 1. A forgotten street below: its stored values stand in.
-  if (eval && decision && (t.flags & INCOMPLETE_TREE)) {
+  if ((eval || t.traverse_mode == MODE_PROBE) && decision && (t.flags & INCOMPLETE_TREE)) {
     alloc_vector(ctx.value, parent_count, true);
     alloc_vector(ctx.br_value, parent_count, true);
     if (rec && (!turn || t.traverse_pass == 2)) {

@@ -176,6 +176,7 @@ static void empty_subgame_queue() {
   RunOrder.clear();
   forget_tree_facts();
   forget_results_cache();
+  forget_resolve_marks();
 }
 
 void solver_module_init() { EmptySubgameQueue = empty_subgame_queue; }
