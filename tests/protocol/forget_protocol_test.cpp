@@ -112,3 +112,26 @@ TEST(Forget, PartialSolveReachesTheRecalcAccuracy) {
     EXPECT_LE(e, 0.005 * 60);
   }
 }
+
+// The turns of a flop game go the same way; a bad word and a rebuild with
+// nothing forgotten answer as they should.
+TEST(Forget, TurnsOfAFlopGame) {
+  std::string s = "set_range OOP";
+  for (int i = 0; i < 1326; i++) s += i % 23 == 0 ? " 1" : " 0";
+  s += "\nset_range IP";
+  for (int i = 0; i < 1326; i++) s += i % 19 == 0 ? " 1" : " 0";
+  s += "\nset_board Qs Jh 2h\nset_pot 0 0 100\nadd_line 0 0 0 0 0 0\nadd_line 0 0 50 50 50 50\n"
+       "add_line 50 50 50 50 100 100\nset_isomorphism 0 0\nbuild_tree\nrebuild_all\ngo 80 steps\nwait_for_solver\n"
+       "calc_results\nforget flops\nforget turns\ncalc_results\nrebuild_all\nsolve_all_splits turns\ncalc_results\n";
+  std::string out = run_binary({}, s).out;
+  EXPECT_NE(out.find("build_tree ok!\nrebuild_all ok!\n"), std::string::npos);
+  EXPECT_NE(out.find("ERROR: forget incorrect or missing argument\nforget ok!\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("rebuild_all ok!\nsolve_all_splits ok!\n"), std::string::npos);
+  size_t first = out.find("EV OOP: ", out.find("SOLVER: stopped"));
+  std::vector<double> before = results(out, first), kept = results(out, first + 1);
+  std::vector<double> again = results(out, out.find("solve_all_splits ok!"));
+  ASSERT_EQ(again.size(), 5u);
+  EXPECT_EQ(before, kept);
+  EXPECT_NEAR(again[0], before[0], 0.01 * 100);
+  EXPECT_LT(again[4], before[4] + 0.01 * 100);
+}
