@@ -12,6 +12,7 @@ from .cards import HAND_CARDS, HAND_NAMES
 from .client import EngineError, EngineNotImplemented, Report, Solver
 from .game import Game, GameError
 from .ranges import parse_range
+from . import aggregate, batch
 
 
 class ProgressBar:
@@ -120,6 +121,11 @@ def main(argv=None) -> int:
     p = sub.add_parser("script", help="print the engine commands that set up the game")
     p.add_argument("game")
     p.set_defaults(run=script)
+    from . import report, viewer
+    viewer.add_parser(sub)
+    report.add_parser(sub)
+    batch.add_parser(sub)
+    aggregate.add_parser(sub)
     args = parser.parse_args(argv)
     return args.run(args)
 

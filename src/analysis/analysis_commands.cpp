@@ -4,7 +4,7 @@
 #include <mutex>
 
 #include "analysis/analysis.h"
-#include "shell/shell.h"
+#include "core/core.h"
 
 namespace {
 

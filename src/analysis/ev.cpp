@@ -66,16 +66,13 @@ bool spot_ev(Tree& t, const Spot& s, int32_t player, double* ev, double* matchup
       Probe.turn_cell = tc;
       Probe.river_cell = rc;
       Probe.found = false;
-      void (*before)(TraversalContext&) = ProbeVisit;
-      ProbeVisit = probe_visit;
       // Below a forgotten street only the target's own subgame is there.
       if (node_forgotten(t, node)) {
         open_forgotten(t, node, cell);
-        probe_forgotten(t, node, tc, rc, player);
+        probe_forgotten(t, node, tc, rc, player, probe_visit);
       } else {
-        traverse(t, player, MODE_PROBE);
+        traverse(t, player, MODE_PROBE, probe_visit);
       }
-      ProbeVisit = before;
       Probe.node = nullptr;
       if (!Probe.found) return true;
       value = std::move(Probe.value);

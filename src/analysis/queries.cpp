@@ -83,26 +83,17 @@ bool strategy_rows(Tree& t, const Spot& s, std::vector<double>& rows) {
   const CanonicalCards& cc = cell.cards;
   const BoardView& view = cell.view;
 
-  std::vector<HandVector> a(static_cast<size_t>(k)), c(static_cast<size_t>(k));
+  std::vector<HandVector> played(static_cast<size_t>(k));
   {
     std::lock_guard<std::recursive_mutex> guard(traversal_lock());
     if (!materialise_tree_stores(t)) return true;
     OpenRiverGroup open(t, node, tc);
-    std::vector<float> uniform(size_t(k), 1.0f / float(k)), zeros(size_t(k), 0.0f);
-    node.regretStore->read_strategy(c.data(), tc, rc, uniform.data());
-    if (t.iteration >= QueryAverageFrom && node.strategyStore)
-      node.strategyStore->read_strategy(a.data(), tc, rc, zeros.data());
+    played_strategy(t, node, tc, rc, played.data(), QueryAverageFrom);
   }
-  const bool averaged = a[0].data != nullptr;
   std::vector<float> row(size_t(view.count));
   for (int32_t act = 0; act < k; act++) {
-    for (int32_t i = 0; i < view.count; i++) {
-      float total = 0.0f;
-      if (averaged)
-        for (int32_t b = 0; b < k; b++) total += a[size_t(b)].data[i];
-      const HandVector& src = averaged && total != 0.0f ? a[size_t(act)] : c[size_t(act)];
-      row[size_t(i)] = src.data ? src.data[i] : 0.0f;
-    }
+    const HandVector& src = played[size_t(act)];
+    for (int32_t i = 0; i < view.count; i++) row[size_t(i)] = src.data && i < src.count ? src.data[i] : 0.0f;
     double* out = rows.data() + size_t(act) * HandCount;
     expand_board_list(row.data(), view.pairPosition, cc.map, 0.0, out);
     const double* range = t.ranges[node.player];
@@ -269,7 +260,7 @@ bool write_strategy_row(Tree& t, const Spot& s, int32_t child, const double* val
   if (!materialise_tree_stores(t)) return false;
   OpenRiverGroup open(t, node, c.turn_cell);
   node.regretStore->write_row(c.turn_cell, c.river_cell, child, row.data());
-  const bool averaging = t.average_policy != 0 && (t.average_policy != 1 || t.iteration > 60);
+  const bool averaging = averages_in_use(t, WalkAverageFrom);
   if (averaging && node.strategyStore) node.strategyStore->write_row(c.turn_cell, c.river_cell, child, nullptr);
   open.keep = true;
   StoreGeneration++;

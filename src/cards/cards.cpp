@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "shell/shell.h"
+#include "core/core.h"
 
 const char RankLetters[14] = "23456789TJQKA";
 const char SuitLetters[5] = "cdhs";
@@ -88,13 +88,4 @@ void build_card_tables() {
     else cell = r1 * 13 + r2;                                          // offsuit: row = higher rank
     ShapeBuckets[cell].push_back(uint16_t(p));
   }
-}
-
-void cmd_show_hand_order(const std::vector<std::string>&) { shell_print("%s\n", HandOrderText); }
-
-void cmd_set_low_card(const std::vector<std::string>& t) {
-  int n = parse_int(t[1]);
-  if (n < 2 || n > 6) fail_argument(t[0]);
-  LowCardIndex = n - 2;
-  print_ok(t);
 }

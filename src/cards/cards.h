@@ -4,8 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "core/core.h"
+
 using Card = uint8_t;        // suit * 13 + rank; rank 0 = deuce .. 12 = ace; suit c d h s
-using CardMask = uint64_t;   // bit = Card
 using HandValue = uint32_t;  // larger is better
 
 constexpr int RankOf(Card c) { return c % 13; }
@@ -80,6 +81,8 @@ HandValue evaluate_mask_plain(CardMask cards);
 void evaluate_board_holes(const CardMask* holes, size_t count, CardMask board, HandValue* out);
 // Default category order.
 void reset_hand_type_order();
+// LowCardIndex, MustUseHoleCards and the hand type order back to their start (for tests).
+void reset_card_settings();
 // The nine stored bytes of HandTypeOrder, positions derived from them; false
 // (and the default order) when a byte names no category.
 bool load_hand_type_order(const uint8_t order[CATEGORY_NB]);

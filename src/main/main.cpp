@@ -98,6 +98,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   set_current_thread_priority(1);
+  install_solver_hooks();
   libsubgame_init(0);
   ProcessStartTicks = wall_clock_ticks();
 

@@ -1,5 +1,5 @@
-// The command shell: the answer protocol, the command table, the game
-// description and the solver settings that commands store.
+// The command shell: the command table, the loop, the shell's own switches and
+// commands. It parses commands into the core settings; nothing below knows it.
 #pragma once
 #include <atomic>
 #include <cstdint>
@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "cards/cards.h"
+#include "core/core.h"
 
-using Tokens = std::vector<std::string>;
 using CommandHandler = void (*)(const Tokens&);
 
 struct CommandEntry {
@@ -23,52 +23,21 @@ constexpr int CommandCount = 94;
 extern const CommandEntry CommandTable[CommandCount];
 
 // ---- Shell state (one loop thread writes it) ------------------------------
-extern int32_t Verbosity;
+// Output switches, the game description and the solver settings live in the
+// core header; these belong to the loop alone.
 extern bool EchoCommands;
 extern bool ColorText;
 extern bool TerminateOnError;
-extern bool SuppressOk;
-extern bool ShowComments;
-extern bool RawInfoOutput;
-extern bool MarkOutput;  // the 0xA7 marker of the comment mode, for one command
 extern std::string SkipLabel;
-extern std::string CurrentCommand;
-extern std::string OutputBuffer;
-extern std::mutex OutputLock;
 extern std::atomic<bool> BannedProcessRunning;
 extern int64_t ProcessStartTicks;  // 100 ns ticks, solver_time counts from here
-extern std::vector<std::string> TreeInfoLines;
 
 // ---- Tokens and the loop --------------------------------------------------
-Tokens tokenize_line(const std::string& line);
-std::string join_tokens(const Tokens& tokens, size_t first, size_t last);
 void process_line(const Tokens& tokens);
 const CommandEntry* find_command(const std::string& name);
 
-// ---- Output ---------------------------------------------------------------
-void shell_print(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void flush_output();
-void solver_print(const char* format, ...) __attribute__((format(printf, 1, 2)));
-// "%s ok!\n" with the command word, unless SuppressOk.
-void print_ok(const Tokens& tokens);
-// Writes straight to standard output under OutputLock, bypassing OutputBuffer.
-void write_direct(const std::string& text);
-
-// ---- Failures -------------------------------------------------------------
-// Both raise std::runtime_error carrying the whole message with its line feed.
-[[noreturn]] void fail_argument(const std::string& command);
-[[noreturn]] void fail_command(const std::string& reason);
-[[noreturn]] void fail_invalid_card();
-// flush, stop the watcher, exit(1)
-[[noreturn]] void error_exit();
+// flush, stop the watcher, exit(0)
 [[noreturn]] void normal_exit();
-
-// Number conversion as the standard conversions do it: leading blanks and a
-// sign, stop at the first foreign character; no number raises
-// std::invalid_argument, too large raises std::out_of_range.
-int32_t parse_int(const std::string& s);
-int64_t parse_int64(const std::string& s);
-double parse_double(const std::string& s);
 
 // ---- Process watcher ------------------------------------------------------
 void start_watcher();
@@ -76,44 +45,8 @@ void stop_watcher();
 bool banned_process_check(const std::vector<std::string>& names, std::string& found);
 std::string banned_process_name();
 
-// ---- Game description -----------------------------------------------------
-constexpr int HandCount = 1326;
-using Range = std::vector<double>;  // 1326 weights in PairIndex order, empty = not set
-
-extern Range Ranges[2];
-extern double RangeMin[2], RangeMax[2];
-extern CardMask BoardFlop, BoardTurn, BoardRiver;
-extern double PotOop, PotIp, StartPot;
-extern bool IsomorphismFlop, IsomorphismTurn;
-extern double RakeFraction, RakeCap;
-extern int32_t EffectiveStack;
-extern bool TreePresent;  // a built or loaded tree exists
-extern const char* const PlayerNames[2];
-
-// Player token: "OOP"/"hero" = 0, "IP"/"villain" = 1, otherwise -1.
-int player_from_token(const std::string& token);
-CardMask board_mask();
-// The range consistency test of an isomorphic flop build; throws the build's
-// error through fail_command.
-void check_range_consistency();
-
-// ---- Solver settings stored by commands -----------------------------------
-extern int32_t ThreadCount;
-extern double AccuracyValue;
-extern bool AccuracyIsFraction;
-extern double AccuracyTarget;
-extern double RecalcAccuracy[3];
-extern int32_t SimdLevel;
-extern double Precision;
-extern bool AdaptivePrecision;
-extern bool UseAvx512;
-extern bool RiverStrategyEnabled;
-extern int32_t Scheduler;
-extern std::atomic<bool> SolverRunning;  // set by the solving thread while it runs
-extern std::atomic<bool> SolverStopRequested;
-
-void recompute_accuracy_target();
-void reset_game_state();  // for tests: every global of this header back to its start value
+// Every setting of the core, the cards and the shell back to its start value (for tests).
+void reset_game_state();
 
 // ---- Handlers of the shell's own commands ---------------------------------
 void cmd_not_implemented(const Tokens& t);
@@ -157,25 +90,7 @@ void cmd_disconnect(const Tokens& t);
 // Runs a script file line by line through process_line.
 void run_script_file(const std::string& path);
 
-// ---- Node paths -----------------------------------------------------------
-struct SchematicNode;
-struct Node;
-
-// A situation of the game: a point of the line tree with the cards so far.
-struct NodePath {
-  SchematicNode* node = nullptr;  // none for the path "r"
-  Node* built = nullptr;          // the built node of `node`; parse_path fails without one
-  int32_t turn_card = -1;
-  int32_t river_card = -1;
-  bool at_split = false;  // ended on the action that closed a street, before the card
-};
-
-// Needs a tree; "incorrect path" for anything the tree doesn't hold.
-NodePath parse_path(const std::string& text);
-NodePath parent_ref(const NodePath& ref);
-// Absolute street of a schematic node (1 flop .. 3 river).
-int32_t absolute_street(const SchematicNode* node);
-
+// ---- Commands of node paths (the paths themselves are the tree's) -------
 void cmd_show_node(const Tokens& t);
 void cmd_show_children(const Tokens& t);
 void cmd_set_ev_boost(const Tokens& t);

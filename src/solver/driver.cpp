@@ -15,10 +15,8 @@ std::vector<SolverReport> ReportLog;
 std::mutex ReportLock;
 int32_t LastReportedCount = 0;
 double CpuSeconds = 0;
-// Time spent in iterations and the terminal hands they evaluated, for the
-// "#terminal hands" side line that benchmarks read.
-static double IterationSeconds = 0;
-static int64_t IterationHands = 0;
+double IterationSeconds = 0;
+int64_t IterationHands = 0;
 
 static std::atomic<bool> WaitRequested{false};
 static std::mutex EndMutex;
@@ -31,14 +29,13 @@ static int ThreadsBusy = 0;
 static int InitArgument = 0;
 static volatile long InitSum = 0;
 
-static void reset_report_log() {
+void reset_report_log() {
   std::lock_guard<std::mutex> lock(ReportLock);
   ReportLog.clear();
 }
 
 void libsubgame_init(int n) {
   InitArgument = n;
-  ResetReportLog = reset_report_log;
   long sum = 0;
 #pragma omp parallel for schedule(dynamic, 1) reduction(+ : sum)
   for (int i = 0; i < 1000; i++) sum += i;
@@ -127,7 +124,7 @@ static void solving_thread() {
   IterationSeconds = 0;
   IterationHands = 0;
 
-  while (!SolverStopRequested && tree.iteration < MaxIterations) {
+  while (!SolverStopRequested && tree.iteration < tree.params.max_iterations) {
     omp_set_num_threads(ThreadCount);
     int64_t hands_before = TerminalHandCount.load(), step_start = now_ns();
     run_iteration(tree);
@@ -192,50 +189,4 @@ bool start_solver(int32_t limit, bool limit_is_steps, void (*before_start)()) {
   if (before_start) before_start();
   std::thread(solving_thread).detach();
   return true;
-}
-
-void cmd_go(const Tokens& t) {
-  if (!TreePresent || !ActiveTree) fail_command("missing/incorrect tree");
-  if (SolverRunning) fail_command("Can't do that when solver is running");
-  if (!tree_is_complete()) fail_command("incomplete tree");
-  LastReportedCount = 0;
-  int32_t limit = 0;
-  bool steps = false;
-  if (t.size() > 1) {
-    if (t.size() < 3 || (t[2] != "seconds" && t[2] != "steps")) fail_argument(t[0]);
-    limit = parse_int(t[1]);
-    steps = t[2] == "steps";
-  }
-  if (Verbosity > 0) shell_print("[go %d threads]\n", ThreadCount);
-  // The answer reaches the client before the thread's first line.
-  static std::string word;
-  word = t[0];
-  auto answer = [] {
-    if (!SuppressOk) shell_print("%s ok!\n", word.c_str());
-    flush_output();
-    fflush(stdout);
-  };
-  if (!start_solver(limit, steps, answer)) fail_command("out of memory");
-}
-
-void cmd_stop(const Tokens& t) {
-  request_stop();
-  print_ok(t);
-}
-
-void cmd_wait_for_solver(const Tokens&) { wait_for_end(); }
-
-void cmd_calc_results(const Tokens&) {
-  if (!TreePresent || !ActiveTree) fail_command("missing/incorrect tree");
-  SolverResults r = results_now(*ActiveTree);
-  double half = StartPot / 2;
-  shell_print("EV OOP: %.3f\nEV IP: %.3f\nOOP's MES: %.3f\nIP's MES: %.3f\nExploitable for: %.3f\nEND\n",
-              half + r.ev0, half + r.ev1, half + r.mes0, half + r.mes1, r.exploitable);
-  shell_print("#%d iterations\n", ActiveTree->iteration);
-  // The storage rates of the last report's run, as the results carry no time.
-  std::vector<SolverReport> list = copy_reports();
-  double seconds = list.empty() ? 0 : list.back().seconds;
-  StorageThroughput rate = storage_throughput(seconds);
-  shell_print("#storage %d MB/s read, %d MB/s write\n", rate.read_mb_per_s, rate.write_mb_per_s);
-  shell_print("#terminal hands %lld in %.3f s\n", (long long)IterationHands, IterationSeconds);
 }

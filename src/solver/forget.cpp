@@ -41,7 +41,7 @@ void each_action(Tree& t, Node& node, int32_t tc, int32_t rc, const std::vector<
   const int32_t n = int32_t(node.children.size());
   const int32_t count = cell_board(t, tc, rc).count;
   VectorFrame s(n);
-  played_strategy(t, node, tc, rc, s.data());
+  played_strategy(t, node, tc, rc, s.data(), WalkAverageFrom);
   for (int32_t a = 0; a < n; a++) {
     std::vector<float> child[2] = {r[0], r[1]};
     std::vector<float>& mine = child[node.player & 1];
@@ -159,14 +159,10 @@ int32_t subtree_end(const Tree& t, int32_t i) {
 
 // Sums of the river strategies follow the schedule of some compression
 // levels; a subgame's own iteration count picks its place in it.
-void set_iteration(Tree& t, int32_t it) {
+void set_iteration(Tree& t, WalkState& w, int32_t it) {
   t.iteration = it;
-  if (t.strategy_level >= 2) {
-    const int32_t k = it - 61;
-    t.river_average_now = k >= 0 && (k < 7 || k % 7 == 0);
-  } else {
-    t.river_average_now = true;
-  }
+  const int32_t k = it - 61;
+  w.river_average_now = t.strategy_level < 2 || (k >= 0 && (k < 7 || k % 7 == 0));
 }
 
 // Weight of the hand pairs of two reaches that share no card, on the list
@@ -243,15 +239,16 @@ Unit find_unit(Tree& t, Node& node, int32_t tc, int32_t rc) {
   return u;
 }
 
-// One walk of the subgame for the traverser in the tree's mode, the other
-// player's reach as given; `value` and `br` get the root's vectors.
-void walk_unit(Tree& t, const Unit& u, std::vector<float>* value, std::vector<float>* br) {
+// One walk of the subgame in the walk's mode and pass, with the other
+// player's reach; `value` and `br` get the root's vectors.
+void walk_unit(Tree& t, const WalkState& w, const Unit& u, std::vector<float>* value, std::vector<float>* br) {
   TraversalContext ctx;
   ctx.tree = &t;
+  ctx.walk = &w;
   ctx.node = u.root;
   ctx.turn_cell = u.turn_cell;
   ctx.river_cell = u.river_cell;
-  const std::vector<float>& r = u.reach[1 - t.traverser];
+  const std::vector<float>& r = u.reach[1 - w.traverser];
   alloc_vector(ctx.reach, int32_t(r.size()), false);
   std::copy(r.begin(), r.end(), ctx.reach.data);
   visit_node(ctx);
@@ -278,11 +275,12 @@ double unit_exploitability(Tree& t, const Unit& u) {
   }
   double gain = 0;
   for (int p = 0; p < 2; p++) {
-    t.traverser = p;
-    t.traverse_mode = MODE_EVALUATE;
-    t.traverse_pass = 1;
+    WalkState w;
+    w.traverser = p;
+    w.mode = MODE_EVALUATE;
+    w.pass = PASS_SUBGAMES;
     std::vector<float> v, b;
-    walk_unit(t, u, &v, &b);
+    walk_unit(t, w, u, &v, &b);
     const std::vector<float>& own = u.reach[p];
     for (size_t i = 0; i < v.size() && i < own.size(); i++) gain += double(own[i]) * (double(b[i]) - double(v[i]));
   }
@@ -290,17 +288,20 @@ double unit_exploitability(Tree& t, const Unit& u) {
   return mass > 0 ? 0.5 * gain / mass : 0.0;
 }
 
-void train_unit(Tree& t, const Unit& u) {
+void train_unit(Tree& t, const Unit& u, int32_t iteration) {
   if (u.whole_tree) {
+    t.iteration = iteration;
     traverse(t, 1, MODE_TRAIN);
     traverse(t, 0, MODE_TRAIN);
     return;
   }
+  WalkState w;
+  set_iteration(t, w, iteration);
+  w.mode = MODE_TRAIN;
+  w.pass = PASS_SUBGAMES;
   for (int p = 1; p >= 0; p--) {
-    t.traverser = p;
-    t.traverse_mode = MODE_TRAIN;
-    t.traverse_pass = 1;
-    walk_unit(t, u, nullptr, nullptr);
+    w.traverser = p;
+    walk_unit(t, w, u, nullptr, nullptr);
   }
 }
 
@@ -310,19 +311,16 @@ struct SavedWalk {
   Tree& t;
   int32_t iteration;
   uint32_t flags;
-  bool river_average_now;
   int32_t regret_iteration;
   RowPool* pool;
   explicit SavedWalk(Tree& tree)
-      : t(tree), iteration(tree.iteration), flags(tree.flags), river_average_now(tree.river_average_now),
-        regret_iteration(RegretIteration), pool(enter_pool(tree)) {
+      : t(tree), iteration(tree.iteration), flags(tree.flags), regret_iteration(RegretIteration),
+        pool(enter_pool(tree)) {
     t.flags &= ~uint32_t(INCOMPLETE_TREE);
   }
   ~SavedWalk() {
     t.iteration = iteration;
     t.flags = flags;
-    t.river_average_now = river_average_now;
-    t.traverse_mode = MODE_EVALUATE;
     RegretIteration = regret_iteration;
     set_current_row_pool(pool);
   }
@@ -413,13 +411,14 @@ bool SolveSubgames(Tree& t, int32_t street) {
   {
     SavedWalk saved(t);
     const int32_t entries = int32_t(list.size());
+    WalkState w;
+    w.mode = MODE_TRAIN;
     for (int32_t it = 0; it < n; it++) {
-      set_iteration(t, it);
+      set_iteration(t, w, it);
       for (int p = 1; p >= 0; p--) {
-        t.traverser = p;
-        t.traverse_mode = MODE_TRAIN;
+        w.traverser = p;
         if (street == 3) {
-          t.traverse_pass = 1;
+          w.pass = PASS_SUBGAMES;
 #pragma omp parallel for schedule(guided, 1)
           for (int32_t i = 0; i < entries; i++) {
             RowPool* before = enter_pool(t);
@@ -427,18 +426,18 @@ bool SolveSubgames(Tree& t, int32_t street) {
             u.root = list[size_t(i)].node;
             u.turn_cell = list[size_t(i)].turn_cell;
             u.reach[1 - p] = list[size_t(i)].reach[1 - p];
-            walk_unit(t, u, nullptr, nullptr);
+            walk_unit(t, w, u, nullptr, nullptr);
             set_current_row_pool(before);
           }
         } else {
-          t.traverse_pass = 0;
+          w.pass = PASS_QUEUE;
           for (StreetEntry& e : list) {
             Unit u;
             u.root = e.node;
             u.reach[1 - p] = e.reach[1 - p];
-            walk_unit(t, u, nullptr, nullptr);
+            walk_unit(t, w, u, nullptr, nullptr);
           }
-          t.traverse_pass = 1;
+          w.pass = PASS_SUBGAMES;
           TraverseSubgames();
           enter_pool(t);
           free_subgame_queue();
@@ -490,16 +489,19 @@ double resolve_node(Tree& t, Node& node, int32_t tc, int32_t rc, bool force, con
     bool measured = false;
     for (int32_t c = 0; c < Cycles; c++) {
       if (c % ReportPeriod == 0 && (c > 0 || !fresh)) {
+        t.iteration = start + c;
         e = unit_exploitability(t, u);
         measured = true;
         if (e <= target) break;
       }
       measured = false;
-      set_iteration(t, start + c);
-      train_unit(t, u);
+      train_unit(t, u, start + c);
       RegretIteration = start + c + 1;
     }
-    if (!measured) e = unit_exploitability(t, u);
+    if (!measured) {
+      t.iteration = start + Cycles;
+      e = unit_exploitability(t, u);
+    }
   }
   // 8.
   SolvedUnits.insert(key);
@@ -507,19 +509,22 @@ double resolve_node(Tree& t, Node& node, int32_t tc, int32_t rc, bool force, con
   return e;
 }
 
-void probe_forgotten(Tree& t, Node& target, int32_t tc, int32_t rc, int32_t player) {
+void probe_forgotten(Tree& t, Node& target, int32_t tc, int32_t rc, int32_t player,
+                     void (*probe)(TraversalContext&)) {
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   prepare_tree_facts(t);
   Unit u = find_unit(t, target, tc, rc);
   SavedWalk saved(t);
-  t.traverser = player;
-  t.traverse_mode = MODE_PROBE;
-  t.traverse_pass = 1;
   if (u.whole_tree) {
-    traverse(t, player, MODE_PROBE);
+    traverse(t, player, MODE_PROBE, probe);
     return;
   }
-  walk_unit(t, u, nullptr, nullptr);
+  WalkState w;
+  w.traverser = player;
+  w.mode = MODE_PROBE;
+  w.pass = PASS_SUBGAMES;
+  w.probe = probe;
+  walk_unit(t, w, u, nullptr, nullptr);
 }
 
 void forget_resolve_marks() { SolvedUnits.clear(); }

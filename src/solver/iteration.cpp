@@ -6,6 +6,7 @@
 // Regret matching gives the current strategy, which does not converge; the
 // weighted average of the strategies from iteration 61 on does, and is what
 // evaluation plays.
+#include <cassert>
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
@@ -94,17 +95,17 @@ void default_strategy(const Node& node, float* out) {
   for (size_t a = 1; a < n; a++) out[a] = float((1.0 - first) / double(n - 1));
 }
 
-static bool averages_in_use(const Tree& t) {
+bool averages_in_use(const Tree& t, int32_t average_from) {
   if (t.average_policy == 0) return false;
-  return t.average_policy != 1 || t.iteration > 60;
+  return t.average_policy != 1 || t.iteration >= average_from;
 }
 
-float average_weight(const Tree& t, int32_t street) {
-  if (!averages_in_use(t)) return 0.0f;
-  if (street == 3 && !(t.river_average_now && RiverStrategyEnabled)) return 0.0f;
+float average_weight(const Tree& t, const WalkState& w, int32_t street) {
+  if (!averages_in_use(t, WalkAverageFrom)) return 0.0f;
+  if (street == 3 && !(w.river_average_now && RiverStrategyEnabled)) return 0.0f;
   if (t.average_policy != 1) return 1.0f;
-  double w = std::pow(double(std::max(t.iteration - 60, 0)), StrategyExponent);
-  return float(std::min(w, StrategyWeightCap));
+  double weight = std::pow(double(std::max(t.iteration - 60, 0)), t.params.strategy_exponent);
+  return float(std::min(weight, t.params.strategy_weight_cap));
 }
 
 // Stores of integer sums read a null default as "0 for a hand without sums";
@@ -113,11 +114,12 @@ static bool integer_sums(Store* s) {
   return typeid(*s) == typeid(PackedStore) || typeid(*s) == typeid(WideningStore);
 }
 
-void played_strategy(const Tree& t, const Node& node, int32_t tc, int32_t rc, HandVector* out) {
+void played_strategy(const Tree& t, const Node& node, int32_t tc, int32_t rc, HandVector* out,
+                     int32_t average_from) {
   int32_t n = int32_t(node.children.size());
   float uniform[MaxNodeActions];
   for (int32_t a = 0; a < n; a++) uniform[a] = 1.0f / float(n);
-  bool usable = averages_in_use(t) && (node.street != 3 || RiverStrategyEnabled) && node.strategyStore;
+  bool usable = averages_in_use(t, average_from) && (node.street != 3 || RiverStrategyEnabled) && node.strategyStore;
   if (!usable) {
     node.regretStore->read_strategy(out, tc, rc, uniform);
     return;
@@ -223,10 +225,10 @@ static void best_response(HandVector& br, const HandVector* s, const HandVector*
   }
 }
 
-void finish_own_node(Tree& t, Node& node, int32_t tc, int32_t rc, int32_t count, const HandVector& reach,
+void finish_own_node(Tree& t, const WalkState& w, Node& node, int32_t tc, int32_t rc, int32_t count, const HandVector& reach,
                      HandVector* s, HandVector* c, HandVector* cbr, HandVector& value, HandVector* br) {
   int32_t n = int32_t(node.children.size());
-  const bool train = t.traverse_mode == MODE_TRAIN;
+  const bool train = w.mode == MODE_TRAIN;
   if (!reach.data) {
     make_empty(value, count);
     if (br) make_empty(*br, count);
@@ -237,14 +239,14 @@ void finish_own_node(Tree& t, Node& node, int32_t tc, int32_t rc, int32_t count,
     for (int32_t a = 0; a < n; a++) apply_ev_boost(node, t.nodes[size_t(node.children[size_t(a)])], c[a]);
   combine_weighted(value, s, c, n, count);
   if (br) best_response(*br, s, cbr, n, count, lock);
-  if (!train || t.traverse_pass == 0 || !value.data) return;
+  if (!train || w.pass == PASS_QUEUE || !value.data) return;
   if (lock && (lock->flags & CELL_LOCKED)) return;
   double scale = t.regret_scale;
   HandGroupRuns runs;
   const HandGroupRuns* groups = nullptr;
   if (node.street == 3) {
-    scale /= t.max_range_weight[1 - t.traverser];
-    if (t.iteration <= RiverGroupIterations) {
+    scale /= t.max_range_weight[1 - w.traverser];
+    if (t.iteration <= t.params.river_group_iterations) {
       const BoardRecord& r = *cell_board(t, tc, rc).record;
       runs.lengths = r.groups.data();
       runs.count = int32_t(r.groups.size());
@@ -256,22 +258,21 @@ void finish_own_node(Tree& t, Node& node, int32_t tc, int32_t rc, int32_t count,
 
 // ---- The recursion ---------------------------------------------------------------------
 
-void (*ProbeVisit)(TraversalContext& ctx) = nullptr;
-
 static void visit_chance(TraversalContext& ctx, bool turn);
 
 static void visit_terminal(TraversalContext& ctx) {
   Tree& t = *ctx.tree;
+  const WalkState& w = *ctx.walk;
   const Node& node = *ctx.node;
   CellBoard b = cell_board(t, ctx.turn_cell, ctx.river_cell);
-  const bool eval = t.traverse_mode == MODE_EVALUATE;
+  const bool eval = w.mode == MODE_EVALUATE;
   if (!ctx.reach.data) {
     make_empty(ctx.value, b.count);
     if (eval) make_empty(ctx.br_value, b.count);
     return;
   }
   alloc_vector(ctx.value, b.count, false);
-  float v = terminal_value(t, node);
+  float v = terminal_value(w, node);
   if (node.kind == NODE_SHOWDOWN)
     showdown_value(ctx.value.data, ctx.reach.data, b.count, river_groups(*b.record), b.packed, v);
   else
@@ -282,13 +283,14 @@ static void visit_terminal(TraversalContext& ctx) {
 
 static void visit_other_node(TraversalContext& ctx) {
   Tree& t = *ctx.tree;
+  const WalkState& w = *ctx.walk;
   Node& node = *ctx.node;
   const int32_t n = int32_t(node.children.size());
   const int32_t tc = ctx.turn_cell, rc = ctx.river_cell;
   const int32_t count = cell_board(t, tc, rc).count;
-  const bool train = t.traverse_mode == MODE_TRAIN;
-  const bool eval = t.traverse_mode == MODE_EVALUATE;
-  const bool pass0 = t.traverse_pass == 0;
+  const bool train = w.mode == MODE_TRAIN;
+  const bool eval = w.mode == MODE_EVALUATE;
+  const bool pass0 = w.pass == PASS_QUEUE;
 
   // 1. Strategy, whose rows become the child reaches (3).
   VectorFrame s(n);
@@ -298,14 +300,14 @@ static void visit_other_node(TraversalContext& ctx) {
       default_strategy(node, defaults);
       node.regretStore->read_strategy(s.data(), tc, rc, defaults);
     } else {
-      played_strategy(t, node, tc, rc, s.data());
+      played_strategy(t, node, tc, rc, s.data(), WalkAverageFrom);
     }
     // 2. The average.
     if (train && !pass0 && node.strategyStore) {
-      float w = average_weight(t, node.street);
+      float weight = average_weight(t, w, node.street);
       CellLock* lock = node.regretStore->cell_lock_info(tc, rc);
-      if (w > 0.0f && !(lock && (lock->flags & CELL_LOCKED)))
-        node.strategyStore->accumulate_strategy(tc, rc, s.data(), ctx.reach, w);
+      if (weight > 0.0f && !(lock && (lock->flags & CELL_LOCKED)))
+        node.strategyStore->accumulate_strategy(tc, rc, s.data(), ctx.reach, weight);
     }
     // 3. Child reaches; a reach summing below FLT_MIN is dropped.
     child_reaches(s.data(), n, ctx.reach.data, count);
@@ -324,6 +326,7 @@ static void visit_other_node(TraversalContext& ctx) {
     if (pass0 && !Facts.node[size_t(ci)].reaches_chance) continue;
     TraversalContext child;
     child.tree = &t;
+    child.walk = ctx.walk;
     child.node = &t.nodes[size_t(ci)];
     child.turn_cell = tc;
     child.river_cell = rc;
@@ -343,7 +346,7 @@ static void visit_other_node(TraversalContext& ctx) {
     const Node& call = t.nodes[size_t(node.children[size_t(n - 2)])];
     const Node& fold = t.nodes[size_t(node.children[size_t(n - 1)])];
     showdown_and_fold2(sd.data, fd.data, s[n - 2].data, s[n - 1].data, count, river_groups(*b.record),
-                       b.packed, terminal_value(t, call), terminal_value(t, fold));
+                       b.packed, terminal_value(w, call), terminal_value(w, fold));
     count_terminal_hands(2 * count);
     add_vector(ctx.value, sd);
     add_vector(ctx.value, fd);
@@ -352,14 +355,15 @@ static void visit_other_node(TraversalContext& ctx) {
 
 static void visit_own_node(TraversalContext& ctx) {
   Tree& t = *ctx.tree;
+  const WalkState& w = *ctx.walk;
   Node& node = *ctx.node;
   const int32_t n = int32_t(node.children.size());
   const int32_t tc = ctx.turn_cell, rc = ctx.river_cell;
   const CellBoard b = cell_board(t, tc, rc);
   const int32_t count = b.count;
-  const bool train = t.traverse_mode == MODE_TRAIN;
-  const bool eval = t.traverse_mode == MODE_EVALUATE;
-  const bool pass0 = t.traverse_pass == 0;
+  const bool train = w.mode == MODE_TRAIN;
+  const bool eval = w.mode == MODE_EVALUATE;
+  const bool pass0 = w.pass == PASS_QUEUE;
   const bool own = ctx.own_reach.count > 0;
 
   // 1. Strategy: needed for the value, and for the own reach of the children.
@@ -373,7 +377,7 @@ static void visit_own_node(TraversalContext& ctx) {
       default_strategy(node, defaults);
       node.regretStore->read_strategy(s, tc, rc, defaults);
     } else {
-      played_strategy(t, node, tc, rc, s);
+      played_strategy(t, node, tc, rc, s, WalkAverageFrom);
     }
   }
 
@@ -387,7 +391,7 @@ static void visit_own_node(TraversalContext& ctx) {
       const Node& call = t.nodes[size_t(node.children[size_t(n - 2)])];
       const Node& fold = t.nodes[size_t(node.children[size_t(n - 1)])];
       showdown_and_fold(c[n - 2].data, c[n - 1].data, ctx.reach.data, count, river_groups(*b.record),
-                        b.packed, terminal_value(t, call), terminal_value(t, fold));
+                        b.packed, terminal_value(w, call), terminal_value(w, fold));
       count_terminal_hands(2 * count);
     } else {
       make_empty(c[n - 2], count);
@@ -401,6 +405,7 @@ static void visit_own_node(TraversalContext& ctx) {
     if (pass0 && !Facts.node[size_t(ci)].reaches_chance) continue;
     TraversalContext child;
     child.tree = &t;
+    child.walk = ctx.walk;
     child.node = &t.nodes[size_t(ci)];
     child.turn_cell = tc;
     child.river_cell = rc;
@@ -427,17 +432,18 @@ static void visit_own_node(TraversalContext& ctx) {
     if (!c[a].data) c[a].count = count;
 
   // 4 to 7.
-  finish_own_node(t, node, tc, rc, count, ctx.reach, s, c, cbr, ctx.value, eval ? &ctx.br_value : nullptr);
+  finish_own_node(t, w, node, tc, rc, count, ctx.reach, s, c, cbr, ctx.value, eval ? &ctx.br_value : nullptr);
 }
 
 void visit_node(TraversalContext& ctx) {
   Tree& t = *ctx.tree;
+  const WalkState& w = *ctx.walk;
   Node& node = *ctx.node;
   // 1. The root of a river subtree: its scratch, and the batch in training.
   if (node.street == 3 && ctx.turn_cell >= 0 && ctx.river_cell >= 0 &&
       (!node.parent || node.parent->street != 3)) {
     prepare_river_subtree(ctx);
-    if (t.traverse_mode == MODE_TRAIN && SimdLevel > 1) {
+    if (w.mode == MODE_TRAIN && SimdLevel > 1) {
       run_river_batch(ctx);
       goto last;
     }
@@ -448,12 +454,12 @@ void visit_node(TraversalContext& ctx) {
   else if (node.street == 3 && ctx.river_cell < 0)
     visit_chance(ctx, false);
   else if (node.kind == NODE_DECISION)
-    node.player == t.traverser ? visit_own_node(ctx) : visit_other_node(ctx);
+    node.player == w.traverser ? visit_own_node(ctx) : visit_other_node(ctx);
   else
     visit_terminal(ctx);
 last:
   // 5.
-  if (t.traverse_mode == MODE_PROBE && t.traverse_pass != 0 && ProbeVisit) ProbeVisit(ctx);
+  if (w.mode == MODE_PROBE && w.pass != PASS_QUEUE) w.probe(ctx);
 }
 
 // ---- Chance nodes -------------------------------------------------------------------------
@@ -473,21 +479,21 @@ static void collect_river_stores(Tree& t, const Node& node, TlsBlock& tb) {
   }
 }
 
-static bool river_sums_open(const Tree& t) {
-  return averages_in_use(t) && RiverStrategyEnabled &&
-         (t.traverse_mode != MODE_TRAIN || t.river_average_now);
+static bool river_sums_open(const Tree& t, const WalkState& w) {
+  return averages_in_use(t, WalkAverageFrom) && RiverStrategyEnabled &&
+         (w.mode != MODE_TRAIN || w.river_average_now);
 }
 
 // Training reads the sums of neither player and writes only the other
 // player's: the traverser's sums are left compressed.
-static bool skip_river_sums(const Tree& t, int k) {
-  return k >= 2 && t.traverse_mode == MODE_TRAIN && (k & 1) == t.traverser;
+static bool skip_river_sums(const WalkState& w, int k) {
+  return k >= 2 && w.mode == MODE_TRAIN && (k & 1) == w.traverser;
 }
 
-static void open_river_stores(Tree& t, int32_t group, TlsBlock& tb) {
+static void open_river_stores(Tree& t, const WalkState& w, int32_t group, TlsBlock& tb) {
   for (int k = 0; k < 4; k++) {
-    if (k >= 2 && !river_sums_open(t)) break;
-    if (skip_river_sums(t, k)) continue;
+    if (k >= 2 && !river_sums_open(t, w)) break;
+    if (skip_river_sums(w, k)) continue;
     auto& l = tb.river_stores[k];
     if (!l.empty()) open_river_group(l.data(), l.size(), group);
   }
@@ -495,28 +501,29 @@ static void open_river_stores(Tree& t, int32_t group, TlsBlock& tb) {
 
 // Training writes back the traverser's regrets and the other player's sums;
 // everything else goes back as it was.
-static void close_river_stores(Tree& t, int32_t group, TlsBlock& tb) {
-  const bool train = t.traverse_mode == MODE_TRAIN;
+static void close_river_stores(Tree& t, const WalkState& w, int32_t group, TlsBlock& tb) {
+  const bool train = w.mode == MODE_TRAIN;
   for (int k = 0; k < 4; k++) {
-    if (k >= 2 && !river_sums_open(t)) break;
-    if (skip_river_sums(t, k)) continue;
+    if (k >= 2 && !river_sums_open(t, w)) break;
+    if (skip_river_sums(w, k)) continue;
     auto& l = tb.river_stores[k];
     int p = k & 1;
-    bool keep = train && (k < 2 ? p == t.traverser : p != t.traverser);
+    bool keep = train && (k < 2 ? p == w.traverser : p != w.traverser);
     if (!l.empty()) close_river_group(l.data(), l.size(), group, keep);
   }
 }
 
 static void visit_chance(TraversalContext& ctx, bool turn) {
   Tree& t = *ctx.tree;
+  const WalkState& w = *ctx.walk;
   Node& node = *ctx.node;
   const BoardTree& bt = *t.boards;
   const int32_t tc = ctx.turn_cell;
   const std::vector<BoardRecord>& kids = turn ? bt.children : bt.children[size_t(tc)].children;
   const int32_t parent_count = turn ? int32_t(bt.holes.size()) : int32_t(bt.children[size_t(tc)].holes.size());
-  const bool eval = t.traverse_mode == MODE_EVALUATE;
+  const bool eval = w.mode == MODE_EVALUATE;
   const bool decision = node.kind == NODE_DECISION;
-  const int32_t me = t.traverser, other = 1 - t.traverser;
+  const int32_t me = w.traverser, other = 1 - w.traverser;
   SubgameResults* rec = nullptr;
   if (decision && node.street_records) {
     int32_t slot = turn ? 0 : tc;
@@ -524,10 +531,10 @@ static void visit_chance(TraversalContext& ctx, bool turn) {
   }
 
   // 1. A forgotten street below: its stored values stand in.
-  if ((eval || t.traverse_mode == MODE_PROBE) && decision && (t.flags & INCOMPLETE_TREE)) {
+  if ((eval || w.mode == MODE_PROBE) && decision && (t.flags & INCOMPLETE_TREE)) {
     alloc_vector(ctx.value, parent_count, true);
     alloc_vector(ctx.br_value, parent_count, true);
-    if (rec && (!turn || t.traverse_pass == 2)) {
+    if (rec && (!turn || w.pass == PASS_COLLECT)) {
       const HandVector& v = rec->value[me];
       const HandVector& b = rec->br_value[me];
       if (v.data && v.count == parent_count)
@@ -539,24 +546,24 @@ static void visit_chance(TraversalContext& ctx, bool turn) {
   }
 
   // 3. The other player's reach for later solving of the street below.
-  if (t.traverse_mode == MODE_TRAIN && rec && !rec->frozen && ctx.reach.data &&
-      (!turn || t.traverse_pass == 0)) {
+  if (w.mode == MODE_TRAIN && rec && !rec->frozen && ctx.reach.data &&
+      (!turn || w.pass == PASS_QUEUE)) {
     HandVector& r = rec->reach[other];
     if (!r.data || r.count != parent_count || r.pooled) keep_vector(r, HandVector(), parent_count);
-    float w = float(std::pow(double(t.iteration + 1), StrategyExponent));
+    float weight = float(std::pow(double(t.iteration + 1), t.params.strategy_exponent));
     const float* __restrict x = ctx.reach.data;
     float* __restrict y = r.data;
-    for (int32_t i = 0; i < parent_count; i++) y[i] += w * x[i];
+    for (int32_t i = 0; i < parent_count; i++) y[i] += weight * x[i];
   }
 
   // 4, 6. Queued in pass 0 and collected in pass 2; otherwise inline.
-  if (t.traverse_pass == 0) {
+  if (w.pass == PASS_QUEUE) {
     queue_subgames(ctx);
     make_empty(ctx.value, parent_count);
     if (eval) make_empty(ctx.br_value, parent_count);
     return;
   }
-  if (t.traverse_pass == 2) {
+  if (w.pass == PASS_COLLECT) {
     Subgame* first = SubgameQueue[size_t(SubgameCursor)];
     SubgameShared* sh = first->shared;
     ctx.value = std::move(sh->value_sum);
@@ -574,7 +581,7 @@ static void visit_chance(TraversalContext& ctx, bool turn) {
       TlsBlock& tb = tls_block();
       if (!turn) {
         collect_river_stores(t, node, tb);
-        open_river_stores(t, tc, tb);
+        open_river_stores(t, w, tc, tb);
       }
       const bool own = ctx.own_reach.count > 0;
       for (size_t k = 0; k < kids.size(); k++) {
@@ -583,6 +590,8 @@ static void visit_chance(TraversalContext& ctx, bool turn) {
         const uint16_t* down = r.parentPosition[0].data();
         TraversalContext child;
         child.tree = &t;
+        child.walk = ctx.walk;
+    child.walk = ctx.walk;
         child.node = &node;
         child.turn_cell = turn ? int32_t(k) : tc;
         child.river_cell = turn ? -1 : int32_t(k);
@@ -605,7 +614,7 @@ static void visit_chance(TraversalContext& ctx, bool turn) {
             for (int32_t i = 0; i < cn; i++) ctx.br_value.data[up[i]] += child.br_value.data[i];
         }
       }
-      if (!turn) close_river_stores(t, tc, tb);
+      if (!turn) close_river_stores(t, w, tc, tb);
     }
   }
 
@@ -624,23 +633,35 @@ static void visit_chance(TraversalContext& ctx, bool turn) {
 
 // ---- Passes ---------------------------------------------------------------------------------
 
-static void root_context(Tree& t, TraversalContext& ctx) {
+static void root_context(Tree& t, const WalkState& w, TraversalContext& ctx) {
   ctx.tree = &t;
+  ctx.walk = &w;
   ctx.node = &t.nodes[0];
   const int32_t street = t.nodes[0].street;
   ctx.turn_cell = street >= 2 ? t.boards->turn_child : -1;
   ctx.river_cell = street >= 3 ? t.boards->river_child : -1;
-  const std::vector<float>& w = t.reach_weights[1 - t.traverser];
-  alloc_vector(ctx.reach, int32_t(w.size()), false);
-  if (!w.empty()) memcpy(ctx.reach.data, w.data(), w.size() * sizeof(float));
+  const std::vector<float>& weights = t.reach_weights[1 - w.traverser];
+  alloc_vector(ctx.reach, int32_t(weights.size()), false);
+  if (!weights.empty()) memcpy(ctx.reach.data, weights.data(), weights.size() * sizeof(float));
 }
 
-TraverseResult traverse(Tree& tree, int player, int mode) {
+// Some compression levels take river sums only on a schedule.
+static bool river_sums_due(const Tree& t) {
+  if (t.strategy_level < 2) return true;
+  const int32_t k = t.iteration - 61;
+  return k >= 0 && (k < 7 || k % 7 == 0);
+}
+
+TraverseResult traverse(Tree& tree, int player, int mode, void (*probe)(TraversalContext&)) {
   TraverseResult result{0.0, 0.0};
-  // 2, 1: a query's walk may hold the lock; the fields are set behind it.
+  // 1, 2: a query's walk may hold the lock.
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
-  tree.traverser = player;
-  tree.traverse_mode = mode;
+  WalkState w;
+  w.traverser = player;
+  w.mode = mode;
+  w.river_average_now = river_sums_due(tree);
+  w.probe = probe;
+  assert(mode != MODE_PROBE || probe);
   // A tree whose stores were never planned has nothing to walk with.
   if (tree.nodes.empty() || !tree.boards) return result;
   if (tree.nodes[0].kind == NODE_DECISION && !tree.nodes[0].regretStore) return result;
@@ -649,20 +670,20 @@ TraverseResult traverse(Tree& tree, int player, int mode) {
 
   // 3, 4. Pass 0 only queues; a tree without chance nodes has nothing to queue.
   if (Facts.has_chance) {
-    tree.traverse_pass = 0;
+    w.pass = PASS_QUEUE;
     TraversalContext ctx;
-    root_context(tree, ctx);
+    root_context(tree, w, ctx);
     visit_node(ctx);
   }
   // 5.
-  tree.traverse_pass = 1;
+  w.pass = PASS_SUBGAMES;
   TraverseSubgames();
   enter_pool(tree);
   // 6.
-  tree.traverse_pass = 2;
+  w.pass = PASS_COLLECT;
   SubgameCursor = 0;
   TraversalContext ctx;
-  root_context(tree, ctx);
+  root_context(tree, w, ctx);
   visit_node(ctx);
 
   // 7.
@@ -686,21 +707,10 @@ TraverseResult traverse(Tree& tree, int player, int mode) {
 }
 
 void run_iteration(Tree& tree) {
-  // 1. Some compression levels take river sums only on a schedule. Queries
-  // may walk between the passes, so the tree's fields change under the lock.
-  {
-    std::lock_guard<std::recursive_mutex> guard(traversal_lock());
-    if (tree.strategy_level >= 2) {
-      int32_t k = tree.iteration - 61;
-      tree.river_average_now = k >= 0 && (k < 7 || k % 7 == 0);
-    } else {
-      tree.river_average_now = true;
-    }
-  }
-  // 2.
+  // 1.
   traverse(tree, 1, MODE_TRAIN);
   traverse(tree, 0, MODE_TRAIN);
-  // 3.
+  // 2. Queries may walk between iterations, so the count moves under the lock.
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   tree.iteration += 1;
   tree.flags &= ~uint32_t(NEW_TREE);

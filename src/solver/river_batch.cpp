@@ -44,6 +44,7 @@ namespace {
 
 struct BatchWalk {
   Tree& t;
+  const WalkState& w;
   RiverBatch& b;
   int32_t tc, rc, count;
   const BoardRecord& record;
@@ -51,13 +52,13 @@ struct BatchWalk {
 
   void forward(Node& node, HandVector* reach) {
     if (node.kind != NODE_DECISION) {
-      b.terminals.push_back({double(terminal_value(t, node)), node.kind});
+      b.terminals.push_back({double(terminal_value(w, node)), node.kind});
       b.slots.push_back(reach->data ? reach : nullptr);
       return;
     }
     const int32_t n = int32_t(node.children.size());
     float defaults[MaxNodeActions];
-    if (node.player == t.traverser) {
+    if (node.player == w.traverser) {
       // Own node: the reach goes on unchanged; the strategy waits for the
       // backward walk.
       size_t base = b.strategies.size();
@@ -77,10 +78,10 @@ struct BatchWalk {
       default_strategy(node, defaults);
       node.regretStore->read_strategy(s, tc, rc, defaults);
       if (update && node.strategyStore) {
-        float w = average_weight(t, node.street);
+        float weight = average_weight(t, w, node.street);
         CellLock* lock = node.regretStore->cell_lock_info(tc, rc);
-        if (w > 0.0f && !(lock && (lock->flags & CELL_LOCKED)))
-          node.strategyStore->accumulate_strategy(tc, rc, s, *reach, w);
+        if (weight > 0.0f && !(lock && (lock->flags & CELL_LOCKED)))
+          node.strategyStore->accumulate_strategy(tc, rc, s, *reach, weight);
       }
       child_reaches(s, n, reach->data, count);
     } else {
@@ -127,7 +128,7 @@ struct BatchWalk {
       return;
     }
     const int32_t n = int32_t(node.children.size());
-    if (node.player == t.traverser) {
+    if (node.player == w.traverser) {
       HandVector* s = &b.strategies[size_t(b.next_strategy)];
       b.next_strategy += n;
       VectorFrame c(n);
@@ -137,7 +138,7 @@ struct BatchWalk {
         make_empty(value, count);
         return;
       }
-      finish_own_node(t, node, tc, rc, count, reach, s, c.data(), nullptr, value, nullptr);
+      finish_own_node(t, w, node, tc, rc, count, reach, s, c.data(), nullptr, value, nullptr);
       return;
     }
     HandVector* r = &b.reaches[size_t(b.next_reach)];
@@ -157,12 +158,13 @@ void run_river_batch(TraversalContext& ctx) {
   Tree& t = *ctx.tree;
   RiverBatch& b = *tls_block().river;
   const CellBoard board = cell_board(t, ctx.turn_cell, ctx.river_cell);
-  BatchWalk w{t, b, ctx.turn_cell, ctx.river_cell, board.count, *board.record, t.traverse_pass != 0};
+  BatchWalk walk{t, *ctx.walk, b, ctx.turn_cell, ctx.river_cell, board.count, *board.record,
+                 ctx.walk->pass != PASS_QUEUE};
   // 1 to 4.
-  w.forward(*ctx.node, &ctx.reach);
-  w.kernels();
+  walk.forward(*ctx.node, &ctx.reach);
+  walk.kernels();
   b.next_result = b.next_reach = b.next_strategy = 0;
-  w.backward(*ctx.node, ctx.reach, ctx.value);
+  walk.backward(*ctx.node, ctx.reach, ctx.value);
   if (!ctx.value.data) ctx.value.count = board.count;
   // 5.
   b.terminals.clear();

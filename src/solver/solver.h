@@ -5,7 +5,7 @@
 #include <mutex>
 #include <vector>
 
-#include "shell/shell.h"
+#include "core/core.h"
 #include "tree/tree.h"
 
 // ---- Driver ---------------------------------------------------------------
@@ -27,6 +27,10 @@ extern std::vector<SolverReport> ReportLog;
 extern std::mutex ReportLock;
 extern int32_t LastReportedCount;
 extern double CpuSeconds;
+// Time spent in iterations and the terminal hands they evaluated, for the
+// "#terminal hands" side line that benchmarks read.
+extern double IterationSeconds;
+extern int64_t IterationHands;
 
 // Makes the OpenMP team exist before the first command.
 void libsubgame_init(int n);
@@ -70,7 +74,10 @@ void run_iteration(Tree& tree);
 // one relaxed add per kernel call of about a thousand hands.
 extern std::atomic<int64_t> TerminalHandCount;
 inline void count_terminal_hands(int64_t hands) { TerminalHandCount.fetch_add(hands, std::memory_order_relaxed); }
-TraverseResult traverse(Tree& tree, int player, int mode);
+struct TraversalContext;
+// One whole-tree walk for `player` in `mode`; a MODE_PROBE walk hands every
+// context outside the queueing pass to `probe`.
+TraverseResult traverse(Tree& tree, int player, int mode, void (*probe)(TraversalContext&) = nullptr);
 SolverResults results_now(Tree& tree);
 
 // ---- Walk, subgames and evaluation ------------------------------------------
@@ -88,9 +95,25 @@ SolverResults results_now(Tree& tree);
 // kernels, chance nodes only map hand lists through the board records.
 #include <atomic>
 
+// The passes of one walk: pass 0 walks down to the chance nodes and queues
+// their subgames, pass 1 runs the subgames on the team, pass 2 walks the part
+// above the chance nodes again with their results.
+enum WalkPass : int32_t { PASS_QUEUE = 0, PASS_SUBGAMES = 1, PASS_COLLECT = 2 };
+
+// The state of one whole-tree walk, owned by traverse() and reached from every
+// context of it; a tree carries none of it, so reading a tree needs no walk.
+struct WalkState {
+  int32_t traverser = 0;
+  int32_t mode = MODE_EVALUATE;
+  WalkPass pass = PASS_QUEUE;
+  bool river_average_now = true;  // training adds to the river sums this iteration
+  void (*probe)(TraversalContext&) = nullptr;
+};
+
 // The single argument of the recursion.
 struct TraversalContext {
   Tree* tree = nullptr;
+  const WalkState* walk = nullptr;
   Node* node = nullptr;
   int32_t turn_cell = -1;   // turn BoardRecord in force, -1 none
   int32_t river_cell = -1;  // river BoardRecord under it, -1 none
@@ -107,10 +130,19 @@ void visit_node(TraversalContext& ctx);
 // action. `out` gets n floats.
 void default_strategy(const Node& node, float* out);
 
+// The average-or-current rule. A tree plays its average strategy once its
+// iteration count reaches `average_from` (or always, or never, by its
+// average_policy). The walk switches at WalkAverageFrom; queries wait a few
+// iterations longer, so that thin sums right after the switch don't show.
+constexpr int32_t WalkAverageFrom = 61;
+bool averages_in_use(const Tree& tree, int32_t average_from);
+
 // The strategy played outside training at a decision cell: the normalised
-// average sums where usable, with the current strategy for hands without sums.
+// average sums where the rule allows, with the current strategy for hands
+// without sums, and the current strategy (uniform where it has nothing)
+// before that.
 void played_strategy(const Tree& tree, const Node& node, int32_t turn_cell, int32_t river_cell,
-                     HandVector* out);
+                     HandVector* out, int32_t average_from);
 
 // One chance card below a chance node, run by a worker of the team. The four
 // shared vectors belong to the chance node and are shared by all its cards.
@@ -143,9 +175,10 @@ void free_subgame_queue();
 // that a query may hold it around a traverse of its own.
 std::recursive_mutex& traversal_lock();
 
-// Installs the tree hooks (EmptySubgameQueue). Idempotent; also done at
-// static initialisation.
-void solver_module_init();
+// Installs what the tree calls in the solver (SolverHooks); main does it once
+// at start-up, test fixtures that build trees do it in their set-up.
+void install_solver_hooks();
+void reset_report_log();
 
 // Materialises every store not yet ready, as the first run does; false at the
 // first failure (nodes done so far stay done).
@@ -185,12 +218,9 @@ bool node_forgotten(const Tree& tree, const Node& node);
 double resolve_node(Tree& tree, Node& node, int32_t turn_cell, int32_t river_cell, bool force,
                     const double accuracy[3]);
 // A MODE_PROBE walk of the subgame that holds `target`, for the player.
-void probe_forgotten(Tree& tree, Node& target, int32_t turn_cell, int32_t river_cell, int32_t player);
+void probe_forgotten(Tree& tree, Node& target, int32_t turn_cell, int32_t river_cell, int32_t player,
+                     void (*probe)(TraversalContext&));
 void forget_resolve_marks();
 // Counts changes of strategies that leave the iteration count as it was, so
 // that caches keyed by the iteration can tell.
 extern uint32_t StoreGeneration;
-
-// Analysis installs this to receive the contexts of a MODE_PROBE walk (outside
-// pass 0); null = no probe.
-extern void (*ProbeVisit)(TraversalContext& ctx);

@@ -42,7 +42,7 @@ void queue_subgames(TraversalContext& ctx) {
   else
     make_empty(sh.own_reach, 0);
   alloc_vector(sh.value_sum, parent_count, true);
-  sh.has_br = t.traverse_mode == MODE_EVALUATE;
+  sh.has_br = ctx.walk->mode == MODE_EVALUATE;
   if (sh.has_br)
     alloc_vector(sh.br_sum, parent_count, true);
   else
@@ -53,6 +53,7 @@ void queue_subgames(TraversalContext& ctx) {
     if (SubgamesUsed == SubgameRecords.size()) SubgameRecords.push_back(std::make_unique<Subgame>());
     Subgame* sg = SubgameRecords[SubgamesUsed++].get();
     sg->context.tree = &t;
+    sg->context.walk = ctx.walk;
     sg->context.node = ctx.node;
     sg->context.turn_cell = turn ? int32_t(k) : ctx.turn_cell;
     sg->context.river_cell = turn ? -1 : int32_t(k);
@@ -138,9 +139,9 @@ static void run_subgame(Subgame& sg) {
   ctx.br_value.release();
   SubgameDoneCount.fetch_add(1);
   // 7. Every card of the node writes its time; the last one stays.
-  if (t.traverse_mode == MODE_TRAIN) {
+  if (ctx.walk->mode == MODE_TRAIN) {
     auto us = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
-    std::atomic_ref<int32_t>(node.cell_mark[t.traverser & 1])
+    std::atomic_ref<int32_t>(node.cell_mark[ctx.walk->traverser & 1])
         .store(int32_t(std::min<int64_t>(us.count(), INT32_MAX)), std::memory_order_relaxed);
   }
   // 8.
@@ -152,9 +153,9 @@ void TraverseSubgames() {
   if (SubgameQueue.empty()) return;
   RunOrder.assign(SubgameQueue.begin(), SubgameQueue.end());
   // 3. The longest jobs of the last run first.
-  const Tree& t = *RunOrder[0]->context.tree;
-  if (t.traverse_mode == MODE_TRAIN) {
-    const int p = t.traverser & 1;
+  const WalkState& w = *RunOrder[0]->context.walk;
+  if (w.mode == MODE_TRAIN) {
+    const int p = w.traverser & 1;
     std::stable_sort(RunOrder.begin(), RunOrder.end(), [p](const Subgame* a, const Subgame* b) {
       return a->context.node->cell_mark[p] > b->context.node->cell_mark[p];
     });
@@ -179,6 +180,7 @@ static void empty_subgame_queue() {
   forget_resolve_marks();
 }
 
-void solver_module_init() { EmptySubgameQueue = empty_subgame_queue; }
-
-static const bool HooksInstalled = (solver_module_init(), true);
+void install_solver_hooks() {
+  SolverHooks.empty_subgame_queue = empty_subgame_queue;
+  SolverHooks.reset_report_log = reset_report_log;
+}

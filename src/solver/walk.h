@@ -190,11 +190,11 @@ void prepare_river_subtree(TraversalContext& ctx);
 void run_river_batch(TraversalContext& ctx);
 
 // Strategy-sum weight of this iteration at a node of `street`; 0 = no sums.
-float average_weight(const Tree& tree, int32_t street);
+float average_weight(const Tree& tree, const WalkState& walk, int32_t street);
 // The node's terminal value signed for the traverser.
-inline float terminal_value(const Tree& t, const Node& n) {
+inline float terminal_value(const WalkState& w, const Node& n) {
   float v = float(n.value);
-  return n.kind == NODE_FOLD && n.player == t.traverser ? -v : v;
+  return n.kind == NODE_FOLD && n.player == w.traverser ? -v : v;
 }
 // The last two children are the call (showdown) and the fold, both terminal.
 inline bool fused_pair(const Tree& t, const Node& node) {
@@ -206,6 +206,6 @@ inline bool fused_pair(const Tree& t, const Node& node) {
 void apply_ev_boost(const Node& parent, const Node& child, HandVector& v);
 // Steps 5 to 7 of an own node: combine the children with the strategy, the
 // best response in evaluation, the regret update in training.
-void finish_own_node(Tree& t, Node& node, int32_t turn_cell, int32_t river_cell, int32_t count,
+void finish_own_node(Tree& t, const WalkState& walk, Node& node, int32_t turn_cell, int32_t river_cell, int32_t count,
                      const HandVector& reach, HandVector* strategy, HandVector* child_values,
                      HandVector* child_br, HandVector& value, HandVector* br_value);

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "shell/shell.h"
+#include "core/core.h"
 
 class RowEncoder;
 class RowDecoder;

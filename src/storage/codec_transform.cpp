@@ -3,7 +3,7 @@
 #include <nmmintrin.h>
 
 #include "platform/platform.h"
-#include "shell/shell.h"
+#include "core/core.h"
 #include "storage/arena.h"
 #include "storage/codec.h"
 

@@ -255,8 +255,3 @@ void print_memory_report(uint64_t total_physical, uint32_t load_percent) {
   shell_print("Available Phys Memory: %d MB\n", int32_t(uint32_t(available_mb)));
   shell_print("END\n");
 }
-
-void cmd_show_memory(const Tokens& t) {
-  MemoryStatus m = memory_status();
-  print_memory_report(m.total_physical, m.load_percent);
-}

@@ -1,5 +1,6 @@
 // Shapes, cell locks, the walk over the river stores of a group, and the
 // choice of store classes for a node.
+#include <cassert>
 #include "storage/store.h"
 
 #include <cstring>
@@ -199,4 +200,9 @@ void makeNodeStores(const StoreNode& node, const BoardCells& board_table, const 
   *node.regret_store = regrets;
   *node.strategy_store = strategy;
   if (node.street >= 0 && node.street < 4) totals[node.street] += regrets->value_count(-1);
+}
+
+void Store::unsupported(const char* operation) {
+  assert(!"a store operation its class does not support");
+  storage_fatal((std::string("store operation ") + operation + " not supported").c_str());
 }

@@ -141,20 +141,24 @@ extern int32_t RegretIteration;
 // data counts as zeros. Stores have no locks: one thread at a time works on a
 // cell (and on a group of a PackedStore).
 //
-// Operations that a class doesn't name do nothing and report false or 0.
+// An operation that a class doesn't name is a caller's fault: it ends the
+// process with "fail (store operation <name> not supported)" (an assertion in
+// a debug build) rather than answer 0 and let a wrong call pass.
 class Store {
  public:
   virtual ~Store() = default;
   // Gets the memory for the values; false if there is none.
-  virtual bool materialise() { return false; }
-  virtual int32_t row_length(int32_t group, int32_t cell) { return 0; }
+  virtual bool materialise() { unsupported(__func__); }
+  virtual int32_t row_length(int32_t group, int32_t cell) { unsupported(__func__); }
   // Fills one vector per action with the normalised values of each hand. A
   // hand whose values sum to nothing takes defaults[action] (see the classes
   // for the exceptions).
-  virtual void read_strategy(HandVector* rows, int32_t group, int32_t cell, const float* defaults) {}
+  virtual void read_strategy(HandVector* rows, int32_t group, int32_t cell, const float* defaults) {
+    unsupported(__func__);
+  }
   // Sets one row from `row_length` floats: copied by float stores, truncated
   // and limited to the value range by integer stores. Ignores locks.
-  virtual void write_row(int32_t group, int32_t cell, int32_t action, const float* row) {}
+  virtual void write_row(int32_t group, int32_t cell, int32_t action, const float* row) { unsupported(__func__); }
   // Adds sign(d) * |d|^0.75 of every instantaneous regret
   // d = action_rows[a][i] - baseline[i] to the regrets, keeping them
   // non-negative. `scale` converts to the fixed point of 16-bit stores;
@@ -162,21 +166,28 @@ class Store {
   // hands and locked cells stay as they are.
   virtual void update_regrets(int32_t group, int32_t cell, const HandVector& baseline,
                               const HandVector* action_rows, const HandGroupRuns* groups_or_null,
-                              double scale) {}
+                              double scale) {
+    unsupported(__func__);
+  }
   // Adds weight * rows[a][i] * reach[i] to the sums of unfrozen hands; nothing
   // if `weight` isn't positive or the reach is empty.
   virtual void accumulate_strategy(int32_t group, int32_t cell, const HandVector* rows,
-                                   const HandVector& reach, float weight) {}
+                                   const HandVector& reach, float weight) {
+    unsupported(__func__);
+  }
   // Values of one group, or of the whole store with a negative group.
-  virtual int64_t value_count(int32_t group) { return 0; }
-  virtual void save(ByteWriter& writer) {}
-  virtual void load(ByteSource& source) {}
-  // PackedStore only, through for_each_river_store below.
-  virtual Arena* open_group(Arena* arena, int32_t group, int64_t size) { return nullptr; }
-  virtual Arena* close_group(Arena* arena, int32_t group, bool keep) { return nullptr; }
-  virtual CellLock* cell_lock_info(int32_t group, int32_t cell) { return nullptr; }
+  virtual int64_t value_count(int32_t group) { unsupported(__func__); }
+  virtual void save(ByteWriter& writer) { unsupported(__func__); }
+  virtual void load(ByteSource& source) { unsupported(__func__); }
+  // River stores, through for_each_river_store below.
+  virtual Arena* open_group(Arena* arena, int32_t group, int64_t size) { unsupported(__func__); }
+  virtual Arena* close_group(Arena* arena, int32_t group, bool keep) { unsupported(__func__); }
+  virtual CellLock* cell_lock_info(int32_t group, int32_t cell) { unsupported(__func__); }
   // Bytes per value, FlatStore classes only.
-  virtual int32_t value_width() { return 0; }
+  virtual int32_t value_width() { unsupported(__func__); }
+
+ protected:
+  [[noreturn]] static void unsupported(const char* operation);
 };
 
 // Flop nodes: one float row per action over the root's hand list, one lock.
@@ -247,6 +258,11 @@ class ShapedStore : public Store {
   int32_t row_length(int32_t group, int32_t cell) override;
   int64_t value_count(int32_t group) override;
   CellLock* cell_lock_info(int32_t group, int32_t cell) override;
+  // Every river store takes part in a group's open and close; a store whose
+  // groups always lie open in plain memory has nothing to do and hands no
+  // arena on. The packed store decompresses here.
+  Arena* open_group(Arena* arena, int32_t group, int64_t size) override { return nullptr; }
+  Arena* close_group(Arena* arena, int32_t group, bool keep) override { return nullptr; }
 
  protected:
   void save_locks(ByteWriter& writer) const;

@@ -2,7 +2,7 @@
 #include "storage/store_kernels.h"
 
 #include "platform/platform.h"
-#include "shell/shell.h"
+#include "core/core.h"
 
 #define KERNEL_WIDTH 4
 #define KERNEL_TABLE StoreKernelsBase

@@ -10,7 +10,6 @@
 
 int32_t CompressionSetting = -1;
 int32_t ActualCompression = 0;
-void (*ResetReportLog)() = nullptr;
 
 // "auto" stands one place before level 0, so indexing by level + 1 names -1 too.
 static const char* const CompressionWords[7] = {"auto", "none", "low", "medium", "high", "max", "fast"};
@@ -77,15 +76,7 @@ void planStorage(StoragePair pair) {
   Tree& t = *ActiveTree;
   const int32_t root = t.nodes.empty() ? 1 : t.nodes[0].street;
 
-  MaxIterations = pair.strategy == 3 ? 2200 : 9000;
-  RiverGroupIterations = pair.regrets == 2 ? 30 : 0;
-  if (root == 3) {
-    StrategyExponent = 4.0;
-    StrategyWeightCap = DBL_MAX;
-  } else {
-    StrategyExponent = 1.5;
-    StrategyWeightCap = 262143.0;
-  }
+  t.params = solver_params(root, pair);
   if (root < 2) {
     t.regret_level = pair.regrets;
     t.strategy_level = pair.strategy;
@@ -132,7 +123,7 @@ void planStorage(StoragePair pair) {
     for (int32_t k = 0; k < node.street_record_count; k++) node.street_records[k].frozen = false;
   t.iteration = 0;
   t.stores_ready = false;
-  if (ResetReportLog) ResetReportLog();
+  call_hook(SolverHooks.reset_report_log, "reset_report_log");
 }
 
 std::vector<int64_t> store_totals() {
@@ -160,10 +151,37 @@ static double largest_key(const SchematicNode& root) {
 }
 
 // cut_line builds too, after the game may have changed or lost its last line.
-static void check_build_inputs() {
+void check_build_inputs() {
   if (Ranges[0].empty() || Ranges[1].empty()) fail_command("ranges not set");
   if (card_count(BoardFlop) != 3) fail_command("board not set");
   if (SchematicRoot->children.empty()) fail_command("lines not set");
+}
+
+// The range test of an isomorphic flop build: hands of one shape must weigh
+// the same, or the suit map would merge different weights.
+void check_range_consistency() {
+  for (int player = 0; player < 2; player++) {
+    const Range& r = Ranges[player];
+    if (r.size() != HandCount) continue;
+    for (const auto& bucket : ShapeBuckets) {
+      int ref = -1;
+      for (uint16_t p : bucket) {
+        if (PairMasks[p] & BoardFlop) continue;
+        if (ref < 0) {
+          // A negative reference is not kept: the next pair becomes the reference.
+          if (r[p] >= 0) ref = p;
+          continue;
+        }
+        if (std::fabs(r[p] - r[ref]) > 2.220446049250313e-16) {
+          char msg[256];
+          snprintf(msg, sizeof msg,
+                   "inconsistent range: %s P(%s) == %.2g, P(%s) == %.2g, use 'set_isomorphism 0 0' if intended",
+                   PlayerNames[player], pair_text(ref).c_str(), r[ref], pair_text(p).c_str(), r[p]);
+          fail_command(msg);
+        }
+      }
+    }
+  }
 }
 
 void build_game(bool plan_storage) {
@@ -199,31 +217,3 @@ void build_game(bool plan_storage) {
   // 9.
   TreePresent = true;
 }
-
-void cmd_build_tree(const Tokens& t) {
-  if (SolverRunning) fail_command("Can't do that when solver is running");
-  check_build_inputs();
-  TreeInfoLines.clear();
-  try {
-    build_game(true);
-  } catch (const std::bad_alloc&) {
-    free_active_tree();
-    fail_command("out of memory");
-  }
-  if (Verbosity > 0)
-    shell_print("[compression set %d (%s) actual %d (%s)]\n", CompressionSetting,
-                compression_word(CompressionSetting), ActualCompression, compression_word(ActualCompression));
-  print_ok(t);
-}
-
-void cmd_set_compression(const Tokens& t) {
-  if (SolverRunning) fail_command("Can't do that when solver is running");
-  CompressionSetting = parse_compression_level(t[1]);
-  if (TreePresent && ActiveTree) {
-    ActualCompression = CompressionSetting < 0 ? automatic_compression_level() : CompressionSetting;
-    planStorage(compression_pair(ActualCompression));
-  }
-  print_ok(t);
-}
-
-void cmd_get_actual_compression(const Tokens&) { shell_print("compression %d\n", ActualCompression); }

@@ -157,23 +157,3 @@ std::vector<LineRecord> flatten_lines(SchematicNode* root) {
 }
 
 // ---- Commands ---------------------------------------------------------------
-
-void cmd_add_line(const Tokens& t) {
-  walk_line(t, 1, false);
-  print_ok(t);
-}
-
-void cmd_force_line(const Tokens& t) {
-  walk_line(t, 1, true);
-  print_ok(t);
-}
-
-void cmd_remove_line(const Tokens& t) {
-  remove_line(t, 1);
-  print_ok(t);
-}
-
-void cmd_clear_lines(const Tokens& t) {
-  clear_schematic_tree();
-  print_ok(t);
-}

@@ -1,6 +1,7 @@
 // The built tree: its creation from the flat records, its destruction in a
 // fixed order, node statistics, and the commands that report on the tree.
 #include <algorithm>
+#include <cassert>
 #include <cfloat>
 #include <cmath>
 #include <string>
@@ -17,12 +18,25 @@ Node* built_node(const SchematicNode* node) {
     return nullptr;
   return &ActiveTree->nodes[size_t(node->index)];
 }
-void (*EmptySubgameQueue)() = nullptr;
+TreeHooks SolverHooks;
 
-double StrategyExponent = 1.5;
-double StrategyWeightCap = 262143.0;
-int32_t RiverGroupIterations = 0;
-int32_t MaxIterations = 9000;
+void call_hook(void (*hook)(), const char* name) {
+  assert(hook && "a tree hook was called before install_solver_hooks");
+  if (!hook) storage_fatal((std::string("hook ") + name + " not installed").c_str());
+  hook();
+}
+
+SolverParams solver_params(int32_t root_street, StoragePair pair) {
+  SolverParams p;
+  p.max_iterations = pair.strategy == 3 ? 2200 : 9000;
+  p.river_group_iterations = pair.regrets == 2 ? 30 : 0;
+  // A river game is short: later iterations get far more weight in the average.
+  if (root_street == 3) {
+    p.strategy_exponent = 4.0;
+    p.strategy_weight_cap = DBL_MAX;
+  }
+  return p;
+}
 
 // ---- Destruction --------------------------------------------------------------
 
@@ -62,7 +76,7 @@ void free_active_tree() {
   ActiveTree = nullptr;
   TreePresent = false;
   destroy_tree(tree);
-  if (EmptySubgameQueue) EmptySubgameQueue();
+  call_hook(SolverHooks.empty_subgame_queue, "empty_subgame_queue");
   empty_all_row_pools();
 }
 
@@ -78,7 +92,6 @@ void make_tree(const std::vector<LineRecord>& records, const Card flop[3], int t
   t.flags = NEW_TREE;
   t.flattening = Flattenings;
   t.average_policy = 1;
-  t.river_average_now = true;
   t.max_range_weight[0] = t.max_range_weight[1] = 1.0;
   t.flop_board = CardBit(flop[0]) | CardBit(flop[1]) | CardBit(flop[2]);
   t.board = t.flop_board;
@@ -157,15 +170,7 @@ void make_tree(const std::vector<LineRecord>& records, const Card flop[3], int t
   if (boards->isomorphic) t.flags |= ISOMORPHISM_ON;
   t.boards = boards.release();
 
-  RiverGroupIterations = 0;
-  MaxIterations = 9000;
-  StrategyExponent = 1.5;
-  StrategyWeightCap = 262143.0;
-  // A river game is short: later iterations get far more weight in the average.
-  if (!t.nodes.empty() && t.nodes[0].street == 3) {
-    StrategyExponent = 4.0;
-    StrategyWeightCap = DBL_MAX;
-  }
+  t.params = solver_params(t.nodes.empty() ? 1 : t.nodes[0].street, StoragePair{});
   t.regret_scale = std::pow(2.0, Precision) * RegretScaleBase / t.max_payoff;
 
   ActiveTree = tree.release();
@@ -219,60 +224,6 @@ void reset_tree_state() {
   free_active_tree();
   clear_schematic_tree();
   StartStreet = 1;
-  StrategyExponent = 1.5;
-  StrategyWeightCap = 262143.0;
-  RiverGroupIterations = 0;
-  MaxIterations = 9000;
 }
 
 // ---- Commands -------------------------------------------------------------------
-
-void cmd_is_tree_present(const Tokens&) { shell_print("%s\n", TreePresent ? "true" : "false"); }
-
-void cmd_show_tree_params(const Tokens&) {
-  // The board as node printing shows it: flop cards in card order, then the
-  // turn and the river.
-  std::string board;
-  for (CardMask part : {BoardFlop, BoardTurn, BoardRiver}) {
-    for (int c = 0; c < 52; c++) {
-      if (!(part & CardBit(c))) continue;
-      if (!board.empty()) board += ' ';
-      board += card_text(Card(c));
-    }
-  }
-  shell_print("board: %s\n", board.c_str());
-  shell_print("pot: %g %g %g\n", 0.0, 0.0, StartPot);
-  shell_print("bet_sizes: \n");
-  shell_print("donk_bet: FALSE\n");
-  shell_print("END\n");
-}
-
-void cmd_show_settings(const Tokens&) { shell_print("END\n"); }
-
-void cmd_node_count(const Tokens&) {
-  if (!TreePresent) fail_command("missing/incorrect tree");
-  NodeCounts c = count_nodes(*SchematicRoot, StartStreet);
-  auto block = [](const char* title, const int64_t* counts) {
-    shell_print("%s: %lld\n", title, (long long)counts[0]);
-    shell_print("FLOP  %lld\n", (long long)counts[1]);
-    shell_print("TURN  %lld\n", (long long)counts[2]);
-    shell_print("RIVER  %lld\n", (long long)counts[3]);
-  };
-  block("H_DEC", c.decisions[1]);
-  block("V_DEC", c.decisions[0]);
-  block("SPLIT", c.splits);
-  block("END", c.ends);
-  shell_print("ROOT: 1\n");
-  shell_print("FLOP  %d\n", StartStreet == 1 ? 1 : 0);
-  shell_print("TURN  %d\n", StartStreet == 2 ? 1 : 0);
-  shell_print("RIVER %d\n", StartStreet == 3 ? 1 : 0);
-  shell_print("TOTAL: %lld\n", (long long)(c.total + 1));
-  shell_print("END\n");
-}
-
-void cmd_free_tree(const Tokens& t) {
-  // The solving thread walks the tree without a reference of its own.
-  if (SolverRunning) fail_command("Can't do that when solver is running");
-  free_active_tree();
-  print_ok(t);
-}

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "cards/cards.h"
-#include "shell/shell.h"
+#include "core/core.h"
 #include "platform/platform.h"
 #include "storage/arena.h"
 #include "storage/store.h"
@@ -123,6 +123,17 @@ struct Node {
 enum TreeFlag : uint32_t { INCOMPLETE_TREE = 1, ISOMORPHISM_ON = 2, NEW_TREE = 4 };
 enum TraverseMode : int32_t { MODE_EVALUATE = 0, MODE_TRAIN = 1, MODE_PROBE = 2 };
 
+// The solving parameters of one tree, fixed by its root street and storage
+// plan (solver_params); the walk reads them from the tree it walks.
+struct SolverParams {
+  double strategy_exponent = 1.5;      // weight of iteration k in the average: k^exponent
+  double strategy_weight_cap = 262143.0;
+  int32_t river_group_iterations = 0;  // early iterations whose river regrets move by runs of equal hands
+  int32_t max_iterations = 9000;
+};
+struct StoragePair;
+SolverParams solver_params(int32_t root_street, StoragePair pair);
+
 struct Tree {
   std::vector<Node> nodes;  // fixed after the build; the root is entry 0
   CardMask flop_board = 0;  // flop cards of the root
@@ -136,17 +147,15 @@ struct Tree {
   int32_t forgotten_street = -1;  // first street whose stores were dropped; -1 none
   uint64_t flattening = 0;  // the flattening of the lines the nodes were made from
 
-  // The iteration's state.
-  int32_t traverser = 0;
-  int32_t traverse_mode = MODE_EVALUATE;
-  int32_t traverse_pass = 0;
+  // Solving progress and parameters. The walk's own state (traverser, mode,
+  // pass) lives in the walk, not here.
+  SolverParams params;
   int32_t average_policy = 0;
   int32_t iteration = 0;
   double regret_scale = 0;
   double max_range_weight[2] = {0, 0};
   std::vector<float> reach_weights[2];
   std::vector<float> norm_weights[2];
-  bool river_average_now = false;
 
   // Storage plan in force.
   int32_t regret_level = 0;
@@ -164,9 +173,16 @@ extern Tree* ActiveTree;
 // and nodes whose index comes from a later flattening than the tree's, have none.
 Node* built_node(const SchematicNode* node);
 
-// Called after a Tree is gone, to empty the solver's subgame queue under its
-// lock; the solver installs it, null means nothing to do.
-extern void (*EmptySubgameQueue)();
+// What the tree calls in the solver above it, installed once at start-up by
+// install_solver_hooks(). Calling a hook that was never installed is a wiring
+// fault: an assertion in a debug build, "fail (hook <name> not installed)"
+// and exit code 1 in a release build; never a silent no-op.
+struct TreeHooks {
+  void (*empty_subgame_queue)() = nullptr;  // after a Tree is gone, under the queue's lock
+  void (*reset_report_log)() = nullptr;     // when storage is replanned
+};
+extern TreeHooks SolverHooks;
+void call_hook(void (*hook)(), const char* name);
 
 // Destroys ActiveTree in its fixed order (board tree, lists, nodes with their
 // stores and arrays, the array), then empties the subgame queue and the row
@@ -178,12 +194,7 @@ void free_active_tree();
 void make_tree(const std::vector<LineRecord>& records, const Card flop[3], int turn, int river,
                const Range ranges[2], bool use_isomorphism);
 
-// ---- Solver parameters of the present tree (set by make_tree) ---------------
 constexpr double RegretScaleBase = 125.0;
-extern double StrategyExponent;
-extern double StrategyWeightCap;
-extern int32_t RiverGroupIterations;
-extern int32_t MaxIterations;
 
 // ---- Statistics -------------------------------------------------------------
 // Counts of node_count, indexed by absolute street 1..3; slot 0 holds the total.
@@ -215,11 +226,30 @@ int32_t automatic_compression_level();
 // Rebuilds every store of ActiveTree for the pair; all solving work is lost.
 void planStorage(StoragePair pair);
 std::vector<int64_t> store_totals();
-// Installed by the solver: empties its report list when storage is replanned.
-extern void (*ResetReportLog)();
 
+// The range test of an isomorphic flop build; fails the command with the
+// first pair of one shape whose weights differ.
+void check_range_consistency();
+// The ranges, board and lines a build needs; fails the command on the first missing.
+void check_build_inputs();
 // The shared build driver of build_tree and cut_line.
 void build_game(bool plan_storage);
+
+// ---- Node paths -----------------------------------------------------------
+// A situation of the game: a point of the line tree with the cards so far.
+struct NodePath {
+  SchematicNode* node = nullptr;  // none for the path "r"
+  Node* built = nullptr;          // the built node of `node`; parse_path fails without one
+  int32_t turn_card = -1;
+  int32_t river_card = -1;
+  bool at_split = false;  // ended on the action that closed a street, before the card
+};
+
+// Needs a tree; "incorrect path" for anything the tree doesn't hold.
+NodePath parse_path(const std::string& text);
+NodePath parent_ref(const NodePath& ref);
+// Absolute street of a schematic node (1 flop .. 3 river).
+int32_t absolute_street(const SchematicNode* node);
 
 // ---- Commands ---------------------------------------------------------------
 void cmd_build_tree(const Tokens& t);

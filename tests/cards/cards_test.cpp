@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "cards/cards.h"
-#include "shell/shell.h"
+#include "core/core.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "cards/cards.h"
-#include "shell/shell.h"
+#include "core/core.h"
 
 namespace {
 
@@ -114,14 +114,14 @@ struct EvaluatorTest : ::testing::Test {
   void SetUp() override { reset(); }
   void TearDown() override { reset(); }
 
-  static std::string run(CommandHandler handler, const Tokens& t) {
+  static std::string run(void (*handler)(const Tokens&), const Tokens& t) {
     OutputBuffer.clear();
     handler(t);
     std::string out = OutputBuffer;
     OutputBuffer.clear();
     return out;
   }
-  static std::string error_of(CommandHandler handler, const Tokens& t) {
+  static std::string error_of(void (*handler)(const Tokens&), const Tokens& t) {
     try {
       handler(t);
     } catch (const std::runtime_error& e) {

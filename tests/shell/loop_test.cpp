@@ -7,6 +7,8 @@
 #include <set>
 
 #include "shell/shell.h"
+#include "solver/solver.h"
+#include "tree/tree.h"
 
 namespace {
 

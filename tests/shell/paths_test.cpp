@@ -1,6 +1,7 @@
 // Lock names in show_node come from the decision's cell on the path's board.
 #include <gtest/gtest.h>
 
+#include "shell/shell.h"
 #include "solver/solver.h"
 #include "tree/board_tree.h"
 #include "tree/tree.h"

@@ -18,7 +18,7 @@
 
 #include "cards/cards.h"
 #include "platform/platform.h"
-#include "shell/shell.h"
+#include "core/core.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "cards/cards.h"
-#include "shell/shell.h"
+#include "core/core.h"
 #include "solver/solver.h"
 #include "storage/store.h"
 #include "tree/board_tree.h"
@@ -78,9 +78,8 @@ struct SolverTest : ::testing::Test {
     build_rank_tables();
   }
   void SetUp() override {
-    reset_game_state();
+    reset_core_state(); reset_card_settings();
     reset_tree_state();
-    solver_module_init();
     CompressionSetting = 0;
     IsomorphismFlop = false;
     IsomorphismTurn = false;
@@ -90,7 +89,7 @@ struct SolverTest : ::testing::Test {
   void TearDown() override {
     free_active_tree();
     reset_tree_state();
-    reset_game_state();
+    reset_core_state(); reset_card_settings();
     RegretIteration = 0;
     OutputBuffer.clear();
   }

@@ -4,7 +4,7 @@
 
 #include "codec_support.h"
 #include "platform/platform.h"
-#include "shell/shell.h"
+#include "core/core.h"
 #include "storage/codec.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <random>
 #include <vector>
 
-#include "shell/shell.h"
+#include "core/core.h"
 #include "storage/store.h"
 
 namespace store_test {

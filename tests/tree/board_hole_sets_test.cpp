@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "shell/shell.h"
+#include "core/core.h"
 #include "tree/board_tree.h"
 
 namespace {
@@ -91,7 +91,7 @@ struct FlopTree : ::testing::Test {
   static void SetUpTestSuite() {
     build_card_tables();
     ASSERT_TRUE(build_rank_tables());
-    reset_game_state();
+    reset_core_state(); reset_card_settings();
     r0 = random_range(1, 2);
     r1 = random_range(2, 3);
     tree = build("Th9h4c", r0, r1);
@@ -308,8 +308,8 @@ struct BoardRules : ::testing::Test {
     build_card_tables();
     ASSERT_TRUE(build_rank_tables());
   }
-  void SetUp() override { reset_game_state(); }
-  void TearDown() override { reset_game_state(); }
+  void SetUp() override { reset_core_state(); reset_card_settings(); }
+  void TearDown() override { reset_core_state(); reset_card_settings(); }
 };
 
 TEST_F(BoardRules, BlockerKeyOrdersSuitedHandsNextToEachOther) {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "shell/shell.h"
+#include "core/core.h"
 #include "tree/board_tree.h"
 
 namespace {
@@ -63,7 +63,7 @@ struct IsomorphicBoards : ::testing::TestWithParam<const char*> {
   static void SetUpTestSuite() {
     build_card_tables();
     ASSERT_TRUE(build_rank_tables());
-    reset_game_state();
+    reset_core_state(); reset_card_settings();
   }
 };
 
@@ -144,7 +144,7 @@ struct IsomorphicCardLists : ::testing::Test {
   static void SetUpTestSuite() {
     build_card_tables();
     ASSERT_TRUE(build_rank_tables());
-    reset_game_state();
+    reset_core_state(); reset_card_settings();
   }
 };
 

@@ -14,7 +14,7 @@ using Keys = std::vector<double>;
 
 struct Lines : ::testing::Test {
   void SetUp() override {
-    reset_game_state();
+    reset_core_state(); reset_card_settings();
     reset_tree_state();
     OutputBuffer.clear();
   }

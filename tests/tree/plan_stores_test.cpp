@@ -16,7 +16,7 @@ struct PlanStores : ::testing::Test {
     build_card_tables();
   }
   void SetUp() override {
-    reset_game_state();
+    reset_core_state(); reset_card_settings();
     reset_tree_state();
     CompressionSetting = -1;
     Ranges[0].assign(HandCount, 1.0);
@@ -99,9 +99,9 @@ TEST_F(PlanStores, FlopRootRiverClassesFollowTheLevelTable) {
         EXPECT_TRUE(is<WideningStore>(s));
         break;
     }
-    EXPECT_EQ(MaxIterations, level == 5 ? 2200 : 9000);
-    EXPECT_EQ(RiverGroupIterations, level == 4 ? 30 : 0);
-    EXPECT_EQ(StrategyExponent, 1.5);
+    EXPECT_EQ(ActiveTree->params.max_iterations, level == 5 ? 2200 : 9000);
+    EXPECT_EQ(ActiveTree->params.river_group_iterations, level == 4 ? 30 : 0);
+    EXPECT_EQ(ActiveTree->params.strategy_exponent, 1.5);
     EXPECT_EQ(ActiveTree->regret_level, compression_pair(level).regrets);
     EXPECT_EQ(ActiveTree->strategy_level, compression_pair(level).strategy);
   }
@@ -118,13 +118,13 @@ TEST_F(PlanStores, TurnAndRiverRootsKeepPlainFloatsOnTheRiver) {
     EXPECT_EQ(ActiveTree->regret_level, 0);
     EXPECT_EQ(ActualCompression, level);
     // The iteration constants still follow the level's pair.
-    EXPECT_EQ(MaxIterations, level == 5 ? 2200 : 9000);
-    EXPECT_EQ(RiverGroupIterations, level == 4 ? 30 : 0);
+    EXPECT_EQ(ActiveTree->params.max_iterations, level == 5 ? 2200 : 9000);
+    EXPECT_EQ(ActiveTree->params.river_group_iterations, level == 4 ? 30 : 0);
 
     reset_tree_state();
     build("Qs Jh 2h 7c 3d", "50 50", level);
     EXPECT_TRUE(is<FloatFlatStore>(first_on(3).regretStore));
-    EXPECT_EQ(StrategyExponent, 4.0);
+    EXPECT_EQ(ActiveTree->params.strategy_exponent, 4.0);
   }
 }
 

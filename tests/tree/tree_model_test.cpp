@@ -21,13 +21,13 @@ struct TreeModel : ::testing::Test {
     build_card_tables();
   }
   void SetUp() override {
-    reset_game_state();
+    reset_core_state(); reset_card_settings();
     reset_tree_state();
     OutputBuffer.clear();
     QueueEmptied = 0;
   }
   void TearDown() override {
-    EmptySubgameQueue = nullptr;
+    SolverHooks.empty_subgame_queue = [] {};
     reset_tree_state();
     OutputBuffer.clear();
   }
@@ -101,7 +101,6 @@ TEST_F(TreeModel, NewTreeStartsWithItsFixedState) {
   Tree& t = build(1);
   EXPECT_EQ(t.flags, uint32_t(NEW_TREE));
   EXPECT_EQ(t.average_policy, 1);
-  EXPECT_TRUE(t.river_average_now);
   // The hole sets replace the start value 1.0 by each range's largest weight.
   for (int p = 0; p < 2; p++)
     EXPECT_EQ(t.max_range_weight[p], *std::max_element(t.ranges[p], t.ranges[p] + HandCount));
@@ -114,10 +113,10 @@ TEST_F(TreeModel, NewTreeStartsWithItsFixedState) {
   EXPECT_DOUBLE_EQ(t.regret_scale, 2.0 * 125.0 / 140.0);
   EXPECT_EQ(t.action_max, 3);
   EXPECT_EQ(t.action_average, 2.0);
-  EXPECT_EQ(StrategyExponent, 1.5);
-  EXPECT_EQ(StrategyWeightCap, 262143.0);
-  EXPECT_EQ(MaxIterations, 9000);
-  EXPECT_EQ(RiverGroupIterations, 0);
+  EXPECT_EQ(ActiveTree->params.strategy_exponent, 1.5);
+  EXPECT_EQ(ActiveTree->params.strategy_weight_cap, 262143.0);
+  EXPECT_EQ(ActiveTree->params.max_iterations, 9000);
+  EXPECT_EQ(ActiveTree->params.river_group_iterations, 0);
 }
 
 TEST_F(TreeModel, TerminalsTakeStreetAndPlayerFromTheirRules) {
@@ -148,7 +147,7 @@ TEST_F(TreeModel, TurnRootLocksAndKeepsOneRecord) {
   EXPECT_EQ(t.nodes[2].street, 3);
   EXPECT_EQ(t.nodes[2].street_record_count, 49);
   EXPECT_EQ(t.board, t.flop_board | CardBit(MakeCard(5, 0)));
-  EXPECT_EQ(StrategyExponent, 1.5);
+  EXPECT_EQ(ActiveTree->params.strategy_exponent, 1.5);
 }
 
 TEST_F(TreeModel, RiverRootWeighsLateIterations) {
@@ -157,8 +156,8 @@ TEST_F(TreeModel, RiverRootWeighsLateIterations) {
   EXPECT_EQ(t.nodes[0].street, 3);
   EXPECT_EQ(t.nodes[0].turn_locks, nullptr);
   EXPECT_EQ(t.nodes[0].street_record_count, 49);
-  EXPECT_EQ(StrategyExponent, 4.0);
-  EXPECT_EQ(StrategyWeightCap, DBL_MAX);
+  EXPECT_EQ(ActiveTree->params.strategy_exponent, 4.0);
+  EXPECT_EQ(ActiveTree->params.strategy_weight_cap, DBL_MAX);
 }
 
 TEST_F(TreeModel, ActionSummaryIsASideLine) {
@@ -177,7 +176,7 @@ TEST_F(TreeModel, ActionSummaryIsASideLine) {
 // ---- Lifetime ----------------------------------------------------------------------
 
 TEST_F(TreeModel, RebuildAndFreeReleaseEverything) {
-  EmptySubgameQueue = count_queue_emptying;
+  SolverHooks.empty_subgame_queue = count_queue_emptying;
   add("0 0 0 0 0 0");
   Tree& first = build(1);
   // Street records own their vectors; freeing the tree must give them back.

@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "platform/platform.h"
-#include "shell/shell.h"
+#include "core/core.h"
 #include "solver/kernels/kernels_body.h"
 #include "solver/kernels/kernels_internal.h"
 

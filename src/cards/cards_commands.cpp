@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "cards/cards.h"
-#include "shell/shell.h"
+#include "core/core.h"
 
 static const char* const RankWords[13] = {"deuce", "trey", "four", "five",  "six",  "seven", "eight",
                                           "nine",  "ten",  "jack", "queen", "king", "ace"};
@@ -16,6 +16,12 @@ static const char* plural(int rank) { return rank >= 0 && rank < 13 ? RankPlural
 void reset_hand_type_order() {
   for (int i = 0; i < CATEGORY_NB; i++) HandTypeOrder[i] = HandTypePosition[i] = uint8_t(i);
   HandTypeOrderIsDefault = true;
+}
+
+void reset_card_settings() {
+  LowCardIndex = 0;
+  MustUseHoleCards = 0;
+  reset_hand_type_order();
 }
 
 bool load_hand_type_order(const uint8_t order[CATEGORY_NB]) {
@@ -132,4 +138,13 @@ void cmd_show_categories(const std::vector<std::string>& t) {
     rows += cell;
   }
   shell_print("%s\nEND\n", rows.c_str());
+}
+
+void cmd_show_hand_order(const std::vector<std::string>&) { shell_print("%s\n", HandOrderText); }
+
+void cmd_set_low_card(const std::vector<std::string>& t) {
+  int n = parse_int(t[1]);
+  if (n < 2 || n > 6) fail_argument(t[0]);
+  LowCardIndex = n - 2;
+  print_ok(t);
 }

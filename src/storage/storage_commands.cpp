@@ -1,0 +1,11 @@
+// show_memory.
+#include <cstdio>
+
+#include "core/core.h"
+#include "platform/platform.h"
+#include "storage/arena.h"
+
+void cmd_show_memory(const Tokens& t) {
+  MemoryStatus m = memory_status();
+  print_memory_report(m.total_physical, m.load_percent);
+}
