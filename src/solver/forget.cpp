@@ -458,7 +458,7 @@ bool SolveSubgames(Tree& t, int32_t street) {
 // ---- Subgames solved again --------------------------------------------------------
 
 bool node_forgotten(const Tree& t, const Node& node) {
-  return t.forgotten_street >= 0 && node.street >= t.forgotten_street;
+  return (t.flags & INCOMPLETE_TREE) && t.forgotten_street >= 0 && node.street >= t.forgotten_street;
 }
 
 double resolve_node(Tree& t, Node& node, int32_t tc, int32_t rc, bool force, const double accuracy[3]) {

@@ -208,7 +208,7 @@ bool rebuild_streets(Tree& tree);
 // iterations as the tree has had; false without stores or with the tree
 // still incomplete.
 bool SolveSubgames(Tree& tree, int32_t street);
-// On a street that was forgotten (and not solved again since).
+// On a forgotten street of a tree not rebuilt since: its stores may be gone.
 bool node_forgotten(const Tree& tree, const Node& node);
 // Solves the subgame that holds the node on the board of the cells, from the
 // reaches its root gets from above, for up to 1000 iterations or until its
