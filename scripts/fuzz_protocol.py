@@ -213,6 +213,8 @@ def make_chunk(seed: int, index: int, lines: int, scratch_names: list[str]) -> l
         cmd = rng.choice(HOT) if rng.random() < 0.5 else rng.choice(commands)
         if cmd == "wait_for_solver" and rng.random() < 0.5:
             out.append("go 3 steps")
+        if cmd in ("solve_partial", "explo_partial"):  # else up to 1000 iterations of the whole game
+            out.append("set_recalc_accuracy 0.05 0.05 0.05")
         line = " ".join([cmd] + random_args(cmd, game, rng, scratch_names))
         if rng.random() < 0.01:
             line = line.replace(" ", '"', 1)

@@ -112,3 +112,10 @@ void cmd_calc_global_freq(const Tokens& t);
 bool spot_ev(Tree& tree, const Spot& spot, int32_t player, double* ev, double* matchups);
 void cmd_calc_ev(const Tokens& t);
 void cmd_calc_ev_pp(const Tokens& t);
+void cmd_solve_partial(const Tokens& t);
+void cmd_explo_partial(const Tokens& t);
+
+// A node on a forgotten street has its subgame on this board solved again
+// first, once, to the recalc accuracy: what every query and lock does before
+// it reads or writes the node's stores.
+void open_forgotten(Tree& tree, Node& node, const SpotCell& cell);

@@ -215,6 +215,8 @@ void cmd_calc_ev_line(const Tokens& t) {
 
 static void print_frequency(const Tokens& t, bool global) {
   if (!tree_ready()) return shell_print("%.9g\n", 0.0);
+  // Run-outs below a forgotten street have no strategies to weigh them.
+  if (!global && ActiveTree->forgotten_street >= 0) return shell_print("1\n");
   Spot s = read_spot(t, 1, false);
   shell_print("%.9g\n", line_frequency(*ActiveTree, s, global));
 }

@@ -33,6 +33,7 @@ struct EvCacheEntry {
   const Tree* tree;
   const Node* node;
   int32_t turn_cell, river_cell, player, iteration;
+  uint32_t generation;
   std::vector<float> value, reach;
 };
 std::vector<EvCacheEntry> EvCache;
@@ -51,7 +52,8 @@ bool spot_ev(Tree& t, const Spot& s, int32_t player, double* ev, double* matchup
     std::lock_guard<std::recursive_mutex> guard(traversal_lock());
     if (!materialise_tree_stores(t)) return true;
     for (auto it = EvCache.begin(); it != EvCache.end();) {
-      if (it->tree != &t || it->iteration != t.iteration) it = EvCache.erase(it);
+      if (it->tree != &t || it->iteration != t.iteration || it->generation != StoreGeneration)
+        it = EvCache.erase(it);
       else ++it;
     }
     for (const EvCacheEntry& e : EvCache)
@@ -64,12 +66,18 @@ bool spot_ev(Tree& t, const Spot& s, int32_t player, double* ev, double* matchup
       Probe.turn_cell = tc;
       Probe.river_cell = rc;
       Probe.found = false;
-      traverse(t, player, MODE_PROBE, probe_visit);
+      // Below a forgotten street only the target's own subgame is there.
+      if (node_forgotten(t, node)) {
+        open_forgotten(t, node, cell);
+        probe_forgotten(t, node, tc, rc, player, probe_visit);
+      } else {
+        traverse(t, player, MODE_PROBE, probe_visit);
+      }
       Probe.node = nullptr;
       if (!Probe.found) return true;
       value = std::move(Probe.value);
       reach = std::move(Probe.reach);
-      EvCache.push_back({&t, &node, tc, rc, player, t.iteration, value, reach});
+      EvCache.push_back({&t, &node, tc, rc, player, t.iteration, StoreGeneration, value, reach});
     }
   }
   // Matchups: the opponent's reach over the hands sharing no card, by card sums.

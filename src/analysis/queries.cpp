@@ -49,6 +49,10 @@ int32_t spot_river(const Spot& s, int32_t street) { return street >= 3 ? s.river
 
 }  // namespace
 
+void open_forgotten(Tree& t, Node& node, const SpotCell& cell) {
+  if (node_forgotten(t, node)) resolve_node(t, node, cell.turn_cell, cell.river_cell, false, RecalcAccuracy);
+}
+
 CardMask spot_board(const Tree& tree, const Spot& spot) {
   CardMask b = tree.board;
   if (spot.turn >= 0) b |= CardBit(Card(spot.turn));
@@ -70,9 +74,11 @@ bool strategy_rows(Tree& t, const Spot& s, std::vector<double>& rows) {
   Node& node = *s.built;
   const int32_t k = int32_t(node.children.size());
   rows.assign(size_t(k) * HandCount, 0.0);
-  if (node.kind != NODE_DECISION || k == 0 || !node.regretStore) return true;
+  if (node.kind != NODE_DECISION || k == 0) return true;
   SpotCell cell;
   if (!spot_cell(t, s, cell)) return false;
+  open_forgotten(t, node, cell);
+  if (!node.regretStore) return true;
   const int32_t tc = cell.turn_cell, rc = cell.river_cell;
   const CanonicalCards& cc = cell.cards;
   const BoardView& view = cell.view;
@@ -194,8 +200,10 @@ using Cell = SpotCell;
 
 // The cell of a decision node with stores, where locks and rows live.
 bool find_cell(Tree& t, const Spot& s, Cell& c) {
-  const Node& node = *s.built;
-  return node.kind == NODE_DECISION && node.regretStore && spot_cell(t, s, c);
+  Node& node = *s.built;
+  if (node.kind != NODE_DECISION || !spot_cell(t, s, c)) return false;
+  open_forgotten(t, node, c);
+  return node.regretStore != nullptr;
 }
 
 // 1326 values in real PairIndex order onto the cell's hand list.
@@ -255,6 +263,7 @@ bool write_strategy_row(Tree& t, const Spot& s, int32_t child, const double* val
   const bool averaging = averages_in_use(t, WalkAverageFrom);
   if (averaging && node.strategyStore) node.strategyStore->write_row(c.turn_cell, c.river_cell, child, nullptr);
   open.keep = true;
+  StoreGeneration++;
   return true;
 }
 

@@ -541,9 +541,10 @@ static ChanceVisit chance_visit(TraversalContext& ctx, bool turn) {
           rec};
 }
 
-// 1. A forgotten street below: evaluation takes its stored values instead.
+// 1. A forgotten street below: evaluation and probes take its stored values instead.
 static bool visit_forgotten_street(ChanceVisit& c) {
-  if (!c.eval || c.node.kind != NODE_DECISION || !(c.t.flags & INCOMPLETE_TREE)) return false;
+  if (!(c.eval || c.w.mode == MODE_PROBE) || c.node.kind != NODE_DECISION || !(c.t.flags & INCOMPLETE_TREE))
+    return false;
   TraversalContext& ctx = c.ctx;
   const int32_t me = c.w.traverser;
   alloc_vector(ctx.value, c.parent_count, true);

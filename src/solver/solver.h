@@ -49,6 +49,9 @@ void cmd_go(const Tokens& t);
 void cmd_stop(const Tokens& t);
 void cmd_wait_for_solver(const Tokens& t);
 void cmd_calc_results(const Tokens& t);
+void cmd_forget(const Tokens& t);
+void cmd_rebuild_forgotten_streets(const Tokens& t);  // also rebuild_all
+void cmd_solve_all_splits(const Tokens& t);
 
 // ---- Iteration and evaluation (what the driver calls) -----------------------
 
@@ -193,3 +196,31 @@ ResultsCache& results_cache();
 // Runs both evaluation passes and fills the cache for the present iteration.
 void refresh_results(Tree& tree);
 
+// ---- Forgotten streets and subgames solved again ------------------------------
+//
+// forget_street drops the stores of `street` (3 rivers, 2 turns) and below,
+// keeping at each entry into it the values of the last evaluation and the
+// reaches to solve from; false when the tree's root lies on that street.
+bool forget_street(Tree& tree, int32_t street);
+// Empty stores for every forgotten node; false when memory runs out.
+bool rebuild_streets(Tree& tree);
+// Solves every entry into `street` from its kept reach, with as many
+// iterations as the tree has had; false without stores or with the tree
+// still incomplete.
+bool SolveSubgames(Tree& tree, int32_t street);
+// On a forgotten street of a tree not rebuilt since: its stores may be gone.
+bool node_forgotten(const Tree& tree, const Node& node);
+// Solves the subgame that holds the node on the board of the cells, from the
+// reaches its root gets from above, for up to 1000 iterations or until its
+// exploitability (chips per pair of hands) is at most accuracy[street - 1]
+// of its root; returns that exploitability. Without `force` a subgame
+// already solved since the last forget returns 0 at once.
+double resolve_node(Tree& tree, Node& node, int32_t turn_cell, int32_t river_cell, bool force,
+                    const double accuracy[3]);
+// A MODE_PROBE walk of the subgame that holds `target`, for the player.
+void probe_forgotten(Tree& tree, Node& target, int32_t turn_cell, int32_t river_cell, int32_t player,
+                     void (*probe)(TraversalContext&));
+void forget_resolve_marks();
+// Counts changes of strategies that leave the iteration count as it was, so
+// that caches keyed by the iteration can tell.
+extern uint32_t StoreGeneration;

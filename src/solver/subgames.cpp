@@ -172,6 +172,7 @@ static void empty_subgame_queue() {
   RunOrder.clear();
   forget_tree_facts();
   forget_results_cache();
+  forget_resolve_marks();
 }
 
 void install_solver_hooks() {

@@ -91,6 +91,9 @@ constexpr size_t GroupAlignment = 128;  // decompressed store groups
 // The scalable allocator's aligned malloc and free; null on failure.
 void* aligned_alloc_bytes(size_t bytes, size_t alignment);
 void aligned_free_bytes(void* p);
+// Hands the allocators' cached free memory back to the system, after a
+// large release (a forgotten street).
+void return_free_memory();
 
 // ---- Arena ------------------------------------------------------------------
 // A sequence of compressed rows in one region. Rows are read in the order they

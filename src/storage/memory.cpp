@@ -1,5 +1,6 @@
 // Small working memory: aligned allocation, hand vectors and the per-thread row
 // pool, the storage byte counters, fatal lines, byte streams and show_memory.
+#include <malloc.h>
 #include <tbb/scalable_allocator.h>
 
 #include <cstdio>
@@ -69,6 +70,12 @@ void* aligned_alloc_bytes(size_t bytes, size_t alignment) {
 
 void aligned_free_bytes(void* p) {
   if (p) scalable_aligned_free(p);
+}
+
+void return_free_memory() {
+  empty_all_row_pools();
+  scalable_allocation_command(TBBMALLOC_CLEAN_ALL_BUFFERS, nullptr);
+  malloc_trim(0);
 }
 
 // ---- Row pool -----------------------------------------------------------------

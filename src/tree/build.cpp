@@ -116,6 +116,11 @@ void planStorage(StoragePair pair) {
   const int64_t w = t.average_policy != 0 ? 6 : 2;  // two bytes a regret, four a sum
   for (int i = 0; i < 4; i++) t.store_bytes[i] = t.store_values[i] * w;
   reset_storage_counters();
+  // Every store is new and empty: nothing is forgotten any more.
+  t.flags &= ~uint32_t(INCOMPLETE_TREE);
+  t.forgotten_street = -1;
+  for (Node& node : t.nodes)
+    for (int32_t k = 0; k < node.street_record_count; k++) node.street_records[k].frozen = false;
   t.iteration = 0;
   t.stores_ready = false;
   call_hook(SolverHooks.reset_report_log, "reset_report_log");

@@ -144,6 +144,7 @@ struct Tree {
   int32_t action_max = 0;
   double max_payoff = 0;  // largest absolute terminal value
   uint32_t flags = 0;
+  int32_t forgotten_street = -1;  // first street whose stores were dropped; -1 none
   uint64_t flattening = 0;  // the flattening of the lines the nodes were made from
 
   // Solving progress and parameters. The walk's own state (traverser, mode,

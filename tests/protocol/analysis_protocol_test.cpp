@@ -259,3 +259,59 @@ TEST(Analysis, IsomorphicTurnRowsMatch) {
   EXPECT_LT(worst, 1e-3);
   EXPECT_NE(on[0], on[2]);  // 7c and 7d boards block other hands
 }
+
+// A combo lock holds only its hands: the locked bluff-catcher keeps calling,
+// the free ones move to the call rate that makes up half in all. Unlocked,
+// the game goes back to its closed form.
+TEST(Analysis, ComboLockHoldsItsHandsAndUnlockRestoresTheClosedForm) {
+  Polarised g;
+  std::string all(g.row(g.order)), none(g.row({}));
+  std::string calls = "set_strategy r:0:b100 0" + all + "\nset_strategy r:0:b100 1" + none + "\n";
+  // Step limits: a run without one goes on to the iteration cap, and the next would have none left.
+  std::string in = g.game() + calls + "lock_node r:0:b100\ngo\nwait_for_solver\nunlock_node r:0:b100\ngo 1500 steps\n"
+                   "wait_for_solver\nshow_strategy r:0\nshow_strategy r:0:b100\n" + calls + "combo_lock_node r:0:b100" +
+                   g.row({g.catchers[0]}) + "\ngo 1500 steps\nwait_for_solver\nshow_strategy r:0:b100\n";
+  auto rows = rows_of(run_binary({"-k"}, in).out);
+  ASSERT_EQ(rows.size(), 6u);
+  EXPECT_NEAR(g.mean(rows[0], g.nuts), 1.0, 0.02);
+  EXPECT_NEAR(g.mean(rows[0], g.air), 0.5, 0.05);
+  EXPECT_NEAR(g.mean(rows[2], g.catchers), 0.5, 0.05);
+  EXPECT_NEAR(rows[4][g.at(g.catchers[0])], 1.0, 1e-6);
+  std::vector<std::string> free(g.catchers.begin() + 1, g.catchers.end());
+  EXPECT_NEAR(g.mean(rows[4], free), 0.4, 0.06);
+}
+
+// A row set by hand reads back the same through show_strategy at every
+// compression level, on flop, turn and river nodes.
+TEST(Analysis, SetStrategyRowsReadBackAtEveryLevel) {
+  std::string oop = "set_range OOP", ip = "set_range IP", x = "", y = "";
+  const char* parts[] = {"0", "0.25", "0.5", "0.75", "1"};
+  for (int h = 0; h < 1326; h++) {
+    oop += h % 5 == 0 ? " 1" : " 0";
+    ip += h % 5 == 1 ? " 1" : " 0";
+    x += std::string(" ") + parts[h % 5 == 0 || h % 5 == 1 ? (h / 5) % 5 : 0];
+    y += std::string(" ") + parts[h % 5 == 0 || h % 5 == 1 ? 4 - (h / 5) % 5 : 0];
+  }
+  std::string in = oop + "\n" + ip + "\nset_board Qs Jh 2h\nset_pot 0 0 100\nadd_line 0 0 0 0 0 0\n"
+                   "add_line 0 0 50 50 50 50\nadd_line 0 0 0 0 50 50\nadd_line 50 50 0 0 0 0\nset_isomorphism 0 0\nbuild_tree\n";
+  const std::vector<std::string> nodes = {"r:0", "r:0:b50", "r:0:c:c:7c", "r:0:c:c:7c:c:c:3s", "r:0:c:c:7c:c:c:3s:b50"};
+  for (int level = 0; level <= 5; level++) {
+    in += "set_compression " + std::to_string(level) + "\n";
+    for (const std::string& n : nodes) in += "set_strategy " + n + " 0" + x + "\nset_strategy " + n + " 1" + y + "\n";
+    for (const std::string& n : nodes) in += "show_strategy " + n + "\n";
+  }
+  auto rows = rows_of(run_binary({"-k"}, in).out);
+  ASSERT_EQ(rows.size(), 6u * nodes.size() * 2);
+  std::istringstream want(x);
+  std::vector<double> w(1326);
+  for (double& v : w) want >> v;
+  for (size_t r = 0; r < rows.size(); r += 2) {
+    int checked = 0;
+    for (int h = 0; h < 1326; h++) {
+      if (rows[r][h] + rows[r + 1][h] == 0) continue;  // off the board's list or out of the actor's range
+      ASSERT_NEAR(rows[r][h], w[size_t(h)], 2e-3) << "level " << r / 10 << " node " << nodes[(r / 2) % 5] << " hand " << h;
+      checked++;
+    }
+    EXPECT_GT(checked, 150) << r;
+  }
+}
