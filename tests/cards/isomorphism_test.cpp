@@ -51,54 +51,30 @@ bool is_permutation(const SuitMap& map) {
   return seen == 15;
 }
 
-TEST_F(Isomorphism, FlopNamingFollowsSuitCounts) {
-  // Qs Jh 2h: hearts (two cards) first, spades second.
-  CardMask flop = parse_cards("QsJh2h"), turn = 0, river = 0;
-  SuitMap map = canonicalise_board(flop, turn, river);
-  EXPECT_EQ(map.to[2], 0);
-  EXPECT_EQ(map.to[3], 1);
-  EXPECT_TRUE(is_permutation(map));
-  EXPECT_EQ(flop, CardBit(MakeCard(0, 0)) | CardBit(MakeCard(9, 0)) | CardBit(MakeCard(10, 1)));
-  EXPECT_EQ(turn, 0u);
-  EXPECT_EQ(river, 0u);
-
-  // One suit: it becomes suit 0 and the others follow in suit order.
-  flop = parse_cards("9h7h2h");
-  map = canonicalise_board(flop, turn, river);
-  EXPECT_EQ(map.to[2], 0);
-  EXPECT_EQ(map.to[0], 1);
-  EXPECT_EQ(map.to[1], 2);
-  EXPECT_EQ(map.to[3], 3);
-  EXPECT_EQ(flop, parse_cards("9c7c2c"));
-
-  // Rainbow: by the flop's cards in ascending number.
-  flop = parse_cards("2sKh9d");
-  map = canonicalise_board(flop, turn, river);
-  EXPECT_EQ(map.to[1], 0);
-  EXPECT_EQ(map.to[2], 1);
-  EXPECT_EQ(map.to[3], 2);
-  EXPECT_EQ(map.to[0], 3);
-  EXPECT_EQ(flop, parse_cards("9cKd2h"));
-}
-
-TEST_F(Isomorphism, TurnAndRiverTakeTheNextFreeSuits) {
-  // Flop of one suit (spades): a diamond turn becomes suit 1, a club river 2.
-  CardMask flop = parse_cards("AsKs2s"), turn = parse_cards("5d"), river = parse_cards("7c");
-  SuitMap map = canonicalise_board(flop, turn, river);
-  EXPECT_EQ(map.to[3], 0);
-  EXPECT_EQ(map.to[1], 1);
-  EXPECT_EQ(map.to[0], 2);
-  EXPECT_EQ(map.to[2], 3);
-  EXPECT_EQ(turn, parse_cards("5d"));
-  EXPECT_EQ(river, parse_cards("7h"));
-
-  // A turn of a flop suit leaves the free suits for the river.
-  flop = parse_cards("AsKs2d");
-  turn = parse_cards("5s");
-  river = parse_cards("7h");
-  map = canonicalise_board(flop, turn, river);
-  EXPECT_EQ(turn, parse_cards("5c"));
-  EXPECT_EQ(river, parse_cards("7h"));
+// Flop suits by their card counts, then by the flop's cards in ascending
+// number; the turn and the river take the next free suits. The map is
+// written as the new suit of clubs, diamonds, hearts and spades.
+TEST_F(Isomorphism, BoardNamingFollowsSuitCounts) {
+  struct Case {
+    const char *flop, *turn, *river, *want_flop, *want_turn, *want_river, *map;
+  };
+  const Case cases[] = {
+      {"QsJh2h", "", "", "2cJcQd", "", "", "2301"},  // hearts (two cards) first, spades second
+      {"9h7h2h", "", "", "9c7c2c", "", "", "1203"},  // one suit; the others follow in suit order
+      {"2sKh9d", "", "", "9cKd2h", "", "", "3012"},  // rainbow
+      {"AsKs2s", "5d", "7c", "AcKc2c", "5d", "7h", "2130"},
+      {"AsKs2d", "5s", "7h", "AcKc2d", "5c", "7h", "3120"},  // a turn of a flop suit leaves the free suits
+  };
+  for (const Case& c : cases) {
+    CardMask flop = parse_cards(c.flop), turn = parse_cards(c.turn), river = parse_cards(c.river);
+    SuitMap map = canonicalise_board(flop, turn, river);
+    std::string to;
+    for (int s = 0; s < 4; s++) to += char('0' + map.to[s]);
+    EXPECT_EQ(mask_text(flop) + " " + mask_text(turn) + " " + mask_text(river) + " " + to,
+              mask_text(parse_cards(c.want_flop)) + " " + mask_text(parse_cards(c.want_turn)) + " " +
+                  mask_text(parse_cards(c.want_river)) + " " + c.map)
+        << c.flop;
+  }
 }
 
 TEST_F(Isomorphism, CanonicalBoardsUseTheLowestSuitsForEveryBoard) {

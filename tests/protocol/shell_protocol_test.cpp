@@ -25,7 +25,6 @@ TEST(Startup, VerboseLine) {
 TEST(Startup, BadOptionLineExitsOne) {
   EXPECT_EQ(run_binary({"--port", "abc"}, "").rc, 1);
   EXPECT_EQ(run_binary({"--no-such-option"}, "").rc, 1);
-  EXPECT_EQ(run_binary({"--port", "6000", "-s", "-e"}, "is_ready\n").out, "is_ready ok!\n");
 }
 
 TEST(Startup, VersionAndHelp) {
@@ -38,27 +37,52 @@ TEST(Startup, VersionAndHelp) {
   EXPECT_NE(h.out.find("suppress ok-messages"), std::string::npos);
 }
 
-TEST(Startup, CommandLineCommandsAnswerTogetherBeforeStdin) {
-  RunResult r = run_binary({"-c", "set_pot 0 0 100", "-c", "echo \"two words\""}, "is_ready\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "set_pot ok!\ntwo words\nis_ready ok!\n");
-}
-
-TEST(Startup, MissingScriptOrDirectory) {
-  RunResult r = run_binary({"/nonexistent/script.txt"}, "is_ready\n");
-  EXPECT_EQ(r.rc, 1);
-  EXPECT_EQ(r.out, "ERROR: can't find file '/nonexistent/script.txt'\n");
-  RunResult d = run_binary({temp_dir()}, "is_ready\n");
-  EXPECT_EQ(d.rc, 1);
-  EXPECT_EQ(d.out, "ERROR: can't find file '" + temp_dir() + "'\n");
-}
-
-TEST(Startup, ScriptNameWithBlanksThenStdin) {
-  std::string path = temp_dir() + "/my script.txt";
-  write_file(path, "is_ready\necho from-script\n");
-  RunResult r = run_binary({path}, "echo from-stdin\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "is_ready ok!\nfrom-script\nfrom-stdin\n");
+// Exact answers and exit codes of the loop, its options and scripts.
+TEST(Loop, ExactAnswersAndExitCodes) {
+  std::string dir = temp_dir();
+  write_file(dir + "/my script.txt", "is_ready\necho from-script\n");
+  write_file(dir + "/done_marker", "x");
+  write_file(dir + "/comments.txt", "# one\n#two\n\n");
+  write_file(dir + "/exit.txt", "echo one\nexit\necho two\n");
+  write_file(dir + "/skipper.txt", "skip_if_done " + dir + "/skipper.txt LATER\necho hidden\n");
+  struct Case {
+    std::vector<std::string> args;
+    std::string input;
+    int rc;
+    std::string out;
+  };
+  const Case cases[] = {
+      {{"--port", "6000", "-s", "-e"}, "is_ready\n", 0, "is_ready ok!\n"},
+      // Commands of the command line answer together, before standard input.
+      {{"-c", "set_pot 0 0 100", "-c", "echo \"two words\""}, "is_ready\n", 0,
+       "set_pot ok!\ntwo words\nis_ready ok!\n"},
+      {{"/nonexistent/script.txt"}, "is_ready\n", 1, "ERROR: can't find file '/nonexistent/script.txt'\n"},
+      {{dir}, "is_ready\n", 1, "ERROR: can't find file '" + dir + "'\n"},
+      // A script named with a blank, then standard input.
+      {{dir + "/my script.txt"}, "echo from-stdin\n", 0, "is_ready ok!\nfrom-script\nfrom-stdin\n"},
+      {{dir + "/comments.txt"}, "", 0, ""},
+      {{dir + "/exit.txt"}, "echo three\n", 0, "one\n"},
+      // A skip runs on from the script into standard input.
+      {{dir + "/skipper.txt"}, "echo hidden2\nLABEL: LATER\necho shown\n", 0, "skip_if_done ok!\nshown\n"},
+      {{}, "is_ready\recho a\r\necho b\n\n\r\necho c", 0, "is_ready ok!\na\nb\nc\n"},
+      {{}, "is_ready\n\"exit\"\nis_ready\n", 0, "is_ready ok!\n"},
+      // exit inside a skip is ignored.
+      {{}, "skip_if_done " + dir + "/done_marker NEXT\nexit\necho skipped\nLABEL: NEXT\necho after\n", 0,
+       "skip_if_done ok!\nafter\n"},
+      {{"-k"}, "set_pot 0 0 100\nset_pot 1\nrepeat 1 x\n", 0, "ERROR: set_pot incorrect or missing argument\nx\nEND\n"},
+      // Terminate on error ends after the message.
+      {{"-t"}, "is_ready\nset_pot 1\nis_ready\n", 1, "is_ready ok!\nERROR: set_pot incorrect or missing argument\n"},
+      {{"-t"}, "nosuch\nis_ready\n", 1, "ERROR: Command nosuch not recognized\n"},
+      {{"--terminateonerror"}, "set_threads zz\nis_ready\n", 1, "ERROR: Invalid value\n"},
+      {{"-t"}, "set_board Qs QsQs 2c\nis_ready\n", 1, "ERROR: invalid card\n"},
+      // Echoed commands show their tokens without quotes.
+      {{"-o"}, "echo \"a b\"\n# note\n", 0, "echo a b\na b\n# note\n"},
+  };
+  for (const Case& c : cases) {
+    RunResult r = run_binary(c.args, c.input);
+    EXPECT_EQ(r.rc, c.rc) << c.input;
+    EXPECT_EQ(r.out, c.out) << c.input;
+  }
 }
 
 TEST(Loop, AnswersAndErrors) {
@@ -89,50 +113,6 @@ TEST(Loop, AnswersAndErrors) {
             "ERROR: set_board duplicate cards\n"
             "ERROR: invalid card\n"
             "ERROR: go missing/incorrect tree\n");
-}
-
-TEST(Loop, LineEndingsLfCrCrlf) {
-  RunResult r = run_binary({}, "is_ready\recho a\r\necho b\n\n\r\necho c");
-  EXPECT_EQ(r.out, "is_ready ok!\na\nb\nc\n");
-}
-
-TEST(Loop, QuotedExitExitsAndStopsReading) {
-  RunResult r = run_binary({}, "is_ready\n\"exit\"\nis_ready\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "is_ready ok!\n");
-}
-
-TEST(Loop, ExitInsideSkipIsIgnored) {
-  std::string done = temp_dir() + "/done_marker";
-  write_file(done, "x");
-  RunResult r = run_binary({}, "skip_if_done " + done + " NEXT\nexit\necho skipped\nLABEL: NEXT\necho after\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "skip_if_done ok!\nafter\n");
-}
-
-TEST(Loop, SuppressOk) {
-  RunResult r = run_binary({"-k"}, "set_pot 0 0 100\nset_pot 1\nrepeat 1 x\n");
-  EXPECT_EQ(r.out, "ERROR: set_pot incorrect or missing argument\nx\nEND\n");
-}
-
-TEST(Loop, TerminateOnErrorEndsAfterTheMessage) {
-  RunResult a = run_binary({"-t"}, "is_ready\nset_pot 1\nis_ready\n");
-  EXPECT_EQ(a.rc, 1);
-  EXPECT_EQ(a.out, "is_ready ok!\nERROR: set_pot incorrect or missing argument\n");
-  RunResult b = run_binary({"-t"}, "nosuch\nis_ready\n");
-  EXPECT_EQ(b.rc, 1);
-  EXPECT_EQ(b.out, "ERROR: Command nosuch not recognized\n");
-  RunResult c = run_binary({"--terminateonerror"}, "set_threads zz\nis_ready\n");
-  EXPECT_EQ(c.rc, 1);
-  EXPECT_EQ(c.out, "ERROR: Invalid value\n");
-  RunResult d = run_binary({"-t"}, "set_board Qs QsQs 2c\nis_ready\n");
-  EXPECT_EQ(d.rc, 1);
-  EXPECT_EQ(d.out, "ERROR: invalid card\n");
-}
-
-TEST(Loop, EchoCommandsShowsTokensWithoutQuotes) {
-  RunResult r = run_binary({"-o"}, "echo \"a b\"\n# note\n");
-  EXPECT_EQ(r.out, "echo a b\na b\n# note\n");
 }
 
 TEST(Utility, RepeatAndEcho) {
@@ -263,29 +243,6 @@ TEST(Scripts, NestingLabelsAndErrorsDoNotEndAScript) {
             "skip_if_done ok!\nnot-skipped\n"
             "ERROR: load_script can't open file\n"
             "end\n");
-}
-
-TEST(Scripts, OnlyCommentsGiveNoOutput) {
-  std::string path = temp_dir() + "/comments.txt";
-  write_file(path, "# one\n#two\n\n");
-  RunResult r = run_binary({path}, "");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "");
-}
-
-TEST(Scripts, SkipRunsOnIntoStdin) {
-  std::string dir = temp_dir();
-  write_file(dir + "/skipper.txt", "skip_if_done skipper.txt LATER\necho hidden\n");
-  RunResult r = run_binary({"skipper.txt"}, "echo hidden2\nLABEL: LATER\necho shown\n", 2, dir);
-  EXPECT_EQ(r.out, "skip_if_done ok!\nshown\n");
-}
-
-TEST(Scripts, ExitInScriptEndsProcess) {
-  std::string path = temp_dir() + "/exit.txt";
-  write_file(path, "echo one\nexit\necho two\n");
-  RunResult r = run_binary({path}, "echo three\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "one\n");
 }
 
 TEST(Redirection, AnswersFollowStandardOutput) {

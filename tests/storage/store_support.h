@@ -110,6 +110,23 @@ void expect_near_all(const A& a, const B& b, size_t n, double tol, const char* w
   }
 }
 
+inline std::vector<uint8_t> saved_bytes(Store& s) {
+  MemoryByteWriter w;
+  s.save(w);
+  return w.bytes;
+}
+
+// Saves `s` and loads the bytes into `back`, which must take them all and
+// save the same again; returns the bytes.
+inline std::vector<uint8_t> save_and_load(Store& s, Store& back) {
+  std::vector<uint8_t> bytes = saved_bytes(s);
+  MemoryByteSource src(bytes.data(), bytes.size());
+  back.load(src);
+  EXPECT_EQ(src.position, bytes.size());
+  EXPECT_EQ(saved_bytes(back), bytes);
+  return bytes;
+}
+
 // A small river layout: `groups` turn cells, each with cells of mixed lengths
 // (some rising, some falling, so both reference rules occur).
 inline std::vector<std::vector<int32_t>> river_lengths(std::mt19937& rng, int groups, int cells,

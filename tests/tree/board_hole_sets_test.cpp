@@ -179,22 +179,6 @@ TEST_F(FlopTree, TurnAndRiverListsFollowTheirParents) {
   }
 }
 
-TEST_F(FlopTree, ChildCountsMatchTheLists) {
-  const BoardTree& t = *tree;
-  ASSERT_EQ(t.childHoleCount.size(), t.children.size());
-  ASSERT_EQ(t.childRiverCounts.size(), t.children.size());
-  for (size_t i = 0; i < t.children.size(); i++) {
-    const BoardRecord& turn = t.children[i];
-    ASSERT_EQ(t.childHoleCount[i], int32_t(turn.holes.size()));
-    ASSERT_EQ(t.childRiverCounts[i].size(), turn.children.size());
-    ASSERT_EQ(turn.childHoleCount.size(), turn.children.size());
-    for (size_t j = 0; j < turn.children.size(); j++) {
-      ASSERT_EQ(t.childRiverCounts[i][j], int32_t(turn.children[j].holes.size()));
-      ASSERT_EQ(turn.childHoleCount[j], int32_t(turn.children[j].holes.size()));
-    }
-  }
-}
-
 TEST_F(FlopTree, RiverGroupsAreTheRunsOfEqualStrength) {
   size_t entries8 = 0, entries16 = 0, long_runs = 0;
   for (const BoardRecord& turn : tree->children) {
