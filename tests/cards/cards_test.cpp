@@ -141,9 +141,4 @@ TEST_F(CardCommands, SetLowCard) {
   EXPECT_THROW(cmd_set_low_card({"set_low_card", "six"}), std::invalid_argument);
 }
 
-TEST_F(CardCommands, ShowHandOrder) {
-  cmd_show_hand_order({"show_hand_order"});
-  EXPECT_EQ(OutputBuffer, std::string(HandOrderText) + "\n");
-}
-
 }  // namespace

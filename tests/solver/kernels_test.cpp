@@ -331,42 +331,6 @@ TEST_F(KernelsTest, OnlyOpponentHandIsTheSamePair) {
   }
 }
 
-TEST_F(KernelsTest, WiderMasksChangeNothing) {
-  // Masks computed from a reach with more live hands (as the reach at the
-  // root of a river subtree has) must give the same numbers.
-  std::mt19937 rng(16);
-  for (uint32_t lv : {30u, 5000u}) {
-    RiverList l = synthetic_list(rng, 10, lv);
-    std::vector<float> reach = random_reach(rng, l, SPARSE);
-    std::vector<uint16_t> all(l.lengths.size());
-    for (size_t g = 0; g < all.size(); g++)
-      all[g] = l.lengths[g] <= MaskedGroupLimit ? uint16_t((1u << l.lengths[g]) - 1) : 0;
-    std::vector<double> want = brute_showdown(l, reach, 1.0f);
-    for_each_isa([&](const std::string& isa) {
-      expect_near_all(showdown(l, reach, 1.0f, all), want, scale_of(reach, 1.0f), "all bits " + isa);
-    });
-  }
-}
-
-TEST_F(KernelsTest, GroupMasksFollowTheReach) {
-  std::mt19937 rng(17);
-  for (uint32_t lv : {3u, 30u, 5000u}) {
-    RiverList l = synthetic_list(rng, 9, lv);
-    std::vector<float> reach = random_reach(rng, l, SPARSE);
-    for_each_isa([&](const std::string& isa) {
-      std::vector<uint16_t> m = masks_of(l, reach.data());
-      size_t first = 0;
-      for (size_t g = 0; g < l.lengths.size(); g++) {
-        uint32_t want = 0;
-        if (l.lengths[g] <= MaskedGroupLimit)
-          for (int k = 0; k < l.lengths[g]; k++) want |= uint32_t(reach[first + size_t(k)] > 0.0f) << k;
-        ASSERT_EQ(m[g], want) << isa << " run " << g;
-        first += size_t(l.lengths[g]);
-      }
-    });
-  }
-}
-
 // ---- The fused pair ---------------------------------------------------------------------
 
 TEST_F(KernelsTest, PairKernelsEqualSeparateCalls) {

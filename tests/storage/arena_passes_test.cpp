@@ -117,26 +117,6 @@ TEST(ArenaPacked, FreshArenaAndEmptyPassHaveNoRegion) {
   EXPECT_EQ(a.committed, 0);
 }
 
-TEST(ArenaPacked, RowsOfEveryShortLength) {
-  // Tails of every length, with values around the class limits.
-  for (uint32_t top : {0u, 255u, 4095u, 65535u, 70000u}) {
-    RowSet s;
-    for (int n = 1; n <= 70; n++) {
-      std::vector<uint32_t> row(static_cast<size_t>(n));
-      for (int i = 0; i < n; i++) row[size_t(i)] = (i * 7919u) % (top + 1);
-      s.rows16.emplace_back(row.begin(), row.end());
-      for (auto& x : s.rows16.back()) x = uint16_t(x);
-      s.rows32.push_back(row);
-      s.reference.push_back(-1);
-    }
-    PackedArena a(2485, 4), b(2485, 2);
-    write_all(a, s, true);
-    read_and_check(a, s, true);
-    write_all(b, s, false);
-    read_and_check(b, s, false);
-  }
-}
-
 TEST(ArenaPacked, RowsEndingAtCommitBoundary) {
   // Incompressible 16-bit rows whose tails overrun their promised worst case:
   // many of them, so that rows land on and across the end of the commitment.
