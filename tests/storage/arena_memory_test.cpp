@@ -210,27 +210,6 @@ TEST(ArenaCounters, ResetAndThroughput) {
 
 // ---- Region growth and fatal lines ---------------------------------------------------
 
-TEST(ArenaRegion, GrowCommitsPrefixAndNeverShrinks) {
-  uint8_t* base = nullptr;
-  int64_t committed = 0;
-  grow_region(0, committed, 1 << 20, base);
-  EXPECT_EQ(base, nullptr);  // nothing asked, nothing reserved
-  grow_region(16384, committed, 1 << 20, base);
-  ASSERT_NE(base, nullptr);
-  EXPECT_EQ(committed, 16384);
-  memset(base, 0xAB, 16384);
-  uint8_t* first = base;
-  grow_region(8192, committed, 1 << 20, base);
-  EXPECT_EQ(committed, 16384);
-  grow_region(65536, committed, 1 << 20, base);
-  EXPECT_EQ(base, first);  // the reservation stays in place
-  EXPECT_EQ(committed, 65536);
-  EXPECT_EQ(base[100], 0xAB);  // recommitting the prefix keeps its bytes
-  memset(base, 0, 65536);
-  release_region(base, 1 << 20);
-  EXPECT_EQ(base, nullptr);
-}
-
 TEST(ArenaRegion, Reservations) {
   EXPECT_EQ(packed_reservation(0, 4), 0);
   EXPECT_EQ(packed_reservation(1000, 4), 16384);

@@ -63,59 +63,10 @@ TEST_F(RowStoreTest, WriteReadUpdateAccumulateAgainstReference) {
   std::mt19937 rng(21);
   for (int actions : {1, 2, 3, 4, 6}) {
     SCOPED_TRACE(actions);
-    const int n = 37;
-    RowStore s(actions, n);
-    ASSERT_TRUE(s.materialise());
-    std::vector<std::vector<double>> ref(actions);
-    for (int a = 0; a < actions; a++) {
-      std::vector<float> row = random_floats(rng, n, 0.0f, 5.0f);
-      row[3] = 0;  // hand 3 is all zero: defaults
-      s.write_row(-1, -1, a, row.data());
-      ref[size_t(a)].assign(row.begin(), row.end());
-    }
-    for (int step = 0; step < 5; step++) {
-      HandVector base;
-      fill(base, random_floats(rng, n, -3.0f, 3.0f));
-      Rows children(actions);
-      for (int a = 0; a < actions; a++)
-        if (a != 1) fill(children[a], random_floats(rng, n, -3.0f, 3.0f));  // child 1 empty
-      s.update_regrets(-1, -1, base, children.data(), nullptr, 1.0);
-      for (int a = 0; a < actions; a++)
-        for (int i = 0; i < n; i++) {
-          double c = children[a].data ? children[a].data[i] : 0.0;
-          ref[size_t(a)][size_t(i)] = ref_regret_f32(ref[size_t(a)][size_t(i)], c - base.data[i]);
-        }
-    }
-    for (int a = 0; a < actions; a++)
-      expect_near_all(s.rows[size_t(a)].data, ref[size_t(a)], size_t(n), 1e-4, "regret");
-
-    const std::vector<float> d(size_t(actions), 1.0f / float(actions));
-    Rows out(actions);
-    s.read_strategy(out.data(), -1, -1, d.data());
-    for (int i = 0; i < n; i++) {
-      double sum = 0;
-      for (int a = 0; a < actions; a++) sum += ref[size_t(a)][size_t(i)];
-      for (int a = 0; a < actions; a++) {
-        double e = sum < FLT_MIN ? d[size_t(a)] : ref[size_t(a)][size_t(i)] / sum;
-        EXPECT_NEAR(out[a].data[i], e, 2e-5) << "hand " << i;
-      }
-    }
-
-    // Sums: v += w s r per hand.
-    RowStore sums(actions, n);
-    ASSERT_TRUE(sums.materialise());
-    std::vector<std::vector<double>> sref(size_t(actions), std::vector<double>(size_t(n), 0.0));
-    for (int step = 0; step < 4; step++) {
-      Rows strat = random_strategy(rng, actions, n);
-      HandVector reach;
-      fill(reach, random_floats(rng, n, 0.0f, 1.0f));
-      float w = float(step + 1) * 2.5f;
-      sums.accumulate_strategy(-1, -1, strat.data(), reach, w);
-      for (int a = 0; a < actions; a++)
-        for (int i = 0; i < n; i++) sref[size_t(a)][size_t(i)] += double(w) * strat[a].data[i] * reach.data[i];
-    }
-    for (int a = 0; a < actions; a++)
-      expect_near_all(sums.rows[size_t(a)].data, sref[size_t(a)], size_t(n), 1e-4, "sum");
+    RowStore regrets(actions, 37), sums(actions, 37);
+    ASSERT_TRUE(regrets.materialise() && sums.materialise());
+    check_float_cell(regrets, sums, -1, -1, 37, actions, rng,
+                     [](Store& s, int a) { return to_vector(static_cast<RowStore&>(s).rows[size_t(a)]); });
   }
 }
 
