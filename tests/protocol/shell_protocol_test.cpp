@@ -77,63 +77,115 @@ TEST(Loop, ExactAnswersAndExitCodes) {
       {{"-t"}, "set_board Qs QsQs 2c\nis_ready\n", 1, "ERROR: invalid card\n"},
       // Echoed commands show their tokens without quotes.
       {{"-o"}, "echo \"a b\"\n# note\n", 0, "echo a b\na b\n# note\n"},
+      // Errors leave the loop running.
+      {{},
+       "set_pot 0 0 100\n"
+       "set_pot 1 2\n"
+       "foo bar\n"
+       "LABEL:\n"
+       "LABEL: x\n"
+       "# a comment\n"
+       "#another\n"
+       "set_threads x\n"
+       "set_threads 3x\n"
+       "set_threads 99999999999\n"
+       "   \n"
+       "set_board Qs Jh 2h Qs\n"
+       "set_board Qs Jh 2x\n"
+       "go\n",
+       0,
+       "set_pot ok!\n"
+       "ERROR: set_pot incorrect or missing argument\n"
+       "ERROR: Command foo not recognized\n"
+       "ERROR: Command LABEL: not recognized\n"
+       "ERROR: Invalid value\n"
+       "set_threads ok!\n"
+       "ERROR: Invalid value\n"
+       "ERROR: set_board duplicate cards\n"
+       "ERROR: invalid card\n"
+       "ERROR: go missing/incorrect tree\n"},
+      {{},
+       "repeat 2 a b\n"
+       "repeat 0 x\n"
+       "repeat 100000 x\n"
+       "repeat 3\n"
+       "repeat 1 100% %s %d\n"
+       "echo 50%\n"
+       "echo\n"
+       "repeat 2 go\n",
+       0,
+       "a b\na b\nEND\n"
+       "ERROR: repeat incorrect or missing argument\n"
+       "ERROR: repeat incorrect or missing argument\n"
+       "ERROR: repeat incorrect or missing argument\n"
+       "100% %s %d\nEND\n"
+       "50%\n"
+       "ERROR: echo incorrect or missing argument\n"
+       "go\ngo\nEND\n"},
+      {{},
+       "add_info_line \"#first 100%\"\n"
+       "add_info_line a b\n"
+       "add_info_line second\n"
+       "show_tree_info\n"
+       "reset_tree_info\n"
+       "show_tree_info\n",
+       0,
+       "add_info_line ok!\n"
+       "ERROR: add_info_line incorrect or missing argument\n"
+       "add_info_line ok!\n"
+       "#first 100%\nsecond\nEND\n"
+       "reset_tree_info ok!\n"
+       "END\n"},
+      {{},
+       "ignore_mem_check on\n"
+       "ignore_mem_check maybe\n"
+       "sleep 1\n"
+       "take_a_break 0\n"
+       "connect 127.0.0.1 5251\n"
+       "disconnect\n"
+       "set_eff_stack 500\n"
+       "set_eff_stack 0\n"
+       "is_tree_present_x\n",
+       0,
+       "ignore_mem_check ok!\n"
+       "ERROR: ignore_mem_check incorrect or missing argument\n"
+       "take_a_break ok!\n"
+       "connect ok!\n"
+       "disconnect ok!\n"
+       "set_eff_stack ok!\n"
+       "set_eff_stack ok!\n"
+       "ERROR: Command is_tree_present_x not recognized\n"},
+      {{},
+       "set_precision 2.5\nset_precision -2\nset_precision x\n"
+       "set_simd_level 0\nset_simd_level 9\nset_simd_level 8\n"
+       "enable_avx512 2\nenable_avx512 x\nenable_avx512 1\n"
+       "enable_river_strategy 01\nenable_adaptive_precision 0\n"
+       "set_scheduler 3\nset_scheduler 2\n"
+       "set_rake 1.5 10\nset_rake 0.05 -1\nset_rake 0.05 3\n"
+       "set_isomorphism 0 1\nset_isomorphism 1\n"
+       "set_recalc_accuracy 0.1 0.2 0.3\nset_recalc_accuracy a b c\n"
+       "set_threads 0\nai6_set_threads 2\n"
+       "set_hand_type_order a\n",
+       0,
+       "ERROR: set_precision incorrect or missing argument\nset_precision ok!\nERROR: Invalid value\n"
+       "ERROR: set_simd_level incorrect or missing argument\n"
+       "ERROR: set_simd_level incorrect or missing argument\nset_simd_level ok!\n"
+       "ERROR: enable_avx512 incorrect or missing argument\n"
+       "ERROR: enable_avx512 incorrect or missing argument\nenable_avx512 ok!\n"
+       "ERROR: enable_river_strategy incorrect or missing argument\nenable_adaptive_precision ok!\n"
+       "ERROR: set_scheduler incorrect or missing argument\nset_scheduler ok!\n"
+       "ERROR: set_rake incorrect or missing argument\n"
+       "ERROR: set_rake incorrect or missing argument\nset_rake ok!\n"
+       "set_isomorphism ok!\nERROR: set_isomorphism incorrect or missing argument\n"
+       "set_recalc_accuracy ok!\nERROR: Invalid value\n"
+       "set_threads ok!\nai6_set_threads ok!\n"
+       "ERROR: set_hand_type_order incorrect or missing argument\n"},
   };
   for (const Case& c : cases) {
     RunResult r = run_binary(c.args, c.input);
     EXPECT_EQ(r.rc, c.rc) << c.input;
     EXPECT_EQ(r.out, c.out) << c.input;
   }
-}
-
-TEST(Loop, AnswersAndErrors) {
-  RunResult r = run_binary({},
-                           "set_pot 0 0 100\n"
-                           "set_pot 1 2\n"
-                           "foo bar\n"
-                           "LABEL:\n"
-                           "LABEL: x\n"
-                           "# a comment\n"
-                           "#another\n"
-                           "set_threads x\n"
-                           "set_threads 3x\n"
-                           "set_threads 99999999999\n"
-                           "   \n"
-                           "set_board Qs Jh 2h Qs\n"
-                           "set_board Qs Jh 2x\n"
-                           "go\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out,
-            "set_pot ok!\n"
-            "ERROR: set_pot incorrect or missing argument\n"
-            "ERROR: Command foo not recognized\n"
-            "ERROR: Command LABEL: not recognized\n"
-            "ERROR: Invalid value\n"
-            "set_threads ok!\n"
-            "ERROR: Invalid value\n"
-            "ERROR: set_board duplicate cards\n"
-            "ERROR: invalid card\n"
-            "ERROR: go missing/incorrect tree\n");
-}
-
-TEST(Utility, RepeatAndEcho) {
-  RunResult r = run_binary({},
-                           "repeat 2 a b\n"
-                           "repeat 0 x\n"
-                           "repeat 100000 x\n"
-                           "repeat 3\n"
-                           "repeat 1 100% %s %d\n"
-                           "echo 50%\n"
-                           "echo\n"
-                           "repeat 2 go\n");
-  EXPECT_EQ(r.out,
-            "a b\na b\nEND\n"
-            "ERROR: repeat incorrect or missing argument\n"
-            "ERROR: repeat incorrect or missing argument\n"
-            "ERROR: repeat incorrect or missing argument\n"
-            "100% %s %d\nEND\n"
-            "50%\n"
-            "ERROR: echo incorrect or missing argument\n"
-            "go\ngo\nEND\n");
 }
 
 TEST(Utility, RepeatUpperBoundPasses) {
@@ -153,45 +205,6 @@ TEST(Utility, HelpListsSortedNamesWithoutPrefixedRows) {
   EXPECT_TRUE(std::is_sorted(lines.begin(), lines.end()));
   EXPECT_EQ(lines.front(), "add_info_line");
   for (const auto& l : lines) EXPECT_NE(l.rfind("ai6_", 0), 0u) << l;
-}
-
-TEST(Utility, TreeInfoLines) {
-  RunResult r = run_binary({},
-                           "add_info_line \"#first 100%\"\n"
-                           "add_info_line a b\n"
-                           "add_info_line second\n"
-                           "show_tree_info\n"
-                           "reset_tree_info\n"
-                           "show_tree_info\n");
-  EXPECT_EQ(r.out,
-            "add_info_line ok!\n"
-            "ERROR: add_info_line incorrect or missing argument\n"
-            "add_info_line ok!\n"
-            "#first 100%\nsecond\nEND\n"
-            "reset_tree_info ok!\n"
-            "END\n");
-}
-
-TEST(Utility, SmallCommands) {
-  RunResult r = run_binary({},
-                           "ignore_mem_check on\n"
-                           "ignore_mem_check maybe\n"
-                           "sleep 1\n"
-                           "take_a_break 0\n"
-                           "connect 127.0.0.1 5251\n"
-                           "disconnect\n"
-                           "set_eff_stack 500\n"
-                           "set_eff_stack 0\n"
-                           "is_tree_present_x\n");
-  EXPECT_EQ(r.out,
-            "ignore_mem_check ok!\n"
-            "ERROR: ignore_mem_check incorrect or missing argument\n"
-            "take_a_break ok!\n"
-            "connect ok!\n"
-            "disconnect ok!\n"
-            "set_eff_stack ok!\n"
-            "set_eff_stack ok!\n"
-            "ERROR: Command is_tree_present_x not recognized\n");
 }
 
 TEST(Utility, SolverTimeAndInstructionSet) {
@@ -312,34 +325,6 @@ TEST(SetUp, RangeStatisticsAndLowCard) {
             "ERROR: set_low_card incorrect or missing argument\n"
             "ERROR: set_board invalid card\n"
             "set_board ok!\n");
-}
-
-TEST(SetUp, SettingsBounds) {
-  RunResult r = run_binary({},
-                           "set_precision 2.5\nset_precision -2\nset_precision x\n"
-                           "set_simd_level 0\nset_simd_level 9\nset_simd_level 8\n"
-                           "enable_avx512 2\nenable_avx512 x\nenable_avx512 1\n"
-                           "enable_river_strategy 01\nenable_adaptive_precision 0\n"
-                           "set_scheduler 3\nset_scheduler 2\n"
-                           "set_rake 1.5 10\nset_rake 0.05 -1\nset_rake 0.05 3\n"
-                           "set_isomorphism 0 1\nset_isomorphism 1\n"
-                           "set_recalc_accuracy 0.1 0.2 0.3\nset_recalc_accuracy a b c\n"
-                           "set_threads 0\nai6_set_threads 2\n"
-                           "set_hand_type_order a\n");
-  EXPECT_EQ(r.out,
-            "ERROR: set_precision incorrect or missing argument\nset_precision ok!\nERROR: Invalid value\n"
-            "ERROR: set_simd_level incorrect or missing argument\n"
-            "ERROR: set_simd_level incorrect or missing argument\nset_simd_level ok!\n"
-            "ERROR: enable_avx512 incorrect or missing argument\n"
-            "ERROR: enable_avx512 incorrect or missing argument\nenable_avx512 ok!\n"
-            "ERROR: enable_river_strategy incorrect or missing argument\nenable_adaptive_precision ok!\n"
-            "ERROR: set_scheduler incorrect or missing argument\nset_scheduler ok!\n"
-            "ERROR: set_rake incorrect or missing argument\n"
-            "ERROR: set_rake incorrect or missing argument\nset_rake ok!\n"
-            "set_isomorphism ok!\nERROR: set_isomorphism incorrect or missing argument\n"
-            "set_recalc_accuracy ok!\nERROR: Invalid value\n"
-            "set_threads ok!\nai6_set_threads ok!\n"
-            "ERROR: set_hand_type_order incorrect or missing argument\n");
 }
 
 TEST(SetUp, HandOrder) {

@@ -415,70 +415,41 @@ std::vector<float> union_reach(const Batch& b) {
   return u;
 }
 
-TEST_F(KernelsTest, EveryBatchWidthEqualsOneTerminal) {
-  std::mt19937 rng(19);
-  for (uint32_t lv : {0u, 25u, 4u}) {
-    for (int keep : {10, 3}) {
-      RiverList l = lv ? synthetic_list(rng, keep, lv) : real_list(random_board(rng));
-      int32_t n = l.count();
-      for (int width : {1, 2, 3, 4, 6, 8}) {
-        Batch b = make_batch(rng, l, width, true);
-        std::vector<uint16_t> mu = masks_of(l, union_reach(b).data());
-        RiverGroups g{l.lengths.data(), mu.data(), int32_t(l.lengths.size())};
-        for_each_isa([&](const std::string& isa) {
-          std::string what = isa + " width " + std::to_string(width) + " hands " + std::to_string(n);
-          showdown_value_lanes(width, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), n, g, l.packed.data());
-          for (int t = 0; t < width; t++) {
-            std::vector<float> want = showdown(l, b.reach[size_t(t)], b.values[size_t(t)]);
-            expect_near_all(b.out[size_t(t)], want, scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
-                            "showdown " + what + " lane " + std::to_string(t));
-          }
-          if (width > 4) return;
-          fold_value_lanes(width, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), n, l.packed.data());
-          for (int t = 0; t < width; t++) {
-            std::vector<float> want = fold(l, b.reach[size_t(t)], b.values[size_t(t)]);
-            expect_near_all(b.out[size_t(t)], want, scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
-                            "fold " + what + " lane " + std::to_string(t));
-          }
-        });
-        if (HasFatalFailure()) return;
-      }
-    }
-  }
-}
-
 TEST_F(KernelsTest, BatchDriverOverAnyCountAndLevel) {
-  // Nine terminals at every level, with an empty reach among them: every
-  // terminal gets the one-terminal result (the empty one zeros).
+  // Nine terminals at every level, so that every lane width runs, with an
+  // empty reach and one below FLT_MIN among them: every terminal gets the
+  // one-terminal result (those two zeros).
   std::mt19937 rng(21);
-  RiverList l = synthetic_list(rng, 7, 60);
-  int32_t n = l.count();
-  Batch b = make_batch(rng, l, 9, false);
-  b.reach_ptr[3] = nullptr;
-  std::vector<float> u = union_reach(b);
-  std::vector<uint16_t> mu = masks_of(l, u.data());
-  RiverGroups g{l.lengths.data(), mu.data(), int32_t(l.lengths.size())};
-  std::vector<std::vector<float>> want_s, want_f;
-  for (int t = 0; t < 9; t++) {
-    std::vector<float> r = t == 3 ? std::vector<float>() : b.reach[size_t(t)];
-    want_s.push_back(showdown(l, r, b.values[size_t(t)]));
-    want_f.push_back(fold(l, r, b.values[size_t(t)]));
-  }
-  for (int level = 1; level <= 8; level++) {
-    SimdLevel = level;
-    for_each_isa([&](const std::string& isa) {
-      std::string what = isa + " level " + std::to_string(level);
-      showdown_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n, g, l.packed.data());
-      for (int t = 0; t < 9; t++)
-        expect_near_all(b.out[size_t(t)], want_s[size_t(t)], scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
-                        "showdown " + what + " t " + std::to_string(t));
-      fold_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n, l.packed.data());
-      for (int t = 0; t < 9; t++)
-        expect_near_all(b.out[size_t(t)], want_f[size_t(t)], scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
-                        "fold " + what + " t " + std::to_string(t));
-      expect_zeros(b.out[3], "empty terminal " + what);
-    });
-    if (HasFatalFailure()) return;
+  for (int list = 0; list < 3; list++) {
+    RiverList l = list == 0 ? real_list(random_board(rng)) : synthetic_list(rng, list == 1 ? 7 : 3, list == 1 ? 60 : 4);
+    int32_t n = l.count();
+    Batch b = make_batch(rng, l, 9, true);
+    b.reach_ptr[3] = nullptr;
+    std::vector<uint16_t> mu = masks_of(l, union_reach(b).data());
+    RiverGroups g{l.lengths.data(), mu.data(), int32_t(l.lengths.size())};
+    std::vector<std::vector<float>> want_s, want_f;
+    for (int t = 0; t < 9; t++) {
+      std::vector<float> r = t == 3 ? std::vector<float>() : b.reach[size_t(t)];
+      want_s.push_back(showdown(l, r, b.values[size_t(t)]));
+      want_f.push_back(fold(l, r, b.values[size_t(t)]));
+    }
+    for (int level = 1; level <= 8; level++) {
+      SimdLevel = level;
+      for_each_isa([&](const std::string& isa) {
+        std::string what = isa + " level " + std::to_string(level) + " list " + std::to_string(list);
+        showdown_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n, g, l.packed.data());
+        for (int t = 0; t < 9; t++)
+          expect_near_all(b.out[size_t(t)], want_s[size_t(t)], scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
+                          "showdown " + what + " t " + std::to_string(t));
+        fold_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n, l.packed.data());
+        for (int t = 0; t < 9; t++)
+          expect_near_all(b.out[size_t(t)], want_f[size_t(t)], scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
+                          "fold " + what + " t " + std::to_string(t));
+        expect_zeros(b.out[3], "empty terminal " + what);
+        expect_zeros(b.out[4], "tiny terminal " + what);
+      });
+      if (HasFatalFailure()) return;
+    }
   }
 }
 

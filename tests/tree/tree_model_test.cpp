@@ -138,29 +138,6 @@ TEST_F(TreeModel, TurnRootLocksAndKeepsOneRecord) {
   EXPECT_EQ(StrategyExponent, 1.5);
 }
 
-TEST_F(TreeModel, RiverRootWeighsLateIterations) {
-  add("0 0");
-  Tree& t = build(3);
-  EXPECT_EQ(t.nodes[0].street, 3);
-  EXPECT_EQ(t.nodes[0].turn_locks, nullptr);
-  EXPECT_EQ(t.nodes[0].street_record_count, 49);
-  EXPECT_EQ(StrategyExponent, 4.0);
-  EXPECT_EQ(StrategyWeightCap, DBL_MAX);
-}
-
-TEST_F(TreeModel, ActionSummaryIsASideLine) {
-  add("30 90 90");
-  StartStreet = 1;
-  const Card flop[3] = {0, 1, 2};
-  Range ranges[2] = {Range(HandCount, 1.0), Range(HandCount, 1.0)};
-  ShowComments = true;
-  OutputBuffer.clear();
-  make_tree(flatten_lines(SchematicRoot.get()), flop, -1, -1, ranges, true);
-  ShowComments = false;
-  EXPECT_EQ(OutputBuffer, "#actions max 3 avg 2\n");
-  EXPECT_EQ(ActiveTree->flags, uint32_t(NEW_TREE | ISOMORPHISM_ON));
-}
-
 // ---- Lifetime ----------------------------------------------------------------------
 
 TEST_F(TreeModel, RebuildAndFreeReleaseEverything) {
