@@ -42,6 +42,7 @@ TEST(CardReader, EdgeCases) {
   EXPECT_TRUE(try_parse_cards("Kd", m));
   EXPECT_EQ(m, CardBit(24));
   for (const char* t : {"As", "AS", "as", "aS"}) EXPECT_EQ(parse_cards(t), CardBit(51)) << t;
+  EXPECT_EQ(parse_cards("tc"), CardBit(8));
   EXPECT_EQ(parse_cards("AsKdQh"), parse_cards("As Kd  Qh"));
 }
 

@@ -53,6 +53,9 @@ TEST(Table, UniqueRowsFoundByExactName) {
   std::set<std::string> names;
   for (const CommandEntry& e : CommandTable) names.insert(e.name);
   EXPECT_EQ(names.size(), size_t(CommandCount));
+  const std::pair<const char*, int> counts[] = {
+      {"set_range", 1328}, {"combo_lock_node", 1328}, {"set_strategy", 1329}, {"set_hand_type_order", 10}, {"go", -1}};
+  for (auto [name, count] : counts) EXPECT_EQ(find_command(name)->arg_count, count) << name;
   EXPECT_EQ(find_command("set_threads")->handler, find_command("ai6_set_threads")->handler);
   EXPECT_EQ(find_command("Set_range"), nullptr);
 }

@@ -195,21 +195,6 @@ TEST(FseBlock, TooSmallDestination) {
   }
 }
 
-TEST(FseBlock, RoundTripsSizes) {
-  std::mt19937 rng(6);
-  for (size_t n : {2, 3, 4, 5, 6, 7, 8, 9, 15, 16, 17, 31, 33, 64, 100, 255, 1000, 4097, 30000, 65536}) {
-    Bytes two(n, 0);
-    two[0] = 1;
-    two[n - 1] = 1;
-    if (n >= 16) expect_round_trip(two);
-    for (double decay : {0.1, 0.5, 0.9}) {
-      Bytes src = skewed(rng, n, 256, decay);
-      if (compress(src).empty()) continue;  // tiny or flat sources may not pay
-      expect_round_trip(src);
-    }
-  }
-}
-
 TEST(FseBlock, RoundTripsTableLogsAndAlphabets) {
   std::mt19937 rng(8);
   for (unsigned log = 5; log <= 12; log++) {

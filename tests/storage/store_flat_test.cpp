@@ -120,6 +120,7 @@ TEST_F(FlatStoreTest, Word16WriteRowTruncatesAndLimits) {
   StoreShape shape = make_store_shape(2, {{6}});
   Word16FlatStore s(&shape);
   EXPECT_EQ(s.value_width(), 2);
+  EXPECT_EQ(s.cell_factors, std::vector<float>(1, 1.0f));
   ASSERT_TRUE(s.materialise());
   std::vector<float> row = {3.9f, -5.0f, 70000.0f, 65534.7f, 0.4f, 65535.0f};
   s.write_row(0, 0, 1, row.data());

@@ -257,6 +257,21 @@ TEST_F(PackedStoreTest, SumsAgainstReference) {
   close_river_group(&ref, 1, 0, false);
 }
 
+// Rows written through the store are limited to 16 bits and survive a close.
+TEST_F(PackedStoreTest, WriteRowSurvivesCloseAndOpen) {
+  StoreShape shape = make_store_shape(2, {{4}});
+  PackedStore s(&shape, 1, true);
+  RiverStoreRef ref{&s, 0};
+  open_river_group(&ref, 1, 0);
+  std::vector<float> r1 = {3, 5, 0, 1e6f};
+  s.write_row(0, 0, 1, r1.data());
+  close_river_group(&ref, 1, 0, true);
+  open_river_group(&ref, 1, 0);
+  EXPECT_EQ(group_values(s, 0)[0][1], (std::vector<uint32_t>{3, 5, 0, 65535}));
+  EXPECT_EQ(group_values(s, 0)[0][0], (std::vector<uint32_t>{0, 0, 0, 0}));
+  close_river_group(&ref, 1, 0, false);
+}
+
 TEST_F(PackedStoreTest, SaveLoadKeepsTheCompressedGroups) {
   for (int level : {1, 2}) {
     for (bool wide16 : {true, false}) {

@@ -3,6 +3,7 @@
 // replan resets.
 #include <gtest/gtest.h>
 
+#include <cfloat>
 #include <string>
 #include <typeinfo>
 
@@ -77,6 +78,8 @@ TEST_F(PlanStores, FlopRootRiverClassesFollowTheLevelTable) {
     EXPECT_EQ(kind(first_on(3).strategyStore), river[level][1]);
     EXPECT_EQ(MaxIterations, level == 5 ? 2200 : 9000);
     EXPECT_EQ(RiverGroupIterations, level == 4 ? 30 : 0);
+    EXPECT_EQ(StrategyExponent, 1.5);
+    EXPECT_EQ(StrategyWeightCap, 262143.0);
     EXPECT_EQ(ActiveTree->regret_level, compression_pair(level).regrets);
     EXPECT_EQ(ActiveTree->strategy_level, compression_pair(level).strategy);
   }
@@ -99,6 +102,7 @@ TEST_F(PlanStores, TurnAndRiverRootsKeepPlainFloatsOnTheRiver) {
     build("Qs Jh 2h 7c 3d", "50 50", level);
     EXPECT_EQ(kind(first_on(3).regretStore), "float");
     EXPECT_EQ(StrategyExponent, 4.0);
+    EXPECT_EQ(StrategyWeightCap, DBL_MAX);
   }
 }
 

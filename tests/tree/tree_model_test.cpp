@@ -78,6 +78,7 @@ TEST_F(TreeModel, SixChecksMakeSevenNodesWithStreetExtras) {
     EXPECT_EQ(n.parent_index, i - 1) << i;
     EXPECT_EQ(n.parent, i ? &t.nodes[i - 1] : nullptr) << i;
     EXPECT_EQ(n.children, i < 6 ? std::vector<int32_t>{i + 1} : std::vector<int32_t>{}) << i;
+    EXPECT_EQ(n.cell_mark[0] & n.cell_mark[1], -1) << i;  // both unset
     // Only the first node of the turn locks per turn card.
     EXPECT_EQ(n.turn_locks != nullptr, i == 2) << i;
   }
