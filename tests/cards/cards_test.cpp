@@ -41,13 +41,9 @@ TEST(CardReader, EdgeCases) {
   EXPECT_FALSE(try_parse_cards(" As", m));
   EXPECT_TRUE(try_parse_cards("Kd", m));
   EXPECT_EQ(m, CardBit(24));
-}
-
-TEST(CardReader, CaseAndSpacing) {
   for (const char* t : {"As", "AS", "as", "aS"}) EXPECT_EQ(parse_cards(t), CardBit(51)) << t;
   EXPECT_EQ(parse_cards("tc"), CardBit(8));
   EXPECT_EQ(parse_cards("AsKdQh"), parse_cards("As Kd  Qh"));
-  EXPECT_EQ(card_count(parse_cards("AsKdQh")), 3);
 }
 
 TEST(CardReader, Numbering) {
@@ -64,43 +60,6 @@ TEST(CardReader, Numbering) {
 
 // ---- Hand orders ---------------------------------------------------------------
 
-TEST(HandOrder, NameList) {
-  EXPECT_EQ(strlen(HandOrderText), 6629u);
-  EXPECT_EQ(std::string(HandOrderText, 4), "2d2c");
-  EXPECT_EQ(std::string(HandOrderText + 6625), "AsAh");
-  int blanks = 0;
-  for (const char* p = HandOrderText; *p; p++) blanks += *p == ' ';
-  EXPECT_EQ(blanks, 1325);
-}
-
-TEST(HandOrder, KnownIndices) {
-  EXPECT_EQ(HandToPair[0], 78);     // 2d2c
-  EXPECT_EQ(PairToHand[0], 6);      // 3c2c
-  EXPECT_EQ(HandToPair[1325], 1313);  // AsAh
-  EXPECT_EQ(PairToHand[1325], 1322);  // AsKs
-  EXPECT_EQ(HandMasks[14], parse_cards("3d3c"));
-  EXPECT_EQ(HandMasks[10], parse_cards("3d2c"));
-  EXPECT_EQ(pair_text(0), "3c 2c");
-  EXPECT_EQ(pair_text(1325), "As Ks");
-}
-
-TEST(HandOrder, BothOrdersArePermutationsAndInverse) {
-  std::set<int> pairs, hands;
-  std::set<CardMask> masks;
-  for (int h = 0; h < 1326; h++) {
-    pairs.insert(HandToPair[h]);
-    hands.insert(PairToHand[h]);
-    masks.insert(HandMasks[h]);
-    ASSERT_EQ(PairToHand[HandToPair[h]], h);
-    ASSERT_EQ(HandToPair[PairToHand[h]], h);
-  }
-  EXPECT_EQ(pairs.size(), 1326u);
-  EXPECT_EQ(hands.size(), 1326u);
-  EXPECT_EQ(masks.size(), 1326u);
-  EXPECT_EQ(*pairs.rbegin(), 1325);
-  EXPECT_EQ(*hands.rbegin(), 1325);
-}
-
 // The tables come from the stored names; they must agree with the formulas.
 TEST(HandOrder, TablesAgreeWithTheFormulas) {
   for (int hi = 1; hi < 52; hi++)
@@ -115,9 +74,12 @@ TEST(HandOrder, TablesAgreeWithTheFormulas) {
       if (a < b) std::swap(a, b), std::swap(first, second);
       int h = a * (a - 1) / 2 + b;
       ASSERT_EQ(HandToPair[h], p);
+      ASSERT_EQ(PairToHand[p], h);
       ASSERT_EQ(HandMasks[h], m);
       ASSERT_EQ(std::string(HandOrderText + 5 * h, 4), card_text(first) + card_text(second));
     }
+  EXPECT_EQ(strlen(HandOrderText), 6629u);  // 1326 names and the blanks between them
+  EXPECT_EQ(pair_text(1325), "As Ks");
 }
 
 TEST(HandOrder, ShapeBuckets) {
@@ -151,16 +113,12 @@ TEST(HandOrder, ShapeBuckets) {
     }
   EXPECT_EQ(total, 1326);
   EXPECT_EQ(seen.size(), 1326u);
-  EXPECT_EQ(ShapeBuckets[11 * 13 + 12].size(), 4u);  // AKs
-  EXPECT_EQ(ShapeBuckets[12 * 13 + 11].size(), 12u);  // AKo
-  EXPECT_EQ(ShapeBuckets[0][0], HandToPair[0]);       // 22 starts with 2d2c
 }
 
 TEST(HandOrder, BuildingAgainGivesTheSameBuckets) {
   std::vector<uint16_t> before = ShapeBuckets[168];
   build_card_tables();
   EXPECT_EQ(ShapeBuckets[168], before);
-  EXPECT_EQ(ShapeBuckets[168].size(), 6u);
 }
 
 // ---- Commands ----------------------------------------------------------------------
@@ -179,22 +137,9 @@ TEST_F(CardCommands, SetLowCard) {
   EXPECT_EQ(LowCardIndex, 0);
   cmd_set_low_card({"set_low_card", "6"});
   EXPECT_EQ(LowCardIndex, 4);
-  EXPECT_EQ(OutputBuffer, "set_low_card ok!\nset_low_card ok!\n");
-  for (const char* bad : {"1", "7"}) {
-    try {
-      cmd_set_low_card({"set_low_card", bad});
-      ADD_FAILURE() << bad;
-    } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "ERROR: set_low_card incorrect or missing argument\n");
-    }
-    EXPECT_EQ(LowCardIndex, 4);
-  }
+  EXPECT_THROW(cmd_set_low_card({"set_low_card", "7"}), std::runtime_error);
+  EXPECT_EQ(LowCardIndex, 4);
   EXPECT_THROW(cmd_set_low_card({"set_low_card", "six"}), std::invalid_argument);
-}
-
-TEST_F(CardCommands, ShowHandOrder) {
-  cmd_show_hand_order({"show_hand_order"});
-  EXPECT_EQ(OutputBuffer, std::string(HandOrderText) + "\n");
 }
 
 }  // namespace

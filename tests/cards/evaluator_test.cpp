@@ -69,11 +69,6 @@ HandValue best_five_of(const Card* cards, int n) {
   return best;
 }
 
-Card card_of(const char* text) {
-  CardMask m = parse_cards(text);
-  return Card(__builtin_ctzll(m));
-}
-
 std::vector<Card> cards_of(const std::string& text) {
   std::vector<Card> out;
   for (CardMask m = parse_cards(text); m; m &= m - 1) out.push_back(Card(__builtin_ctzll(m)));
@@ -137,10 +132,7 @@ struct EvaluatorTest : ::testing::Test {
 // ---- Rank tables ------------------------------------------------------------
 
 TEST(RankTables, EveryEntryMatchesADirectCount) {
-  EXPECT_EQ(RankCount[0], 0u);
-  EXPECT_EQ(TopRank[0], 0u);
-  EXPECT_EQ(TopFive[0], 0u);
-  EXPECT_EQ(StraightValue[0], 0u);
+  EXPECT_EQ(RankCount[0] | TopRank[0] | TopFive[0] | StraightValue[0], 0u);
   for (uint32_t m = 1; m < uint32_t(RankTableSize); m++) {
     std::vector<uint32_t> ranks;  // high first
     for (int r = 12; r >= 0; r--)
@@ -157,19 +149,6 @@ TEST(RankTables, EveryEntryMatchesADirectCount) {
     if (!straight && (m & 0x100F) == 0x100F) straight = 0x04030000;
     ASSERT_EQ(StraightValue[m], straight) << m;
   }
-}
-
-TEST(RankTables, KnownEntries) {
-  EXPECT_EQ(TopFive[0x1F00], 0xCBA98u);         // ace to ten
-  EXPECT_EQ(TopFive[0x0007], 0x210u);           // three ranks packed right
-  EXPECT_EQ(TopFive[0x1FC0], 0xCBA98u);         // seven ranks keep the top five
-  EXPECT_EQ(StraightValue[0x1F00], 0x040C0000u);
-  EXPECT_EQ(StraightValue[0x100F], 0x04030000u);
-  EXPECT_EQ(StraightValue[0x101F], 0x04040000u);  // six-high beats the wheel
-  EXPECT_EQ(StraightValue[0x1F80], 0x040C0000u);  // two straights: the higher
-  EXPECT_EQ(StraightValue[0x1C0F], 0x04030000u);  // queen to ace plus deuce to five: the wheel
-  EXPECT_EQ(StraightValue[0x0F0F], 0u);
-  EXPECT_TRUE(build_rank_tables());  // a second call is harmless
 }
 
 // ---- Three, four and five cards ---------------------------------------------
@@ -216,14 +195,6 @@ TEST(FiveCards, ThreeAndFourCardHandsMatchTheReference) {
   EXPECT_EQ(value_of("AsKh9d"), 0x000CB700u);    // fields fill from F1 down
 }
 
-TEST(FiveCards, SpecialValues) {
-  EXPECT_EQ(value_of("AsKdQhJcTs"), 0x040C0000u);
-  EXPECT_EQ(value_of("As2d3h4c5s"), 0x04030000u);
-  EXPECT_EQ(value_of("Ah2h3h4h5h"), 0x08030000u);
-  EXPECT_EQ(value_of("AhKhQhJhTh"), 0x080C0000u);
-  EXPECT_LT(value_of("As2d3h4c5s"), value_of("2s3d4h5c6s"));  // the wheel is the lowest straight
-}
-
 TEST(FiveCards, OtherCountsGiveZero) {
   Card c[8] = {0, 1, 2, 3, 4, 5, 6, 7};
   EXPECT_EQ(evaluate_cards(c, 2), 0u);
@@ -234,23 +205,9 @@ TEST(FiveCards, OtherCountsGiveZero) {
 
 // ---- Six and seven cards ----------------------------------------------------
 
-TEST(SevenCards, RandomHandsEqualTheBestFiveCardSubset) {
-  std::mt19937_64 rng(20240611);
-  std::vector<Card> deck = full_deck();
-  for (int n = 6; n <= 7; n++)
-    for (int i = 0; i < 200000; i++) {
-      std::vector<Card> c = draw(rng, deck, n);
-      HandValue want = best_five_of(c.data(), n);
-      ASSERT_EQ(evaluate_cards(c.data(), n), want) << n << " " << i;
-      CardMask m = 0;
-      for (Card x : c) m |= CardBit(x);
-      ASSERT_EQ(evaluate_mask(m), want);
-      ASSERT_EQ(evaluate_mask_plain(m), want);
-    }
-}
-
-// Random hands rarely hold four of a rank or two suits only: draw every rank
-// pattern, with random suits, and hands from two suits for flushes.
+// Every rank pattern of five to seven cards, with random suits, and hands from
+// two suits for flushes, against the best five-card subset; the mask entry
+// points agree.
 TEST(SevenCards, EveryRankPatternEqualsTheBestFiveCardSubset) {
   std::mt19937_64 rng(77);
   for (int n = 5; n <= 7; n++) {
@@ -269,7 +226,11 @@ TEST(SevenCards, EveryRankPatternEqualsTheBestFiveCardSubset) {
             for (int k = i; k < j; k++) c.push_back(MakeCard(ranks[i], suits[k - i]));
             i = j;
           }
-          ASSERT_EQ(evaluate_cards(c.data(), n), best_five_of(c.data(), n));
+          HandValue v = evaluate_cards(c.data(), n);
+          ASSERT_EQ(v, best_five_of(c.data(), n));
+          CardMask m = 0;
+          for (Card x : c) m |= CardBit(x);
+          ASSERT_EQ(evaluate_mask(m), v);
         }
         return;
       }
@@ -290,6 +251,10 @@ TEST(SevenCards, EveryRankPatternEqualsTheBestFiveCardSubset) {
       std::vector<Card> c = draw(rng, two_suits, n);
       HandValue v = evaluate_cards(c.data(), n);
       ASSERT_EQ(v, best_five_of(c.data(), n));
+      CardMask m = 0;
+      for (Card x : c) m |= CardBit(x);
+      ASSERT_EQ(evaluate_mask(m), v);
+      ASSERT_EQ(evaluate_mask_plain(m), v);
       flushes += (v >> 24) == CAT_FLUSH;
       straight_flushes += (v >> 24) == CAT_STRAIGHTFLUSH;
     }
@@ -297,16 +262,12 @@ TEST(SevenCards, EveryRankPatternEqualsTheBestFiveCardSubset) {
   EXPECT_GT(straight_flushes, 100);
 }
 
+// Shapes the walks above reach rarely; eval_hand's lines below hold more.
 TEST(SevenCards, ShapeEdgeCases) {
-  EXPECT_EQ(value_of("7c7d8c8d9c9dKh"), 0x02076B00u);  // three pairs, king kicker
-  EXPECT_EQ(value_of("7c7d8c8d9c9d2h"), 0x02076500u);  // three pairs: the third pair kicks
-  EXPECT_EQ(value_of("AcAdAhKcKdKhQc"), 0x060CB000u);  // two trips
   EXPECT_EQ(value_of("AcAdAhAsKcKdKh"), 0x070CB000u);  // quads and trips
   EXPECT_EQ(value_of("2c2d2h2s3c3dKh"), 0x0700B000u);  // quads, kicker above the pair
   EXPECT_EQ(value_of("QcQdQh5c5d3c3d"), 0x060A3000u);  // trips and two pairs
-  EXPECT_EQ(value_of("Ac2d3h4s5cKdQh"), 0x04030000u);
   EXPECT_EQ(value_of("Ah2h3h4h5h6h7h"), 0x08050000u);  // seven of a suit, straight flush to the seven
-  EXPECT_EQ(value_of("AhKhQhJhTh2c3c"), 0x080C0000u);
   EXPECT_EQ(value_of("AhKh9h5h3h2hKc"), 0x050CB731u);  // six of a suit: top five
 }
 
@@ -322,8 +283,7 @@ TEST_F(EvaluatorTest, ReducedDeckLowStraight) {
   EXPECT_EQ(value_of("9h8h7hKh2h6cAc"), 0x050B7650u);  // flush in another suit stays a flush
   EXPECT_EQ(value_of("9h8h7h6hAhKc"), 0x08030000u);
   // Plain values know nothing of the reduced deck.
-  Card c[5] = {card_of("9c"), card_of("8d"), card_of("7h"), card_of("6s"), card_of("Ac")};
-  EXPECT_EQ(evaluate_cards_plain(c, 5), 0x000C7654u);
+  EXPECT_EQ(evaluate_cards_plain(cards_of("9c8d7h6sAc").data(), 5), 0x000C7654u);
   // Above trips in the order only: with trips placed over straights, trips stay.
   run(cmd_set_hand_type_order,
       {"set_hand_type_order", "highcard", "pair", "twopair", "straight", "trips", "flush", "fullhouse", "quads",
@@ -335,9 +295,6 @@ TEST_F(EvaluatorTest, CategoryOrderMovesTheTopByteOnly) {
   EXPECT_EQ(run(cmd_set_hand_type_order, {"set_hand_type_order", "highcard", "pair", "twopair", "trips", "straight",
                                           "fullhouse", "flush", "quads", "straightflush"}),
             "set_hand_type_order ok!\n");
-  EXPECT_FALSE(HandTypeOrderIsDefault);
-  EXPECT_EQ(HandTypePosition[CAT_FLUSH], 6);
-  EXPECT_EQ(HandTypePosition[CAT_FULLHOUSE], 5);
   EXPECT_EQ(value_of("AhKh9h5h3h"), 0x060CB731u);
   EXPECT_EQ(value_of("AhAdAcKsKd"), 0x050CB000u);
   EXPECT_GT(value_of("2h3h4h5h7h"), value_of("AhAdAcKsKd"));
@@ -409,16 +366,11 @@ TEST_F(EvaluatorTest, EvalHandCardCounts) {
 }
 
 TEST_F(EvaluatorTest, EvalHandReducedDeckWords) {
-  LowCardIndex = 4;
-  EXPECT_EQ(eval_line("9c8d7h6sAc"), "9c8d7h6sAc | 5 cards | 04030000 |      straight | nine eight seven six ace\n");
-  EXPECT_EQ(eval_line("9h8h7h6hAh"), "9h8h7h6hAh | 5 cards | 08030000 | straightflush | nine eight seven six ace\n");
-  // set_low_card is the way users reach it.
-  LowCardIndex = 0;
+  // set_low_card is the way users reach it; eval_hand knows no hole cards.
   EXPECT_EQ(run(cmd_set_low_card, {"set_low_card", "6"}), "set_low_card ok!\n");
-  EXPECT_EQ(describe_hand_value(value_of("9c8d7h6sAc")), "nine eight seven six ace");
-  // eval_hand knows no hole cards.
   MustUseHoleCards = 2;
   EXPECT_EQ(eval_line("9c8d7h6sAc"), "9c8d7h6sAc | 5 cards | 04030000 |      straight | nine eight seven six ace\n");
+  EXPECT_EQ(eval_line("9h8h7h6hAh"), "9h8h7h6hAh | 5 cards | 08030000 | straightflush | nine eight seven six ace\n");
 }
 
 // ---- Hole cards on a board -------------------------------------------------------
@@ -462,28 +414,17 @@ TEST_F(EvaluatorTest, BoardHolesFollowTheHoleCardRule) {
       }
 }
 
-TEST_F(EvaluatorTest, BothHoleCardsOnAFourHeartBoard) {
+TEST_F(EvaluatorTest, SetMustUseHoleCards) {
   CardMask board = parse_cards("2h5h9hKh7c");
-  CardMask holes[2] = {parse_cards("Ah3c"), parse_cards("AhQh")};
-  HandValue out[2];
-  evaluate_board_holes(holes, 2, board, out);
-  EXPECT_EQ(out[0] >> 24, CAT_FLUSH);
+  CardMask holes[1] = {parse_cards("Ah3c")};
+  HandValue out[1];
   EXPECT_EQ(run(cmd_set_must_use_hole_cards, {"set_must_use_hole_cards", "2"}), "set_must_use_hole_cards ok!\n");
-  evaluate_board_holes(holes, 2, board, out);
+  evaluate_board_holes(holes, 1, board, out);
   EXPECT_EQ(out[0], 0x000CB751u);  // ace king nine seven trey: no flush
-  EXPECT_EQ(out[1] >> 24, CAT_FLUSH);
-  MustUseHoleCards = 1;
-  evaluate_board_holes(holes, 2, board, out);
-  EXPECT_EQ(out[0], 0x050CB730u);  // one hole card with four board hearts
-  evaluate_board_holes(holes, 2, parse_cards("2h5h9h"), out);
-  EXPECT_EQ(out[0], 0u);  // fewer than four board cards: nothing to choose
-}
-
-TEST_F(EvaluatorTest, SetMustUseHoleCardsErrors) {
   const std::string bad = "ERROR: set_must_use_hole_cards incorrect or missing argument\n";
   EXPECT_EQ(error_of(cmd_set_must_use_hole_cards, {"set_must_use_hole_cards", "3"}), bad);
   EXPECT_EQ(error_of(cmd_set_must_use_hole_cards, {"set_must_use_hole_cards", "-1"}), bad);
-  EXPECT_EQ(MustUseHoleCards, 0);
+  EXPECT_EQ(MustUseHoleCards, 2);
   EXPECT_THROW(cmd_set_must_use_hole_cards({"set_must_use_hole_cards", "x"}), std::invalid_argument);
   EXPECT_THROW(cmd_set_must_use_hole_cards({"set_must_use_hole_cards", "99999999999"}), std::out_of_range);
   SuppressOk = true;

@@ -51,54 +51,30 @@ bool is_permutation(const SuitMap& map) {
   return seen == 15;
 }
 
-TEST_F(Isomorphism, FlopNamingFollowsSuitCounts) {
-  // Qs Jh 2h: hearts (two cards) first, spades second.
-  CardMask flop = parse_cards("QsJh2h"), turn = 0, river = 0;
-  SuitMap map = canonicalise_board(flop, turn, river);
-  EXPECT_EQ(map.to[2], 0);
-  EXPECT_EQ(map.to[3], 1);
-  EXPECT_TRUE(is_permutation(map));
-  EXPECT_EQ(flop, CardBit(MakeCard(0, 0)) | CardBit(MakeCard(9, 0)) | CardBit(MakeCard(10, 1)));
-  EXPECT_EQ(turn, 0u);
-  EXPECT_EQ(river, 0u);
-
-  // One suit: it becomes suit 0 and the others follow in suit order.
-  flop = parse_cards("9h7h2h");
-  map = canonicalise_board(flop, turn, river);
-  EXPECT_EQ(map.to[2], 0);
-  EXPECT_EQ(map.to[0], 1);
-  EXPECT_EQ(map.to[1], 2);
-  EXPECT_EQ(map.to[3], 3);
-  EXPECT_EQ(flop, parse_cards("9c7c2c"));
-
-  // Rainbow: by the flop's cards in ascending number.
-  flop = parse_cards("2sKh9d");
-  map = canonicalise_board(flop, turn, river);
-  EXPECT_EQ(map.to[1], 0);
-  EXPECT_EQ(map.to[2], 1);
-  EXPECT_EQ(map.to[3], 2);
-  EXPECT_EQ(map.to[0], 3);
-  EXPECT_EQ(flop, parse_cards("9cKd2h"));
-}
-
-TEST_F(Isomorphism, TurnAndRiverTakeTheNextFreeSuits) {
-  // Flop of one suit (spades): a diamond turn becomes suit 1, a club river 2.
-  CardMask flop = parse_cards("AsKs2s"), turn = parse_cards("5d"), river = parse_cards("7c");
-  SuitMap map = canonicalise_board(flop, turn, river);
-  EXPECT_EQ(map.to[3], 0);
-  EXPECT_EQ(map.to[1], 1);
-  EXPECT_EQ(map.to[0], 2);
-  EXPECT_EQ(map.to[2], 3);
-  EXPECT_EQ(turn, parse_cards("5d"));
-  EXPECT_EQ(river, parse_cards("7h"));
-
-  // A turn of a flop suit leaves the free suits for the river.
-  flop = parse_cards("AsKs2d");
-  turn = parse_cards("5s");
-  river = parse_cards("7h");
-  map = canonicalise_board(flop, turn, river);
-  EXPECT_EQ(turn, parse_cards("5c"));
-  EXPECT_EQ(river, parse_cards("7h"));
+// Flop suits by their card counts, then by the flop's cards in ascending
+// number; the turn and the river take the next free suits. The map is
+// written as the new suit of clubs, diamonds, hearts and spades.
+TEST_F(Isomorphism, BoardNamingFollowsSuitCounts) {
+  struct Case {
+    const char *flop, *turn, *river, *want_flop, *want_turn, *want_river, *map;
+  };
+  const Case cases[] = {
+      {"QsJh2h", "", "", "2cJcQd", "", "", "2301"},  // hearts (two cards) first, spades second
+      {"9h7h2h", "", "", "9c7c2c", "", "", "1203"},  // one suit; the others follow in suit order
+      {"2sKh9d", "", "", "9cKd2h", "", "", "3012"},  // rainbow
+      {"AsKs2s", "5d", "7c", "AcKc2c", "5d", "7h", "2130"},
+      {"AsKs2d", "5s", "7h", "AcKc2d", "5c", "7h", "3120"},  // a turn of a flop suit leaves the free suits
+  };
+  for (const Case& c : cases) {
+    CardMask flop = parse_cards(c.flop), turn = parse_cards(c.turn), river = parse_cards(c.river);
+    SuitMap map = canonicalise_board(flop, turn, river);
+    std::string to;
+    for (int s = 0; s < 4; s++) to += char('0' + map.to[s]);
+    EXPECT_EQ(mask_text(flop) + " " + mask_text(turn) + " " + mask_text(river) + " " + to,
+              mask_text(parse_cards(c.want_flop)) + " " + mask_text(parse_cards(c.want_turn)) + " " +
+                  mask_text(parse_cards(c.want_river)) + " " + c.map)
+        << c.flop;
+  }
 }
 
 TEST_F(Isomorphism, CanonicalBoardsUseTheLowestSuitsForEveryBoard) {
@@ -177,64 +153,6 @@ TEST_F(Isomorphism, RangeMappingMovesEachWeightToItsImage) {
     undo_suit_map(out.data(), map, back.data());
     ASSERT_EQ(back, in);
   }
-}
-
-TEST_F(Isomorphism, ExpandedListsUndoTheQueryMap) {
-  // A board list over a random subset of canonical pairs; each real pair gets
-  // the entry of its canonical image, absent ones the fill value.
-  std::mt19937 rng(5);
-  std::vector<uint16_t> position(1326, NoPosition);
-  std::vector<float> list;
-  std::vector<double> list_d;
-  for (int p = 0; p < 1326; p++)
-    if (rng() % 3) {
-      position[size_t(p)] = uint16_t(list.size());
-      list.push_back(float(rng() % 100) + 0.5f);
-      list_d.push_back(double(list.back()));
-    }
-  std::vector<double> out(1326), out_d(1326);
-  for (const SuitMap& map : all_suit_maps()) {
-    expand_board_list(list.data(), position.data(), map, std::nan(""), out.data());
-    expand_board_list(list_d.data(), position.data(), map, -2.0, out_d.data());
-    for (int p = 0; p < 1326; p++) {
-      int image = pair_of_mask(map_by_cards(PairMasks[p], map));
-      uint16_t pos = position[size_t(image)];
-      if (pos == NoPosition) {
-        ASSERT_TRUE(std::isnan(out[size_t(p)]));
-        ASSERT_EQ(out_d[size_t(p)], -2.0);
-      } else {
-        ASSERT_EQ(out[size_t(p)], double(list[pos]));
-        ASSERT_EQ(out_d[size_t(p)], list_d[pos]);
-      }
-    }
-  }
-}
-
-TEST_F(Isomorphism, QueryCardsInAnyFreeSuitFindTheRepresentative) {
-  // Flop Qs Jh 2h leaves clubs and diamonds free; a turn in either becomes
-  // the first free suit (2), and the maps differ only by those two suits.
-  CardMask flop = parse_cards("QsJh2h");
-  CanonicalCards club = canonicalise_query(flop, MakeCard(3, 0), -1, true);
-  CanonicalCards diamond = canonicalise_query(flop, MakeCard(3, 1), -1, true);
-  EXPECT_EQ(club.turn, MakeCard(3, 2));
-  EXPECT_EQ(diamond.turn, MakeCard(3, 2));
-  EXPECT_EQ(club.river, -1);
-  for (int s = 2; s < 4; s++) EXPECT_EQ(club.map.to[s], diamond.map.to[s]);
-  EXPECT_EQ(club.map.to[0], diamond.map.to[1]);
-  EXPECT_EQ(club.map.to[1], diamond.map.to[0]);
-
-  // A river in the last free suit becomes the first suit free after the turn.
-  CanonicalCards both = canonicalise_query(flop, MakeCard(3, 0), MakeCard(8, 1), true);
-  EXPECT_EQ(both.turn, MakeCard(3, 2));
-  EXPECT_EQ(both.river, MakeCard(8, 3));
-  CanonicalCards same_suit = canonicalise_query(flop, MakeCard(3, 0), MakeCard(8, 0), true);
-  EXPECT_EQ(same_suit.river, MakeCard(8, 2));
-
-  // Without isomorphism the cards stay and the map is the identity.
-  CanonicalCards plain = canonicalise_query(flop, MakeCard(3, 0), MakeCard(8, 1), false);
-  EXPECT_EQ(plain.turn, MakeCard(3, 0));
-  EXPECT_EQ(plain.river, MakeCard(8, 1));
-  for (int s = 0; s < 4; s++) EXPECT_EQ(plain.map.to[s], s);
 }
 
 }  // namespace

@@ -25,7 +25,6 @@ TEST(Startup, VerboseLine) {
 TEST(Startup, BadOptionLineExitsOne) {
   EXPECT_EQ(run_binary({"--port", "abc"}, "").rc, 1);
   EXPECT_EQ(run_binary({"--no-such-option"}, "").rc, 1);
-  EXPECT_EQ(run_binary({"--port", "6000", "-s", "-e"}, "is_ready\n").out, "is_ready ok!\n");
 }
 
 TEST(Startup, VersionAndHelp) {
@@ -38,122 +37,155 @@ TEST(Startup, VersionAndHelp) {
   EXPECT_NE(h.out.find("suppress ok-messages"), std::string::npos);
 }
 
-TEST(Startup, CommandLineCommandsAnswerTogetherBeforeStdin) {
-  RunResult r = run_binary({"-c", "set_pot 0 0 100", "-c", "echo \"two words\""}, "is_ready\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "set_pot ok!\ntwo words\nis_ready ok!\n");
-}
-
-TEST(Startup, MissingScriptOrDirectory) {
-  RunResult r = run_binary({"/nonexistent/script.txt"}, "is_ready\n");
-  EXPECT_EQ(r.rc, 1);
-  EXPECT_EQ(r.out, "ERROR: can't find file '/nonexistent/script.txt'\n");
-  RunResult d = run_binary({temp_dir()}, "is_ready\n");
-  EXPECT_EQ(d.rc, 1);
-  EXPECT_EQ(d.out, "ERROR: can't find file '" + temp_dir() + "'\n");
-}
-
-TEST(Startup, ScriptNameWithBlanksThenStdin) {
-  std::string path = temp_dir() + "/my script.txt";
-  write_file(path, "is_ready\necho from-script\n");
-  RunResult r = run_binary({path}, "echo from-stdin\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "is_ready ok!\nfrom-script\nfrom-stdin\n");
-}
-
-TEST(Loop, AnswersAndErrors) {
-  RunResult r = run_binary({},
-                           "set_pot 0 0 100\n"
-                           "set_pot 1 2\n"
-                           "foo bar\n"
-                           "LABEL:\n"
-                           "LABEL: x\n"
-                           "# a comment\n"
-                           "#another\n"
-                           "set_threads x\n"
-                           "set_threads 3x\n"
-                           "set_threads 99999999999\n"
-                           "   \n"
-                           "set_board Qs Jh 2h Qs\n"
-                           "set_board Qs Jh 2x\n"
-                           "go\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out,
-            "set_pot ok!\n"
-            "ERROR: set_pot incorrect or missing argument\n"
-            "ERROR: Command foo not recognized\n"
-            "ERROR: Command LABEL: not recognized\n"
-            "ERROR: Invalid value\n"
-            "set_threads ok!\n"
-            "ERROR: Invalid value\n"
-            "ERROR: set_board duplicate cards\n"
-            "ERROR: invalid card\n"
-            "ERROR: go missing/incorrect tree\n");
-}
-
-TEST(Loop, LineEndingsLfCrCrlf) {
-  RunResult r = run_binary({}, "is_ready\recho a\r\necho b\n\n\r\necho c");
-  EXPECT_EQ(r.out, "is_ready ok!\na\nb\nc\n");
-}
-
-TEST(Loop, QuotedExitExitsAndStopsReading) {
-  RunResult r = run_binary({}, "is_ready\n\"exit\"\nis_ready\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "is_ready ok!\n");
-}
-
-TEST(Loop, ExitInsideSkipIsIgnored) {
-  std::string done = temp_dir() + "/done_marker";
-  write_file(done, "x");
-  RunResult r = run_binary({}, "skip_if_done " + done + " NEXT\nexit\necho skipped\nLABEL: NEXT\necho after\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "skip_if_done ok!\nafter\n");
-}
-
-TEST(Loop, SuppressOk) {
-  RunResult r = run_binary({"-k"}, "set_pot 0 0 100\nset_pot 1\nrepeat 1 x\n");
-  EXPECT_EQ(r.out, "ERROR: set_pot incorrect or missing argument\nx\nEND\n");
-}
-
-TEST(Loop, TerminateOnErrorEndsAfterTheMessage) {
-  RunResult a = run_binary({"-t"}, "is_ready\nset_pot 1\nis_ready\n");
-  EXPECT_EQ(a.rc, 1);
-  EXPECT_EQ(a.out, "is_ready ok!\nERROR: set_pot incorrect or missing argument\n");
-  RunResult b = run_binary({"-t"}, "nosuch\nis_ready\n");
-  EXPECT_EQ(b.rc, 1);
-  EXPECT_EQ(b.out, "ERROR: Command nosuch not recognized\n");
-  RunResult c = run_binary({"--terminateonerror"}, "set_threads zz\nis_ready\n");
-  EXPECT_EQ(c.rc, 1);
-  EXPECT_EQ(c.out, "ERROR: Invalid value\n");
-  RunResult d = run_binary({"-t"}, "set_board Qs QsQs 2c\nis_ready\n");
-  EXPECT_EQ(d.rc, 1);
-  EXPECT_EQ(d.out, "ERROR: invalid card\n");
-}
-
-TEST(Loop, EchoCommandsShowsTokensWithoutQuotes) {
-  RunResult r = run_binary({"-o"}, "echo \"a b\"\n# note\n");
-  EXPECT_EQ(r.out, "echo a b\na b\n# note\n");
-}
-
-TEST(Utility, RepeatAndEcho) {
-  RunResult r = run_binary({},
-                           "repeat 2 a b\n"
-                           "repeat 0 x\n"
-                           "repeat 100000 x\n"
-                           "repeat 3\n"
-                           "repeat 1 100% %s %d\n"
-                           "echo 50%\n"
-                           "echo\n"
-                           "repeat 2 go\n");
-  EXPECT_EQ(r.out,
-            "a b\na b\nEND\n"
-            "ERROR: repeat incorrect or missing argument\n"
-            "ERROR: repeat incorrect or missing argument\n"
-            "ERROR: repeat incorrect or missing argument\n"
-            "100% %s %d\nEND\n"
-            "50%\n"
-            "ERROR: echo incorrect or missing argument\n"
-            "go\ngo\nEND\n");
+// Exact answers and exit codes of the loop, its options and scripts.
+TEST(Loop, ExactAnswersAndExitCodes) {
+  std::string dir = temp_dir();
+  write_file(dir + "/my script.txt", "is_ready\necho from-script\n");
+  write_file(dir + "/done_marker", "x");
+  write_file(dir + "/comments.txt", "# one\n#two\n\n");
+  write_file(dir + "/exit.txt", "echo one\nexit\necho two\n");
+  write_file(dir + "/skipper.txt", "skip_if_done " + dir + "/skipper.txt LATER\necho hidden\n");
+  struct Case {
+    std::vector<std::string> args;
+    std::string input;
+    int rc;
+    std::string out;
+  };
+  const Case cases[] = {
+      {{"--port", "6000", "-s", "-e"}, "is_ready\n", 0, "is_ready ok!\n"},
+      // Commands of the command line answer together, before standard input.
+      {{"-c", "set_pot 0 0 100", "-c", "echo \"two words\""}, "is_ready\n", 0,
+       "set_pot ok!\ntwo words\nis_ready ok!\n"},
+      {{"/nonexistent/script.txt"}, "is_ready\n", 1, "ERROR: can't find file '/nonexistent/script.txt'\n"},
+      {{dir}, "is_ready\n", 1, "ERROR: can't find file '" + dir + "'\n"},
+      // A script named with a blank, then standard input.
+      {{dir + "/my script.txt"}, "echo from-stdin\n", 0, "is_ready ok!\nfrom-script\nfrom-stdin\n"},
+      {{dir + "/comments.txt"}, "", 0, ""},
+      {{dir + "/exit.txt"}, "echo three\n", 0, "one\n"},
+      // A skip runs on from the script into standard input.
+      {{dir + "/skipper.txt"}, "echo hidden2\nLABEL: LATER\necho shown\n", 0, "skip_if_done ok!\nshown\n"},
+      {{}, "is_ready\recho a\r\necho b\n\n\r\necho c", 0, "is_ready ok!\na\nb\nc\n"},
+      {{}, "is_ready\n\"exit\"\nis_ready\n", 0, "is_ready ok!\n"},
+      // exit inside a skip is ignored.
+      {{}, "skip_if_done " + dir + "/done_marker NEXT\nexit\necho skipped\nLABEL: NEXT\necho after\n", 0,
+       "skip_if_done ok!\nafter\n"},
+      {{"-k"}, "set_pot 0 0 100\nset_pot 1\nrepeat 1 x\n", 0, "ERROR: set_pot incorrect or missing argument\nx\nEND\n"},
+      // Terminate on error ends after the message.
+      {{"-t"}, "is_ready\nset_pot 1\nis_ready\n", 1, "is_ready ok!\nERROR: set_pot incorrect or missing argument\n"},
+      {{"-t"}, "nosuch\nis_ready\n", 1, "ERROR: Command nosuch not recognized\n"},
+      {{"--terminateonerror"}, "set_threads zz\nis_ready\n", 1, "ERROR: Invalid value\n"},
+      {{"-t"}, "set_board Qs QsQs 2c\nis_ready\n", 1, "ERROR: invalid card\n"},
+      // Echoed commands show their tokens without quotes.
+      {{"-o"}, "echo \"a b\"\n# note\n", 0, "echo a b\na b\n# note\n"},
+      // Errors leave the loop running.
+      {{},
+       "set_pot 0 0 100\n"
+       "set_pot 1 2\n"
+       "foo bar\n"
+       "LABEL:\n"
+       "LABEL: x\n"
+       "# a comment\n"
+       "#another\n"
+       "set_threads x\n"
+       "set_threads 3x\n"
+       "set_threads 99999999999\n"
+       "   \n"
+       "set_board Qs Jh 2h Qs\n"
+       "set_board Qs Jh 2x\n"
+       "go\n",
+       0,
+       "set_pot ok!\n"
+       "ERROR: set_pot incorrect or missing argument\n"
+       "ERROR: Command foo not recognized\n"
+       "ERROR: Command LABEL: not recognized\n"
+       "ERROR: Invalid value\n"
+       "set_threads ok!\n"
+       "ERROR: Invalid value\n"
+       "ERROR: set_board duplicate cards\n"
+       "ERROR: invalid card\n"
+       "ERROR: go missing/incorrect tree\n"},
+      {{},
+       "repeat 2 a b\n"
+       "repeat 0 x\n"
+       "repeat 100000 x\n"
+       "repeat 3\n"
+       "repeat 1 100% %s %d\n"
+       "echo 50%\n"
+       "echo\n"
+       "repeat 2 go\n",
+       0,
+       "a b\na b\nEND\n"
+       "ERROR: repeat incorrect or missing argument\n"
+       "ERROR: repeat incorrect or missing argument\n"
+       "ERROR: repeat incorrect or missing argument\n"
+       "100% %s %d\nEND\n"
+       "50%\n"
+       "ERROR: echo incorrect or missing argument\n"
+       "go\ngo\nEND\n"},
+      {{},
+       "add_info_line \"#first 100%\"\n"
+       "add_info_line a b\n"
+       "add_info_line second\n"
+       "show_tree_info\n"
+       "reset_tree_info\n"
+       "show_tree_info\n",
+       0,
+       "add_info_line ok!\n"
+       "ERROR: add_info_line incorrect or missing argument\n"
+       "add_info_line ok!\n"
+       "#first 100%\nsecond\nEND\n"
+       "reset_tree_info ok!\n"
+       "END\n"},
+      {{},
+       "ignore_mem_check on\n"
+       "ignore_mem_check maybe\n"
+       "sleep 1\n"
+       "take_a_break 0\n"
+       "connect 127.0.0.1 5251\n"
+       "disconnect\n"
+       "set_eff_stack 500\n"
+       "set_eff_stack 0\n"
+       "is_tree_present_x\n",
+       0,
+       "ignore_mem_check ok!\n"
+       "ERROR: ignore_mem_check incorrect or missing argument\n"
+       "take_a_break ok!\n"
+       "connect ok!\n"
+       "disconnect ok!\n"
+       "set_eff_stack ok!\n"
+       "set_eff_stack ok!\n"
+       "ERROR: Command is_tree_present_x not recognized\n"},
+      {{},
+       "set_precision 2.5\nset_precision -2\nset_precision x\n"
+       "set_simd_level 0\nset_simd_level 9\nset_simd_level 8\n"
+       "enable_avx512 2\nenable_avx512 x\nenable_avx512 1\n"
+       "enable_river_strategy 01\nenable_adaptive_precision 0\n"
+       "set_scheduler 3\nset_scheduler 2\n"
+       "set_rake 1.5 10\nset_rake 0.05 -1\nset_rake 0.05 3\n"
+       "set_isomorphism 0 1\nset_isomorphism 1\n"
+       "set_recalc_accuracy 0.1 0.2 0.3\nset_recalc_accuracy a b c\n"
+       "set_threads 0\nai6_set_threads 2\n"
+       "set_hand_type_order a\n",
+       0,
+       "ERROR: set_precision incorrect or missing argument\nset_precision ok!\nERROR: Invalid value\n"
+       "ERROR: set_simd_level incorrect or missing argument\n"
+       "ERROR: set_simd_level incorrect or missing argument\nset_simd_level ok!\n"
+       "ERROR: enable_avx512 incorrect or missing argument\n"
+       "ERROR: enable_avx512 incorrect or missing argument\nenable_avx512 ok!\n"
+       "ERROR: enable_river_strategy incorrect or missing argument\nenable_adaptive_precision ok!\n"
+       "ERROR: set_scheduler incorrect or missing argument\nset_scheduler ok!\n"
+       "ERROR: set_rake incorrect or missing argument\n"
+       "ERROR: set_rake incorrect or missing argument\nset_rake ok!\n"
+       "set_isomorphism ok!\nERROR: set_isomorphism incorrect or missing argument\n"
+       "set_recalc_accuracy ok!\nERROR: Invalid value\n"
+       "set_threads ok!\nai6_set_threads ok!\n"
+       "ERROR: set_hand_type_order incorrect or missing argument\n"},
+  };
+  for (const Case& c : cases) {
+    RunResult r = run_binary(c.args, c.input);
+    EXPECT_EQ(r.rc, c.rc) << c.input;
+    EXPECT_EQ(r.out, c.out) << c.input;
+  }
 }
 
 TEST(Utility, RepeatUpperBoundPasses) {
@@ -173,45 +205,6 @@ TEST(Utility, HelpListsSortedNamesWithoutPrefixedRows) {
   EXPECT_TRUE(std::is_sorted(lines.begin(), lines.end()));
   EXPECT_EQ(lines.front(), "add_info_line");
   for (const auto& l : lines) EXPECT_NE(l.rfind("ai6_", 0), 0u) << l;
-}
-
-TEST(Utility, TreeInfoLines) {
-  RunResult r = run_binary({},
-                           "add_info_line \"#first 100%\"\n"
-                           "add_info_line a b\n"
-                           "add_info_line second\n"
-                           "show_tree_info\n"
-                           "reset_tree_info\n"
-                           "show_tree_info\n");
-  EXPECT_EQ(r.out,
-            "add_info_line ok!\n"
-            "ERROR: add_info_line incorrect or missing argument\n"
-            "add_info_line ok!\n"
-            "#first 100%\nsecond\nEND\n"
-            "reset_tree_info ok!\n"
-            "END\n");
-}
-
-TEST(Utility, SmallCommands) {
-  RunResult r = run_binary({},
-                           "ignore_mem_check on\n"
-                           "ignore_mem_check maybe\n"
-                           "sleep 1\n"
-                           "take_a_break 0\n"
-                           "connect 127.0.0.1 5251\n"
-                           "disconnect\n"
-                           "set_eff_stack 500\n"
-                           "set_eff_stack 0\n"
-                           "is_tree_present_x\n");
-  EXPECT_EQ(r.out,
-            "ignore_mem_check ok!\n"
-            "ERROR: ignore_mem_check incorrect or missing argument\n"
-            "take_a_break ok!\n"
-            "connect ok!\n"
-            "disconnect ok!\n"
-            "set_eff_stack ok!\n"
-            "set_eff_stack ok!\n"
-            "ERROR: Command is_tree_present_x not recognized\n");
 }
 
 TEST(Utility, SolverTimeAndInstructionSet) {
@@ -263,29 +256,6 @@ TEST(Scripts, NestingLabelsAndErrorsDoNotEndAScript) {
             "skip_if_done ok!\nnot-skipped\n"
             "ERROR: load_script can't open file\n"
             "end\n");
-}
-
-TEST(Scripts, OnlyCommentsGiveNoOutput) {
-  std::string path = temp_dir() + "/comments.txt";
-  write_file(path, "# one\n#two\n\n");
-  RunResult r = run_binary({path}, "");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "");
-}
-
-TEST(Scripts, SkipRunsOnIntoStdin) {
-  std::string dir = temp_dir();
-  write_file(dir + "/skipper.txt", "skip_if_done skipper.txt LATER\necho hidden\n");
-  RunResult r = run_binary({"skipper.txt"}, "echo hidden2\nLABEL: LATER\necho shown\n", 2, dir);
-  EXPECT_EQ(r.out, "skip_if_done ok!\nshown\n");
-}
-
-TEST(Scripts, ExitInScriptEndsProcess) {
-  std::string path = temp_dir() + "/exit.txt";
-  write_file(path, "echo one\nexit\necho two\n");
-  RunResult r = run_binary({path}, "echo three\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "one\n");
 }
 
 TEST(Redirection, AnswersFollowStandardOutput) {
@@ -355,34 +325,6 @@ TEST(SetUp, RangeStatisticsAndLowCard) {
             "ERROR: set_low_card incorrect or missing argument\n"
             "ERROR: set_board invalid card\n"
             "set_board ok!\n");
-}
-
-TEST(SetUp, SettingsBounds) {
-  RunResult r = run_binary({},
-                           "set_precision 2.5\nset_precision -2\nset_precision x\n"
-                           "set_simd_level 0\nset_simd_level 9\nset_simd_level 8\n"
-                           "enable_avx512 2\nenable_avx512 x\nenable_avx512 1\n"
-                           "enable_river_strategy 01\nenable_adaptive_precision 0\n"
-                           "set_scheduler 3\nset_scheduler 2\n"
-                           "set_rake 1.5 10\nset_rake 0.05 -1\nset_rake 0.05 3\n"
-                           "set_isomorphism 0 1\nset_isomorphism 1\n"
-                           "set_recalc_accuracy 0.1 0.2 0.3\nset_recalc_accuracy a b c\n"
-                           "set_threads 0\nai6_set_threads 2\n"
-                           "set_hand_type_order a\n");
-  EXPECT_EQ(r.out,
-            "ERROR: set_precision incorrect or missing argument\nset_precision ok!\nERROR: Invalid value\n"
-            "ERROR: set_simd_level incorrect or missing argument\n"
-            "ERROR: set_simd_level incorrect or missing argument\nset_simd_level ok!\n"
-            "ERROR: enable_avx512 incorrect or missing argument\n"
-            "ERROR: enable_avx512 incorrect or missing argument\nenable_avx512 ok!\n"
-            "ERROR: enable_river_strategy incorrect or missing argument\nenable_adaptive_precision ok!\n"
-            "ERROR: set_scheduler incorrect or missing argument\nset_scheduler ok!\n"
-            "ERROR: set_rake incorrect or missing argument\n"
-            "ERROR: set_rake incorrect or missing argument\nset_rake ok!\n"
-            "set_isomorphism ok!\nERROR: set_isomorphism incorrect or missing argument\n"
-            "set_recalc_accuracy ok!\nERROR: Invalid value\n"
-            "set_threads ok!\nai6_set_threads ok!\n"
-            "ERROR: set_hand_type_order incorrect or missing argument\n");
 }
 
 TEST(SetUp, HandOrder) {

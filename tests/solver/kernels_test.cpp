@@ -40,8 +40,7 @@ CardMask random_board(std::mt19937& rng) {
 
 // Sorts pairs by strength and cuts the runs of equal strength.
 RiverList make_list(std::vector<std::pair<uint32_t, CardMask>> hands) {
-  std::stable_sort(hands.begin(), hands.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::stable_sort(hands.begin(), hands.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   RiverList l;
   for (auto& [s, m] : hands) {
     int lo = __builtin_ctzll(m), hi = 63 - __builtin_clzll(m);
@@ -117,8 +116,7 @@ std::vector<double> brute_fold(const RiverList& l, const std::vector<float>& rea
   return out;
 }
 
-std::vector<double> brute_showdown(const RiverList& l, const std::vector<float>& reach,
-                                   float value) {
+std::vector<double> brute_showdown(const RiverList& l, const std::vector<float>& reach, float value) {
   std::vector<double> out(size_t(l.count()));
   for (int i = 0; i < l.count(); i++) {
     double s = 0;
@@ -144,8 +142,7 @@ void expect_near_all(const std::vector<float>& got, const std::vector<double>& w
                      const std::string& what) {
   ASSERT_EQ(got.size(), want.size()) << what;
   double tol = 2e-5 * scale + 1e-30;
-  for (size_t i = 0; i < got.size(); i++)
-    ASSERT_NEAR(got[i], want[i], tol) << what << " hand " << i;
+  for (size_t i = 0; i < got.size(); i++) ASSERT_NEAR(got[i], want[i], tol) << what << " hand " << i;
 }
 
 void expect_near_all(const std::vector<float>& got, const std::vector<float>& want, double scale,
@@ -202,16 +199,14 @@ class KernelsTest : public ::testing::Test {
 
   std::vector<float> fold(const RiverList& l, const std::vector<float>& reach, float value) {
     std::vector<float> out(size_t(l.count()), -7.0f);
-    fold_value(out.data(), reach.empty() ? nullptr : reach.data(), l.count(), l.packed.data(),
-               value);
+    fold_value(out.data(), reach.empty() ? nullptr : reach.data(), l.count(), l.packed.data(), value);
     return out;
   }
   std::vector<float> showdown(const RiverList& l, const std::vector<float>& reach, float value,
                               const std::vector<uint16_t>& masks) {
     std::vector<float> out(size_t(l.count()), -7.0f);
     RiverGroups g{l.lengths.data(), masks.data(), int32_t(l.lengths.size())};
-    showdown_value(out.data(), reach.empty() ? nullptr : reach.data(), l.count(), g,
-                   l.packed.data(), value);
+    showdown_value(out.data(), reach.empty() ? nullptr : reach.data(), l.count(), g, l.packed.data(), value);
     return out;
   }
   std::vector<float> showdown(const RiverList& l, const std::vector<float>& reach, float value) {
@@ -220,8 +215,8 @@ class KernelsTest : public ::testing::Test {
 
   // Both kernels on one list and reach, against the brute force, on every
   // instruction set.
-  void check_against_brute(const RiverList& l, const std::vector<float>& reach, float sd_value,
-                           float fold_value_, const std::string& what) {
+  void check_against_brute(const RiverList& l, const std::vector<float>& reach, float sd_value, float fold_value_,
+                           const std::string& what) {
     std::vector<double> want_f = brute_fold(l, reach, fold_value_);
     std::vector<double> want_s = brute_showdown(l, reach, sd_value);
     double sf = scale_of(reach, fold_value_), ss = scale_of(reach, sd_value);
@@ -259,8 +254,7 @@ TEST_F(KernelsTest, TiesLongRunsAndSmallListsMatchBruteForce) {
       RiverList l = synthetic_list(rng, keep, lv);
       for (ReachKind k : {DENSE, SPARSE, RUNS_EMPTY}) {
         std::vector<float> reach = random_reach(rng, l, k);
-        check_against_brute(l, reach, 3.25f, 1.5f,
-                            "levels " + std::to_string(lv) + " keep " + std::to_string(keep));
+        check_against_brute(l, reach, 3.25f, 1.5f, "levels " + std::to_string(lv) + " keep " + std::to_string(keep));
         if (HasFatalFailure()) return;
       }
     }
@@ -289,17 +283,6 @@ TEST_F(KernelsTest, TiesLongRunsAndSmallListsMatchBruteForce) {
     check_against_brute(l, reach, 2.0f, -1.0f, "n " + std::to_string(n));
     if (HasFatalFailure()) return;
   }
-}
-
-TEST_F(KernelsTest, AllHandsInOneRunShowdownIsZero) {
-  std::mt19937 rng(13);
-  RiverList l = synthetic_list(rng, 10, 1);
-  ASSERT_EQ(l.lengths.size(), 1u);
-  std::vector<float> reach = random_reach(rng, l, DENSE);
-  for_each_isa([&](const std::string& isa) {
-    std::vector<float> s = showdown(l, reach, 10.0f);
-    for (float x : s) ASSERT_NEAR(x, 0.0f, 1e-4f * scale_of(reach, 10.0f)) << isa;
-  });
 }
 
 // ---- Edge cases -----------------------------------------------------------------------
@@ -348,44 +331,6 @@ TEST_F(KernelsTest, OnlyOpponentHandIsTheSamePair) {
   }
 }
 
-TEST_F(KernelsTest, WiderMasksChangeNothing) {
-  // Masks computed from a reach with more live hands (as the reach at the
-  // root of a river subtree has) must give the same numbers.
-  std::mt19937 rng(16);
-  for (uint32_t lv : {30u, 5000u}) {
-    RiverList l = synthetic_list(rng, 10, lv);
-    std::vector<float> reach = random_reach(rng, l, SPARSE);
-    std::vector<uint16_t> all(l.lengths.size());
-    for (size_t g = 0; g < all.size(); g++)
-      all[g] = l.lengths[g] <= MaskedGroupLimit ? uint16_t((1u << l.lengths[g]) - 1) : 0;
-    std::vector<double> want = brute_showdown(l, reach, 1.0f);
-    for_each_isa([&](const std::string& isa) {
-      expect_near_all(showdown(l, reach, 1.0f, all), want, scale_of(reach, 1.0f),
-                      "all bits " + isa);
-    });
-  }
-}
-
-TEST_F(KernelsTest, GroupMasksFollowTheReach) {
-  std::mt19937 rng(17);
-  for (uint32_t lv : {3u, 30u, 5000u}) {
-    RiverList l = synthetic_list(rng, 9, lv);
-    std::vector<float> reach = random_reach(rng, l, SPARSE);
-    for_each_isa([&](const std::string& isa) {
-      std::vector<uint16_t> m = masks_of(l, reach.data());
-      size_t first = 0;
-      for (size_t g = 0; g < l.lengths.size(); g++) {
-        uint32_t want = 0;
-        if (l.lengths[g] <= MaskedGroupLimit)
-          for (int k = 0; k < l.lengths[g]; k++)
-            want |= uint32_t(reach[first + size_t(k)] > 0.0f) << k;
-        ASSERT_EQ(m[g], want) << isa << " run " << g;
-        first += size_t(l.lengths[g]);
-      }
-    });
-  }
-}
-
 // ---- The fused pair ---------------------------------------------------------------------
 
 TEST_F(KernelsTest, PairKernelsEqualSeparateCalls) {
@@ -397,44 +342,38 @@ TEST_F(KernelsTest, PairKernelsEqualSeparateCalls) {
     std::vector<float> tiny(size_t(n), 0.0f);
     tiny[0] = 1e-40f;
     std::vector<float> uni(static_cast<size_t>(n));
-    for (int i = 0; i < n; i++)
-      uni[size_t(i)] = std::max({ra[size_t(i)], rb[size_t(i)], tiny[size_t(i)]});
+    for (int i = 0; i < n; i++) uni[size_t(i)] = std::max({ra[size_t(i)], rb[size_t(i)], tiny[size_t(i)]});
     std::vector<uint16_t> mu = masks_of(l, uni.data());
     RiverGroups g{l.lengths.data(), mu.data(), int32_t(l.lengths.size())};
     std::vector<float> os(static_cast<size_t>(n)), of(static_cast<size_t>(n));
+    // Showdown of reach s and fold of reach f (the two-reach form unless
+    // `one`); a null or tiny reach gives zeros.
+    auto check = [&](const std::vector<float>* s, const std::vector<float>* f, bool one, const std::string& what) {
+      const float* sp = s ? s->data() : nullptr;
+      if (one)
+        showdown_and_fold(os.data(), of.data(), sp, n, g, l.packed.data(), 4.0f, -2.0f);
+      else
+        showdown_and_fold2(os.data(), of.data(), sp, f ? f->data() : nullptr, n, g, l.packed.data(), 4.0f, -2.0f);
+      if (s && s != &tiny)
+        expect_near_all(os, showdown(l, *s, 4.0f), scale_of(*s, 4.0f), what + " showdown");
+      else
+        expect_zeros(os, what + " showdown");
+      if (f && f != &tiny)
+        expect_near_all(of, fold(l, *f, -2.0f), scale_of(*f, 2.0f), what + " fold");
+      else
+        expect_zeros(of, what + " fold");
+    };
     for_each_isa([&](const std::string& isa) {
-      // One reach.
-      showdown_and_fold(os.data(), of.data(), ra.data(), n, g, l.packed.data(), 4.0f, -2.0f);
-      expect_near_all(os, showdown(l, ra, 4.0f), scale_of(ra, 4.0f), "pair sd " + isa);
-      expect_near_all(of, fold(l, ra, -2.0f), scale_of(ra, 2.0f), "pair fold " + isa);
-      // Two reaches, masks of their union.
-      showdown_and_fold2(os.data(), of.data(), ra.data(), rb.data(), n, g, l.packed.data(), 4.0f,
-                         2.0f);
-      expect_near_all(os, showdown(l, ra, 4.0f), scale_of(ra, 4.0f), "pair2 sd " + isa);
-      expect_near_all(of, fold(l, rb, 2.0f), scale_of(rb, 2.0f), "pair2 fold " + isa);
-      // Either reach empty, both empty, one below FLT_MIN in total.
-      showdown_and_fold2(os.data(), of.data(), nullptr, rb.data(), n, g, l.packed.data(), 4.0f,
-                         2.0f);
-      expect_zeros(os, "pair2 no sd " + isa);
-      expect_near_all(of, fold(l, rb, 2.0f), scale_of(rb, 2.0f), "pair2 fold alone " + isa);
-      showdown_and_fold2(os.data(), of.data(), ra.data(), nullptr, n, g, l.packed.data(), 4.0f,
-                         2.0f);
-      expect_near_all(os, showdown(l, ra, 4.0f), scale_of(ra, 4.0f), "pair2 sd alone " + isa);
-      expect_zeros(of, "pair2 no fold " + isa);
-      showdown_and_fold2(os.data(), of.data(), nullptr, nullptr, n, g, l.packed.data(), 4.0f, 2.0f);
-      expect_zeros(os, "pair2 none sd " + isa);
-      expect_zeros(of, "pair2 none fold " + isa);
-      showdown_and_fold(os.data(), of.data(), nullptr, n, g, l.packed.data(), 4.0f, 2.0f);
-      expect_zeros(os, "pair none sd " + isa);
-      expect_zeros(of, "pair none fold " + isa);
-      showdown_and_fold2(os.data(), of.data(), tiny.data(), rb.data(), n, g, l.packed.data(), 4.0f,
-                         2.0f);
-      expect_zeros(os, "pair2 tiny sd " + isa);
-      expect_near_all(of, fold(l, rb, 2.0f), scale_of(rb, 2.0f), "pair2 fold by tiny " + isa);
-      showdown_and_fold2(os.data(), of.data(), ra.data(), tiny.data(), n, g, l.packed.data(), 4.0f,
-                         2.0f);
-      expect_near_all(os, showdown(l, ra, 4.0f), scale_of(ra, 4.0f), "pair2 sd by tiny " + isa);
-      expect_zeros(of, "pair2 tiny fold " + isa);
+      check(&ra, &ra, true, "one reach " + isa);
+      check(nullptr, nullptr, true, "one empty reach " + isa);
+      // Two reaches with the masks of their union; either or both empty, or
+      // below FLT_MIN in total.
+      check(&ra, &rb, false, "two " + isa);
+      check(nullptr, &rb, false, "no showdown " + isa);
+      check(&ra, nullptr, false, "no fold " + isa);
+      check(nullptr, nullptr, false, "none " + isa);
+      check(&tiny, &rb, false, "tiny showdown " + isa);
+      check(&ra, &tiny, false, "tiny fold " + isa);
     });
   }
 }
@@ -476,158 +415,40 @@ std::vector<float> union_reach(const Batch& b) {
   return u;
 }
 
-TEST_F(KernelsTest, EveryBatchWidthEqualsOneTerminal) {
-  std::mt19937 rng(19);
-  for (uint32_t lv : {0u, 25u, 4u}) {
-    for (int keep : {10, 3}) {
-      RiverList l = lv ? synthetic_list(rng, keep, lv) : real_list(random_board(rng));
-      int32_t n = l.count();
-      for (int width : {1, 2, 3, 4, 6, 8}) {
-        Batch b = make_batch(rng, l, width, true);
-        std::vector<uint16_t> mu = masks_of(l, union_reach(b).data());
-        RiverGroups g{l.lengths.data(), mu.data(), int32_t(l.lengths.size())};
-        for_each_isa([&](const std::string& isa) {
-          std::string what =
-              isa + " width " + std::to_string(width) + " hands " + std::to_string(n);
-          showdown_value_lanes(width, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), n, g,
-                               l.packed.data());
-          for (int t = 0; t < width; t++) {
-            std::vector<float> want = showdown(l, b.reach[size_t(t)], b.values[size_t(t)]);
-            expect_near_all(b.out[size_t(t)], want,
-                            scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
-                            "showdown " + what + " lane " + std::to_string(t));
-          }
-          if (width > 4) return;
-          fold_value_lanes(width, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), n,
-                           l.packed.data());
-          for (int t = 0; t < width; t++) {
-            std::vector<float> want = fold(l, b.reach[size_t(t)], b.values[size_t(t)]);
-            expect_near_all(b.out[size_t(t)], want,
-                            scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
-                            "fold " + what + " lane " + std::to_string(t));
-          }
-        });
-        if (HasFatalFailure()) return;
-      }
-    }
-  }
-}
-
-TEST_F(KernelsTest, BatchLaneBelowFloatMinIsZeroAndBruteForceHolds) {
-  std::mt19937 rng(20);
-  RiverList l = real_list(random_board(rng));
-  Batch b = make_batch(rng, l, 8, true);
-  std::vector<uint16_t> mu = masks_of(l, union_reach(b).data());
-  RiverGroups g{l.lengths.data(), mu.data(), int32_t(l.lengths.size())};
-  std::vector<std::vector<double>> want;
-  for (int t = 0; t < 8; t++)
-    want.push_back(brute_showdown(l, b.reach[size_t(t)], b.values[size_t(t)]));
-  for_each_isa([&](const std::string& isa) {
-    showdown_value_lanes(8, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), l.count(), g,
-                         l.packed.data());
-    expect_zeros(b.out[4], "tiny lane " + isa);
-    for (int t = 0; t < 8; t++)
-      if (t != 4)
-        expect_near_all(b.out[size_t(t)], want[size_t(t)],
-                        scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
-                        "lane " + std::to_string(t) + " " + isa);
-  });
-}
-
-TEST_F(KernelsTest, BatchWidthsFollowSimdLevel) {
-  struct Case {
-    int level, left, sd, fold;
-  };
-  const Case cases[] = {{8, 9, 8, 4}, {8, 7, 6, 4}, {8, 5, 4, 4}, {8, 1, 1, 1},
-                        {7, 8, 6, 4}, {6, 6, 6, 4}, {5, 9, 4, 4}, {3, 9, 3, 3},
-                        {3, 2, 2, 2}, {2, 9, 2, 2}, {1, 9, 1, 1}, {4, 3, 3, 3}};
-  for (const Case& c : cases) {
-    SimdLevel = c.level;
-    EXPECT_EQ(showdown_batch_width(c.left), c.sd) << c.level << " " << c.left;
-    EXPECT_EQ(fold_batch_width(c.left), c.fold) << c.level << " " << c.left;
-  }
-}
-
 TEST_F(KernelsTest, BatchDriverOverAnyCountAndLevel) {
-  // Nine terminals at every level, with an empty reach among them: every
-  // terminal gets the one-terminal result (the empty one zeros).
+  // Nine terminals at every level, so that every lane width runs, with an
+  // empty reach and one below FLT_MIN among them: every terminal gets the
+  // one-terminal result (those two zeros).
   std::mt19937 rng(21);
-  RiverList l = synthetic_list(rng, 7, 60);
-  int32_t n = l.count();
-  Batch b = make_batch(rng, l, 9, false);
-  b.reach_ptr[3] = nullptr;
-  std::vector<float> u = union_reach(b);
-  std::vector<uint16_t> mu = masks_of(l, u.data());
-  RiverGroups g{l.lengths.data(), mu.data(), int32_t(l.lengths.size())};
-  std::vector<std::vector<float>> want_s, want_f;
-  for (int t = 0; t < 9; t++) {
-    std::vector<float> r = t == 3 ? std::vector<float>() : b.reach[size_t(t)];
-    want_s.push_back(showdown(l, r, b.values[size_t(t)]));
-    want_f.push_back(fold(l, r, b.values[size_t(t)]));
-  }
-  for (int level = 1; level <= 8; level++) {
-    SimdLevel = level;
-    for_each_isa([&](const std::string& isa) {
-      std::string what = isa + " level " + std::to_string(level);
-      showdown_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n, g,
-                           l.packed.data());
-      for (int t = 0; t < 9; t++)
-        expect_near_all(b.out[size_t(t)], want_s[size_t(t)],
-                        scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
-                        "showdown " + what + " t " + std::to_string(t));
-      fold_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n,
-                       l.packed.data());
-      for (int t = 0; t < 9; t++)
-        expect_near_all(b.out[size_t(t)], want_f[size_t(t)],
-                        scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
-                        "fold " + what + " t " + std::to_string(t));
-      expect_zeros(b.out[3], "empty terminal " + what);
-    });
-    if (HasFatalFailure()) return;
-  }
-}
-
-// ---- Instruction sets against each other ------------------------------------------------
-
-TEST_F(KernelsTest, WideSetsEqualPortable) {
-  std::vector<IsaChoice> isas = available_isas();
-  if (isas.size() == 1) GTEST_SKIP() << "no AVX2 on this processor";
-  std::mt19937 rng(22);
-  for (int trial = 0; trial < 6; trial++) {
-    RiverList l = trial % 2 ? real_list(random_board(rng)) : synthetic_list(rng, 6, 50);
+  for (int list = 0; list < 3; list++) {
+    RiverList l = list == 0 ? real_list(random_board(rng)) : synthetic_list(rng, list == 1 ? 7 : 3, list == 1 ? 60 : 4);
     int32_t n = l.count();
-    Batch b = make_batch(rng, l, 8, trial == 3);
+    Batch b = make_batch(rng, l, 9, true);
+    b.reach_ptr[3] = nullptr;
     std::vector<uint16_t> mu = masks_of(l, union_reach(b).data());
     RiverGroups g{l.lengths.data(), mu.data(), int32_t(l.lengths.size())};
-    // Everything each set computes, in one flat list.
-    auto run_all = [&]() {
-      std::vector<float> all, o1(static_cast<size_t>(n)), o2(static_cast<size_t>(n));
-      auto keep = [&](const std::vector<float>& v) { all.insert(all.end(), v.begin(), v.end()); };
-      fold_value(o1.data(), b.reach_ptr[0], n, l.packed.data(), b.values[0]);
-      keep(o1);
-      showdown_value(o1.data(), b.reach_ptr[1], n, g, l.packed.data(), b.values[1]);
-      keep(o1);
-      showdown_and_fold2(o1.data(), o2.data(), b.reach_ptr[2], b.reach_ptr[3], n, g,
-                         l.packed.data(), 2.0f, -1.0f);
-      keep(o1);
-      keep(o2);
-      showdown_value_lanes(8, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), n, g,
-                           l.packed.data());
-      for (auto& o : b.out) keep(o);
-      fold_value_lanes(4, b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), n,
-                       l.packed.data());
-      for (int t = 0; t < 4; t++) keep(b.out[size_t(t)]);
-      return all;
-    };
-    KernelIsaLimit = KERNEL_PORTABLE;
-    std::vector<float> ref = run_all();
-    double scale = 0;
-    for (int t = 0; t < 8; t++)
-      scale = std::max(scale, scale_of(b.reach[size_t(t)], b.values[size_t(t)]));
-    for (size_t k = 1; k < isas.size(); k++) {
-      KernelIsaLimit = isas[k].limit;
-      UseAvx512 = isas[k].avx512;
-      expect_near_all(run_all(), ref, scale, isas[k].name);
+    std::vector<std::vector<float>> want_s, want_f;
+    for (int t = 0; t < 9; t++) {
+      std::vector<float> r = t == 3 ? std::vector<float>() : b.reach[size_t(t)];
+      want_s.push_back(showdown(l, r, b.values[size_t(t)]));
+      want_f.push_back(fold(l, r, b.values[size_t(t)]));
+    }
+    for (int level = 1; level <= 8; level++) {
+      SimdLevel = level;
+      for_each_isa([&](const std::string& isa) {
+        std::string what = isa + " level " + std::to_string(level) + " list " + std::to_string(list);
+        showdown_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n, g, l.packed.data());
+        for (int t = 0; t < 9; t++)
+          expect_near_all(b.out[size_t(t)], want_s[size_t(t)], scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
+                          "showdown " + what + " t " + std::to_string(t));
+        fold_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), 9, n, l.packed.data());
+        for (int t = 0; t < 9; t++)
+          expect_near_all(b.out[size_t(t)], want_f[size_t(t)], scale_of(b.reach[size_t(t)], b.values[size_t(t)]),
+                          "fold " + what + " t " + std::to_string(t));
+        expect_zeros(b.out[3], "empty terminal " + what);
+        expect_zeros(b.out[4], "tiny terminal " + what);
+      });
+      if (HasFatalFailure()) return;
     }
   }
 }

@@ -27,19 +27,13 @@ GameSpec flop_game() {
   return g;
 }
 
-struct Solved {
-  SolverResults r;
-  double seconds;
-  int32_t iterations;
-};
-
 }  // namespace
 
 struct SolverConfigs : SolverTest {
-  Solved run(const GameSpec& g, int32_t iterations) {
+  SolverResults run(const GameSpec& g, int32_t iterations) {
     Tree& t = build(g);
-    double s = solve(t, iterations);
-    Solved out{evaluate(t), s, t.iteration};
+    solve(t, iterations);
+    SolverResults out = evaluate(t);
     free_active_tree();
     return out;
   }
@@ -48,65 +42,58 @@ struct SolverConfigs : SolverTest {
 TEST_F(SolverConfigs, TurnGameSameValueWithTeamsBatchAndIsomorphism) {
   const int32_t n = scaled(300, 3);
   const double bound = UnderSanitizer ? 0.5 : 0.1;  // chips of a pot of 100
-  Solved base = run(turn_game(), n);
-  if (!UnderSanitizer)
-    std::printf("[turn game: %d iterations in %.3f s, %.0f it/s, exploitable %.5f, value %.4f]\n",
-                base.iterations, base.seconds, base.iterations / base.seconds, base.r.exploitable,
-                base.r.ev0);
-  EXPECT_LT(base.r.exploitable, bound);
+  SolverResults base = run(turn_game(), n);
+  EXPECT_LT(base.exploitable, bound);
 
   omp_set_num_threads(1);
   ThreadCount = 1;
-  Solved one = run(turn_game(), n);
+  SolverResults one = run(turn_game(), n);
   omp_set_num_threads(2);
   ThreadCount = 2;
   // Only the order of float additions at the merge differs, which regret
   // matching carries on a little while the strategies still move.
-  const double order = 1e-3 + 0.1 * base.r.exploitable;
-  EXPECT_NEAR(one.r.ev0, base.r.ev0, order);
-  EXPECT_NEAR(one.r.mes0, base.r.mes0, order);
-  EXPECT_NEAR(one.r.mes1, base.r.mes1, order);
+  const double order = 1e-3 + 0.1 * base.exploitable;
+  EXPECT_NEAR(one.ev0, base.ev0, order);
+  EXPECT_NEAR(one.mes0, base.mes0, order);
+  EXPECT_NEAR(one.mes1, base.mes1, order);
 
   SimdLevel = 1;
-  Solved plain = run(turn_game(), n);
+  SolverResults plain = run(turn_game(), n);
   SimdLevel = 8;
-  EXPECT_NEAR(plain.r.ev0, base.r.ev0, 10 * order);
-  expect_same_value(plain.r, base.r, 1e-3, "simd 1");
+  EXPECT_NEAR(plain.ev0, base.ev0, 10 * order);
+  expect_same_value(plain, base, 1e-3, "simd 1");
 
   IsomorphismTurn = true;
-  Solved iso = run(turn_game(), n);
+  SolverResults iso = run(turn_game(), n);
   IsomorphismTurn = false;
-  EXPECT_LT(iso.r.exploitable, bound);
-  expect_same_value(iso.r, base.r, 1e-3, "isomorphism");
-  EXPECT_NEAR(iso.r.ev0, base.r.ev0, 2 * (iso.r.exploitable + base.r.exploitable) + 1e-3);
+  EXPECT_LT(iso.exploitable, bound);
+  expect_same_value(iso, base, 1e-3, "isomorphism");
+  EXPECT_NEAR(iso.ev0, base.ev0, 2 * (iso.exploitable + base.exploitable) + 1e-3);
 }
 
 TEST_F(SolverConfigs, FlopGameSameValueAtEveryCompressionLevel) {
   const int32_t n = scaled(120, 3);
   const double bound = UnderSanitizer ? 1.0 : 0.5;
-  Solved base{};
+  SolverResults base{};
   for (int32_t level = 0; level <= 5; level++) {
     CompressionSetting = level;
-    Solved s = run(flop_game(), n);
-    if (!UnderSanitizer)
-      std::printf("[flop game, level %d: %d iterations in %.3f s, %.0f it/s, exploitable %.5f, value %.4f]\n",
-                  level, s.iterations, s.seconds, s.iterations / s.seconds, s.r.exploitable, s.r.ev0);
-    EXPECT_LT(s.r.exploitable, bound) << "level " << level;
-    EXPECT_GE(s.r.exploitable, -1e-3) << "level " << level;
+    SolverResults s = run(flop_game(), n);
+    EXPECT_LT(s.exploitable, bound) << "level " << level;
+    EXPECT_GE(s.exploitable, -1e-3) << "level " << level;
     if (level == 0)
       base = s;
     else
-      expect_same_value(s.r, base.r, 1e-3, compression_word(level));
+      expect_same_value(s, base, 1e-3, compression_word(level));
   }
 }
 
 TEST_F(SolverConfigs, FlopGameSameValueWithIsomorphism) {
   const int32_t n = scaled(120, 3);
-  Solved plain = run(flop_game(), n);
+  SolverResults plain = run(flop_game(), n);
   IsomorphismFlop = true;
-  Solved iso = run(flop_game(), n);
+  SolverResults iso = run(flop_game(), n);
   IsomorphismFlop = false;
-  ASSERT_TRUE(plain.r.exploitable < 0.5 || UnderSanitizer);
-  expect_same_value(iso.r, plain.r, 1e-3, "isomorphism");
-  EXPECT_NEAR(iso.r.ev0, plain.r.ev0, 2 * (iso.r.exploitable + plain.r.exploitable) + 1e-3);
+  ASSERT_TRUE(plain.exploitable < 0.5 || UnderSanitizer);
+  expect_same_value(iso, plain, 1e-3, "isomorphism");
+  EXPECT_NEAR(iso.ev0, plain.ev0, 2 * (iso.exploitable + plain.exploitable) + 1e-3);
 }

@@ -17,14 +17,8 @@
 #include "tree/board_tree.h"
 #include "tree/tree.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__)  // GCC's mark of -fsanitize=address
 constexpr bool UnderSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool UnderSanitizer = true;
-#else
-constexpr bool UnderSanitizer = false;
-#endif
 #else
 constexpr bool UnderSanitizer = false;
 #endif

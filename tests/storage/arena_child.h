@@ -1,6 +1,7 @@
 // Runs a fatal path in a forked child and collects its exit status and what it
 // wrote on standard output, where storage failures print their line.
 #pragma once
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,4 +39,13 @@ ChildOutcome run_in_child(Body body) {
   r.exited = WIFEXITED(status);
   r.code = r.exited ? WEXITSTATUS(status) : -1;
   return r;
+}
+
+// The body must end the process with exit code 1 after printing `line`.
+template <typename Body>
+void expect_fatal(Body body, const std::string& line) {
+  ChildOutcome r = run_in_child(body);
+  EXPECT_TRUE(r.exited) << line;
+  EXPECT_EQ(r.code, 1) << line;
+  EXPECT_EQ(r.out, line);
 }

@@ -26,70 +26,44 @@ struct ArenaPoolTest : ::testing::Test {
 
 // ---- Hand vectors without a pool ------------------------------------------------
 
-TEST_F(ArenaPoolTest, ResizeWithoutPoolGivesAlignedUnpooledRow) {
+TEST_F(ArenaPoolTest, ResizeReleaseAndMoveWithoutPool) {
   HandVector v;
   EXPECT_TRUE(v.empty());
   v.resize(37, true);  // no pool in force: the allocator
   ASSERT_NE(v.data, nullptr);
-  EXPECT_EQ(v.count, 37);
   EXPECT_FALSE(v.pooled);
   EXPECT_TRUE(aligned_to(v.data, 16));
-  for (int i = 0; i < 37; i++) v.data[i] = float(i);  // the whole row is writable
-  v.release();
-  EXPECT_EQ(v.data, nullptr);
-  EXPECT_EQ(v.count, 0);
-  EXPECT_FALSE(v.pooled);
-}
-
-TEST_F(ArenaPoolTest, ResizeToSameLengthKeepsContents) {
-  HandVector v;
-  v.resize(100, false);
-  for (int i = 0; i < 100; i++) v.data[i] = 0.5f * float(i);
+  for (int i = 0; i < 37; i++) v.data[i] = 0.5f * float(i);  // the whole row is writable
   float* before = v.data;
-  v.resize(100, false);
+  v.resize(37, false);  // same length: same buffer, same contents
   EXPECT_EQ(v.data, before);
-  for (int i = 0; i < 100; i++) ASSERT_EQ(v.data[i], 0.5f * float(i));
-}
-
-TEST_F(ArenaPoolTest, ResizeToOtherLengthTakesNewBuffer) {
-  HandVector v;
-  v.resize(100, false);
+  for (int i = 0; i < 37; i++) ASSERT_EQ(v.data[i], 0.5f * float(i));
   v.resize(200, false);
   EXPECT_EQ(v.count, 200);
-  ASSERT_NE(v.data, nullptr);
   for (int i = 0; i < 200; i++) v.data[i] = 1.0f;
   v.resize(0, false);
-  EXPECT_EQ(v.count, 0);
   EXPECT_EQ(v.data, nullptr);
-}
-
-TEST_F(ArenaPoolTest, EmptyVectorWithCountStillGetsBuffer) {
-  HandVector v;
-  v.count = 50;  // all zero by convention, no buffer
+  v.count = 50;  // all zero by convention, no buffer: still gets one
   v.resize(50, false);
   ASSERT_NE(v.data, nullptr);
-  EXPECT_EQ(v.count, 50);
-}
-
-TEST_F(ArenaPoolTest, MoveTransfersOwnership) {
-  HandVector a;
-  a.resize(10, false);
-  float* p = a.data;
-  HandVector b(std::move(a));
-  EXPECT_EQ(a.data, nullptr);
-  EXPECT_EQ(a.count, 0);
+  float* p = v.data;
+  HandVector b(std::move(v));
+  EXPECT_EQ(v.data, nullptr);
+  EXPECT_EQ(v.count, 0);
   EXPECT_EQ(b.data, p);
-  EXPECT_EQ(b.count, 10);
   HandVector c;
   c.resize(3, false);
   c = std::move(b);
   EXPECT_EQ(c.data, p);
+  EXPECT_EQ(c.count, 50);
   EXPECT_EQ(b.data, nullptr);
   std::vector<HandVector> rows(5);
   for (auto& r : rows) r.resize(20, false);
   rows.resize(50);  // growth moves the rows
   EXPECT_EQ(rows[4].count, 20);
-  EXPECT_EQ(rows[49].count, 0);
+  c.release();
+  EXPECT_EQ(c.data, nullptr);
+  EXPECT_EQ(c.count, 0);
 }
 
 // ---- The row pool ------------------------------------------------------------------
@@ -119,7 +93,7 @@ TEST_F(ArenaPoolTest, PooledRowSitsBehindLinkAndIsRecycled) {
   EXPECT_EQ(row_pool_idle_blocks(*pool), 0);
 }
 
-TEST_F(ArenaPoolTest, LongRowsAndDisallowedRowsBypassPool) {
+TEST_F(ArenaPoolTest, LongDisallowedAndPoollessRowsBypassPool) {
   RowPool* pool = ensure_thread_row_pool(4 * 100);
   HandVector longer, refused;
   longer.resize(101, true);
@@ -130,10 +104,6 @@ TEST_F(ArenaPoolTest, LongRowsAndDisallowedRowsBypassPool) {
   longer.release();
   refused.release();
   EXPECT_EQ(row_pool_idle_blocks(*pool), 0);  // neither went to the pool
-}
-
-TEST_F(ArenaPoolTest, NoPoolInForceMeansAllocator) {
-  ensure_thread_row_pool(400);
   set_current_row_pool(nullptr);
   HandVector v;
   v.resize(10, true);
@@ -149,6 +119,12 @@ TEST_F(ArenaPoolTest, ManyRowsComeBackAsManyBlocks) {
   rows.clear();
   EXPECT_EQ(row_pool_idle_blocks(*pool), 10);
   empty_row_pool(*pool);
+  EXPECT_EQ(row_pool_idle_blocks(*pool), 0);
+  HandVector v;
+  v.resize(64, true);
+  v.release();
+  EXPECT_EQ(row_pool_idle_blocks(*pool), 1);
+  empty_all_row_pools();
   EXPECT_EQ(row_pool_idle_blocks(*pool), 0);
 }
 
@@ -195,16 +171,6 @@ TEST_F(ArenaPoolTest, PoolOfNewSizeDropsOldBlocksAndRefusesOldRows) {
   for (int i = 0; i < 500; i++) big.data[i] = 3.0f;
 }
 
-TEST_F(ArenaPoolTest, EmptyAllPoolsReachesEveryThread) {
-  RowPool* mine = ensure_thread_row_pool(256);
-  HandVector v;
-  v.resize(64, true);
-  v.release();
-  EXPECT_EQ(row_pool_idle_blocks(*mine), 1);
-  empty_all_row_pools();
-  EXPECT_EQ(row_pool_idle_blocks(*mine), 0);
-}
-
 // ---- Aligned allocation ---------------------------------------------------------
 
 TEST(ArenaAllocation, BothAlignmentsHold) {
@@ -242,58 +208,7 @@ TEST(ArenaCounters, ResetAndThroughput) {
   reset_storage_counters();
 }
 
-TEST(ArenaCounters, ConcurrentAdditionsAllCount) {
-  reset_storage_counters();
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; t++)
-    threads.emplace_back([] {
-      for (int i = 0; i < 10000; i++) StorageBytesWritten.fetch_add(3);
-    });
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(StorageBytesWritten.load(), 120000);
-  reset_storage_counters();
-}
-
-// ---- Byte streams ---------------------------------------------------------------------
-
-TEST(ArenaByteStreams, RoundTripAndShortRead) {
-  MemoryByteWriter w;
-  write_value<int32_t>(w, -7);
-  write_value<int64_t>(w, int64_t(1) << 40);
-  w.write("abc", 3);
-  ASSERT_EQ(w.bytes.size(), 15u);
-  EXPECT_EQ(w.bytes[0], 0xF9);  // little-endian
-  MemoryByteSource s(w.bytes.data(), w.bytes.size());
-  EXPECT_EQ(read_value<int32_t>(s), -7);
-  EXPECT_EQ(read_value<int64_t>(s), int64_t(1) << 40);
-  char abc[3];
-  s.read(abc, 3);
-  EXPECT_EQ(memcmp(abc, "abc", 3), 0);
-  EXPECT_THROW(read_value<uint8_t>(s), std::runtime_error);
-}
-
 // ---- Region growth and fatal lines ---------------------------------------------------
-
-TEST(ArenaRegion, GrowCommitsPrefixAndNeverShrinks) {
-  uint8_t* base = nullptr;
-  int64_t committed = 0;
-  grow_region(0, committed, 1 << 20, base);
-  EXPECT_EQ(base, nullptr);  // nothing asked, nothing reserved
-  grow_region(16384, committed, 1 << 20, base);
-  ASSERT_NE(base, nullptr);
-  EXPECT_EQ(committed, 16384);
-  memset(base, 0xAB, 16384);
-  uint8_t* first = base;
-  grow_region(8192, committed, 1 << 20, base);
-  EXPECT_EQ(committed, 16384);
-  grow_region(65536, committed, 1 << 20, base);
-  EXPECT_EQ(base, first);  // the reservation stays in place
-  EXPECT_EQ(committed, 65536);
-  EXPECT_EQ(base[100], 0xAB);  // recommitting the prefix keeps its bytes
-  memset(base, 0, 65536);
-  release_region(base, 1 << 20);
-  EXPECT_EQ(base, nullptr);
-}
 
 TEST(ArenaRegion, Reservations) {
   EXPECT_EQ(packed_reservation(0, 4), 0);
@@ -307,74 +222,47 @@ TEST(ArenaRegion, Reservations) {
   EXPECT_EQ(entropy_reservation(2049), 8192);
 }
 
-TEST(ArenaFatal, FailLines) {
-  ChildOutcome r = run_in_child([] { storage_fatal(nullptr); });
-  EXPECT_TRUE(r.exited);
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.out, "fail\n");
-  r = run_in_child([] { storage_fatal("VirtualFree fail"); });
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.out, "fail (VirtualFree fail)\n");
-}
-
-TEST(ArenaFatal, NotEnoughReserved) {
-  ChildOutcome r = run_in_child([] {
-    uint8_t* base = nullptr;
-    int64_t committed = 0;
-    grow_region(32768, committed, 16384, base);
-  });
-  EXPECT_TRUE(r.exited);
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.out, "out of memory (not enough reserved)\n");
-}
-
-TEST(ArenaFatal, ReserveFailure) {
-  ChildOutcome r = run_in_child([] {
-    uint8_t* base = nullptr;
-    int64_t committed = 0;
-    int64_t huge = int64_t(1) << 62;  // more address space than the machine has
-    grow_region(4096, committed, huge, base);
-  });
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.out, "Reserve 4611686018427387904 bytes fail (errno 12)\n");
-}
-
-TEST(ArenaFatal, CommitFailure) {
-  ChildOutcome r = run_in_child([] {
-    size_t page = page_size();
-    // A reservation whose second page is gone: committing both pages fails.
-    uint8_t* base = static_cast<uint8_t*>(reserve_address_space(2 * page));
-    release_address_space(base + page, page);
-    int64_t committed = 0;
-    grow_region(int64_t(2 * page), committed, int64_t(2 * page), base);
-  });
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.out, "Commit " + std::to_string(2 * page_size()) + " bytes fail (errno 12)\n");
+TEST(ArenaFatal, FatalLines) {
+  expect_fatal([] { storage_fatal(nullptr); }, "fail\n");
+  expect_fatal([] { storage_fatal("VirtualFree fail"); }, "fail (VirtualFree fail)\n");
+  uint8_t* base = nullptr;
+  int64_t committed = 0;
+  expect_fatal([&] { grow_region(32768, committed, 16384, base); },
+               "out of memory (not enough reserved)\n");
+  // More address space than the machine has.
+  expect_fatal([&] { grow_region(4096, committed, int64_t(1) << 62, base); },
+               "Reserve 4611686018427387904 bytes fail (errno 12)\n");
+  size_t page = page_size();
+  expect_fatal(
+      [&] {
+        // A reservation whose second page is gone: committing both pages fails.
+        base = static_cast<uint8_t*>(reserve_address_space(2 * page));
+        release_address_space(base + page, page);
+        grow_region(int64_t(2 * page), committed, int64_t(2 * page), base);
+      },
+      "Commit " + std::to_string(2 * page) + " bytes fail (errno 12)\n");
 }
 
 // ---- show_memory -----------------------------------------------------------------------
 
 TEST(ArenaShowMemory, ReportLines) {
-  OutputBuffer.clear();
-  print_memory_report(uint64_t(16) << 30, 25);
-  EXPECT_EQ(OutputBuffer,
-            "Total Physical Memory: 16384 MB\n"
-            "Available Phys Memory: 12288 MB\n"
-            "END\n");
-  OutputBuffer.clear();
-  // Available is computed in double precision and truncated before the shift.
-  print_memory_report((uint64_t(1) << 30) + 3, 33);
-  EXPECT_EQ(OutputBuffer,
-            "Total Physical Memory: 1024 MB\n"
-            "Available Phys Memory: 686 MB\n"
-            "END\n");
-  OutputBuffer.clear();
-  // Both figures are cut to 32 bits.
-  print_memory_report((uint64_t(1) << 52) + (uint64_t(5) << 20), 0);
-  EXPECT_EQ(OutputBuffer,
-            "Total Physical Memory: 5 MB\n"
-            "Available Phys Memory: 5 MB\n"
-            "END\n");
+  struct Case {
+    uint64_t total;
+    int load;
+    const char* lines;
+  };
+  const Case cases[] = {
+      {uint64_t(16) << 30, 25, "Total Physical Memory: 16384 MB\nAvailable Phys Memory: 12288 MB\nEND\n"},
+      // Available is computed in double precision and truncated before the shift.
+      {(uint64_t(1) << 30) + 3, 33, "Total Physical Memory: 1024 MB\nAvailable Phys Memory: 686 MB\nEND\n"},
+      // Both figures are cut to 32 bits.
+      {(uint64_t(1) << 52) + (uint64_t(5) << 20), 0, "Total Physical Memory: 5 MB\nAvailable Phys Memory: 5 MB\nEND\n"},
+  };
+  for (const Case& c : cases) {
+    OutputBuffer.clear();
+    print_memory_report(c.total, c.load);
+    EXPECT_EQ(OutputBuffer, c.lines);
+  }
   OutputBuffer.clear();
 }
 

@@ -9,29 +9,30 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes packed32(const std::vector<uint32_t>& row) {
-  Bytes out(pack_bound32(int(row.size())) + 16, 0xcc);
-  uint8_t* end = pack32(out.data(), row.data(), int(row.size()));
-  EXPECT_LE(size_t(end - out.data()), pack_bound32(int(row.size())));
-  out.resize(size_t(end - out.data()));
-  return out;
-}
+// One form's writer, reader, size and bound.
+template <class T>
+struct Form {
+  uint8_t* (*pack)(uint8_t*, const T*, int);
+  const uint8_t* (*unpack)(T*, int, const uint8_t*);
+  int64_t (*size)(const uint8_t*, size_t, int);
+  size_t (*bound)(int);
+  uint32_t mask;  // the bits a value keeps
+};
+const Form<uint32_t> F32{pack32, unpack32, packed_size32, pack_bound32, 0xffffffff};
+const Form<uint16_t> F16{pack16, unpack16, packed_size16, pack_bound16, 0xffff};
+const Form<uint32_t> F24{pack24, unpack24, packed_size24, pack_bound24, 0xffffff};
 
-Bytes packed16(const std::vector<uint16_t>& row) {
-  Bytes out(pack_bound16(int(row.size())) + 16, 0xcc);
-  uint8_t* end = pack16(out.data(), row.data(), int(row.size()));
-  EXPECT_LE(size_t(end - out.data()), pack_bound16(int(row.size())));
+template <class T>
+Bytes packed(const Form<T>& f, const std::vector<T>& row) {
+  Bytes out(f.bound(int(row.size())) + 16, 0xcc);
+  uint8_t* end = f.pack(out.data(), row.data(), int(row.size()));
+  EXPECT_LE(size_t(end - out.data()), f.bound(int(row.size())));
   out.resize(size_t(end - out.data()));
   return out;
 }
-
-Bytes packed24(const std::vector<uint32_t>& row) {
-  Bytes out(pack_bound24(int(row.size())) + 16, 0xcc);
-  uint8_t* end = pack24(out.data(), row.data(), int(row.size()));
-  EXPECT_LE(size_t(end - out.data()), pack_bound24(int(row.size())));
-  out.resize(size_t(end - out.data()));
-  return out;
-}
+Bytes packed32(const std::vector<uint32_t>& row) { return packed(F32, row); }
+Bytes packed16(const std::vector<uint16_t>& row) { return packed(F16, row); }
+Bytes packed24(const std::vector<uint32_t>& row) { return packed(F24, row); }
 
 Bytes concat(std::initializer_list<Bytes> parts) {
   Bytes out;
@@ -118,41 +119,22 @@ TEST(PackedFormat, ExactTail16And24) {
 
 // ---- Round trips ----------------------------------------------------------------
 
-void check32(const std::vector<uint32_t>& row) {
+// Exactly sized input, so a read past the row's end is an error under ASan;
+// the value after the row stays untouched.
+template <class T>
+void check(const Form<T>& f, const std::vector<T>& row) {
   const int n = int(row.size());
-  Bytes p = packed32(row);
-  EXPECT_EQ(packed_size32(p.data(), p.size(), n), int64_t(p.size()));
-  // Exactly sized, so a read past the row's end is an error under ASan.
-  Bytes exact(p);
-  std::vector<uint32_t> back(row.size() + 1, 0xdeadbeef);
-  EXPECT_EQ(unpack32(back.data(), n, exact.data()), exact.data() + exact.size());
+  Bytes p = packed(f, row);
+  EXPECT_EQ(f.size(p.data(), p.size(), n), int64_t(p.size()));
+  std::vector<T> back(row.size() + 1, T(0xdeadbeef));
+  EXPECT_EQ(f.unpack(back.data(), n, p.data()), p.data() + p.size());
+  EXPECT_EQ(back.back(), T(0xdeadbeef));
   back.pop_back();
-  ASSERT_EQ(back, row);
+  for (size_t i = 0; i < row.size(); i++) ASSERT_EQ(back[i], row[i] & f.mask) << i;
 }
-
-void check16(const std::vector<uint16_t>& row) {
-  const int n = int(row.size());
-  Bytes p = packed16(row);
-  EXPECT_EQ(packed_size16(p.data(), p.size(), n), int64_t(p.size()));
-  Bytes exact(p);
-  std::vector<uint16_t> back(row.size() + 1, 0xbeef);
-  EXPECT_EQ(unpack16(back.data(), n, exact.data()), exact.data() + exact.size());
-  EXPECT_EQ(back.back(), 0xbeef);
-  back.pop_back();
-  ASSERT_EQ(back, row);
-}
-
-void check24(const std::vector<uint32_t>& row) {
-  const int n = int(row.size());
-  Bytes p = packed24(row);
-  EXPECT_EQ(packed_size24(p.data(), p.size(), n), int64_t(p.size()));
-  Bytes exact(p);
-  std::vector<uint32_t> back(row.size() + 1, 0xdeadbeef);
-  EXPECT_EQ(unpack24(back.data(), n, exact.data()), exact.data() + exact.size());
-  EXPECT_EQ(back.back(), 0xdeadbeefu);
-  back.pop_back();
-  for (size_t i = 0; i < row.size(); i++) ASSERT_EQ(back[i], row[i] & 0xffffff) << i;
-}
+void check32(const std::vector<uint32_t>& row) { check(F32, row); }
+void check16(const std::vector<uint16_t>& row) { check(F16, row); }
+void check24(const std::vector<uint32_t>& row) { check(F24, row); }
 
 std::vector<uint16_t> narrow(const std::vector<uint32_t>& v) {
   std::vector<uint16_t> out(v.size());
@@ -210,21 +192,16 @@ TEST(PackedFormat, MeasureRejectsShortInput) {
   std::mt19937 rng(5);
   for (int n : {1, 9, 32, 33, 100, 1326}) {
     std::vector<uint32_t> row = realistic_row(rng, n, 100000);
-    Bytes p = packed32(row);
-    for (size_t cut = 0; cut < p.size(); cut++) {
-      Bytes prefix(p.begin(), p.begin() + long(cut));
-      EXPECT_EQ(packed_size32(prefix.data(), prefix.size(), n), -1) << n << " " << cut;
-    }
-    Bytes q = packed16(narrow(row));
-    for (size_t cut = 0; cut < q.size(); cut++) {
-      Bytes prefix(q.begin(), q.begin() + long(cut));
-      EXPECT_EQ(packed_size16(prefix.data(), prefix.size(), n), -1);
-    }
-    Bytes w = packed24(row);
-    for (size_t cut = 0; cut < w.size(); cut++) {
-      Bytes prefix(w.begin(), w.begin() + long(cut));
-      EXPECT_EQ(packed_size24(prefix.data(), prefix.size(), n), -1);
-    }
+    auto refuses_prefixes = [n](const auto& f, const auto& r) {
+      Bytes p = packed(f, r);
+      for (size_t cut = 0; cut < p.size(); cut++) {
+        Bytes prefix(p.begin(), p.begin() + long(cut));  // exactly sized for ASan
+        EXPECT_EQ(f.size(prefix.data(), cut, n), -1) << n << " " << cut;
+      }
+    };
+    refuses_prefixes(F32, row);
+    refuses_prefixes(F16, narrow(row));
+    refuses_prefixes(F24, row);
   }
   EXPECT_EQ(packed_size32(nullptr, 0, 0), 0);
 }

@@ -15,17 +15,6 @@ std::vector<uint16_t> narrow(const std::vector<uint32_t>& v) {
   return out;
 }
 
-TEST(CodecTransform, Zigzag) {
-  EXPECT_EQ(zigzag32(0), 0u);
-  EXPECT_EQ(zigzag32(uint32_t(-1)), 1u);
-  EXPECT_EQ(zigzag32(1), 2u);
-  EXPECT_EQ(zigzag32(uint32_t(-2)), 3u);
-  EXPECT_EQ(zigzag32(0x7fffffff), 0xfffffffeu);
-  EXPECT_EQ(zigzag32(0x80000000), 0xffffffffu);
-  for (uint32_t v : {0u, 1u, 5u, 0xffffffffu, 0x80000000u, 12345678u})
-    EXPECT_EQ(unzigzag32(zigzag32(v)), v);
-}
-
 TEST(CodecTransform, ExactValuesWithoutReference) {
   const uint32_t x[4] = {5, 3, 3, 10};
   uint32_t a[4], b[4] = {77, 77, 77, 77};

@@ -14,12 +14,6 @@ namespace {
 
 struct FlatStoreTest : StoreSettings {};
 
-std::vector<uint8_t> saved_bytes(Store& s) {
-  MemoryByteWriter w;
-  s.save(w);
-  return w.bytes;
-}
-
 // All values of cell (g, c) of a 16-bit flat store, by action.
 std::vector<std::vector<uint32_t>> cell_values(Word16FlatStore& s, int g, int c) {
   const StoreCell& cell = s.shape->cells[s.shape->cell_index(g, c)];
@@ -47,46 +41,27 @@ void write_cell(Store& s, int g, int c, const std::vector<std::vector<float>>& r
 
 // ---- Shapes -------------------------------------------------------------------------
 
-TEST(StoreShapes, OffsetsSpansAndPadding) {
+TEST(StoreShapes, OffsetsSpansPaddingAndTable) {
   StoreShape s = make_store_shape(2, {{5, 3}, {0}, {8}});
-  EXPECT_EQ(s.group_count, 3);
-  EXPECT_EQ(s.cell_count, 4);
-  ASSERT_EQ(s.cells.size(), 4u);
-  EXPECT_EQ(s.cells[0].offset, 0);
-  EXPECT_EQ(s.cells[1].offset, 16);  // two rows of align4(5) = 8
-  EXPECT_EQ(s.cells[2].offset, 24);
-  EXPECT_EQ(s.cells[3].offset, 24);  // an empty cell takes no room
-  EXPECT_EQ(s.group_spans[0].base, 0);
-  EXPECT_EQ(s.group_spans[0].span, 24);
-  EXPECT_EQ(s.group_spans[1].span, 0);
+  // Two rows of align4(5) = 8, then 3 -> 4; an empty cell takes no room.
+  std::vector<int32_t> offsets;
+  for (const StoreCell& c : s.cells) offsets.push_back(c.offset);
+  EXPECT_EQ(offsets, (std::vector<int32_t>{0, 16, 24, 24}));
   EXPECT_EQ(s.group_spans[2].base, 24);
   EXPECT_EQ(s.group_spans[2].span, 16);
   EXPECT_EQ(s.padded_values, 40);
   EXPECT_EQ(s.values, 32);
-  EXPECT_EQ(s.groups[2].first_cell, 3);
   EXPECT_EQ(s.cell_index(2, 0), 3);
-}
-
-TEST(StoreShapes, TableByStreetAndActions) {
   BoardCells b;
   b.root_length = 100;
   b.turn_lengths = {90, 80};
   b.river_lengths = {{70, 71, 72}, {60, 61}};
   StoreShapeTable t;
   build_store_shapes(t, b, 4);
-  EXPECT_EQ(t.shape(1, 3)->cell_count, 1);
-  EXPECT_EQ(t.shape(1, 3)->values, 300);
-  EXPECT_EQ(t.shape(2, 2)->group_count, 2);
   EXPECT_EQ(t.shape(2, 2)->cells[1].length, 80);
-  const StoreShape* r = t.shape(3, 4);
-  ASSERT_NE(r, nullptr);
-  EXPECT_EQ(r->actions, 4);
-  EXPECT_EQ(r->group_count, 2);
-  EXPECT_EQ(r->cell_count, 5);
-  EXPECT_EQ(r->groups[1].first_cell, 3);
-  EXPECT_EQ(r->values, 4 * (70 + 71 + 72 + 60 + 61));
+  EXPECT_EQ(t.shape(3, 4)->values, 4 * (70 + 71 + 72 + 60 + 61));
+  EXPECT_EQ(t.shape(3, 4)->groups[1].first_cell, 3);
   EXPECT_EQ(t.shape(3, 5), nullptr);
-  EXPECT_EQ(t.shape(0, 2), nullptr);
 }
 
 // ---- FloatFlatStore ----------------------------------------------------------------------
@@ -112,51 +87,15 @@ TEST_F(FlatStoreTest, FloatStoreAgainstReference) {
     StoreShape shape = make_store_shape(actions, {{13, 9, 30}, {17}});
     FloatFlatStore regrets(&shape), sums(&shape);
     ASSERT_TRUE(regrets.materialise() && sums.materialise());
-    const int g = 0, c = 2, n = 30;
-    std::vector<std::vector<double>> ref(actions, std::vector<double>(n, 0.0));
-    std::vector<std::vector<double>> sref = ref;
-    for (int step = 0; step < 6; step++) {
-      HandVector base;
-      fill(base, random_floats(rng, n, -5.0f, 5.0f));
-      Rows children(actions);
-      for (int a = 0; a < actions; a++) fill(children[a], random_floats(rng, n, -5.0f, 5.0f));
-      regrets.update_regrets(g, c, base, children.data(), nullptr, 123.0);
-      Rows strat = random_strategy(rng, actions, n);
-      HandVector reach;
-      fill(reach, random_floats(rng, n, 0.0f, 1.0f));
-      float w = 1.5f * float(step + 1);
-      sums.accumulate_strategy(g, c, strat.data(), reach, w);
-      for (int a = 0; a < actions; a++)
-        for (int i = 0; i < n; i++) {
-          ref[a][i] = ref_regret_f32(ref[a][i], double(children[a].data[i]) - base.data[i]);
-          sref[a][i] += double(w) * strat[a].data[i] * reach.data[i];
-        }
-    }
-    auto got = cell_values(regrets, g, c);
-    auto sgot = cell_values(sums, g, c);
-    for (int a = 0; a < actions; a++) {
-      expect_near_all(got[a], ref[a], n, 2e-4, "regret");
-      expect_near_all(sgot[a], sref[a], n, 1e-3, "sum");
-    }
-    // The neighbours were not touched.
-    for (auto& row : cell_values(regrets, 0, 1))
-      for (float x : row) EXPECT_EQ(x, 0.0f);
+    check_float_cell(regrets, sums, 0, 2, 30, actions, rng,
+                     [](Store& s, int a) { return cell_values(static_cast<FloatFlatStore&>(s), 0, 2)[size_t(a)]; });
+    // The neighbours were not touched, and read as the defaults.
     for (auto& row : cell_values(sums, 1, 0))
       for (float x : row) EXPECT_EQ(x, 0.0f);
-
-    // Two actions fall back to defaults[0] and defaults[1] for a zero sum.
-    std::vector<float> d(actions, 0.25f);
-    d[0] = 0.6f;
+    std::vector<float> d(size_t(actions), 0.25f);
     Rows out(actions);
     regrets.read_strategy(out.data(), 0, 1, d.data());
-    for (int a = 0; a < actions; a++) EXPECT_EQ(to_vector(out[a]), std::vector<float>(9, d[a]));
-    regrets.read_strategy(out.data(), g, c, d.data());
-    for (int i = 0; i < n; i++) {
-      double s = 0;
-      for (int a = 0; a < actions; a++) s += got[a][i];
-      for (int a = 0; a < actions; a++)
-        EXPECT_NEAR(out[a].data[i], s < FLT_MIN ? d[a] : got[a][i] / s, 2e-6);
-    }
+    for (int a = 0; a < actions; a++) EXPECT_EQ(to_vector(out[a]), std::vector<float>(9, d[size_t(a)]));
   }
 }
 
@@ -168,12 +107,8 @@ TEST_F(FlatStoreTest, FloatStoreSaveLoad) {
   write_cell(s, 0, 1, {random_floats(rng, 7, 0, 3), random_floats(rng, 7, 0, 3), random_floats(rng, 7, 0, 3)});
   write_cell(s, 1, 0, {random_floats(rng, 11, 0, 3), random_floats(rng, 11, 0, 3), random_floats(rng, 11, 0, 3)});
   s.cell_lock_info(1, 0)->flags = CELL_LOCKED;
-  std::vector<uint8_t> bytes = saved_bytes(s);
-  EXPECT_EQ(bytes.size(), 3 * 4 + (4 + 7 + 11) * 3 * 4u);
   FloatFlatStore back(&shape);
-  MemoryByteSource src(bytes.data(), bytes.size());
-  back.load(src);
-  EXPECT_EQ(src.position, bytes.size());
+  EXPECT_EQ(save_and_load(s, back).size(), 3 * 4 + (4 + 7 + 11) * 3 * 4u);
   EXPECT_EQ(back.cell_lock_info(1, 0)->flags, uint32_t(CELL_LOCKED));
   EXPECT_EQ(cell_values(back, 0, 1), cell_values(s, 0, 1));
   EXPECT_EQ(cell_values(back, 1, 0), cell_values(s, 1, 0));
@@ -185,6 +120,7 @@ TEST_F(FlatStoreTest, Word16WriteRowTruncatesAndLimits) {
   StoreShape shape = make_store_shape(2, {{6}});
   Word16FlatStore s(&shape);
   EXPECT_EQ(s.value_width(), 2);
+  EXPECT_EQ(s.cell_factors, std::vector<float>(1, 1.0f));
   ASSERT_TRUE(s.materialise());
   std::vector<float> row = {3.9f, -5.0f, 70000.0f, 65534.7f, 0.4f, 65535.0f};
   s.write_row(0, 0, 1, row.data());
@@ -295,44 +231,35 @@ TEST_F(FlatStoreTest, Word16AdaptiveRescale) {
   HandVector base;
   fill(base, {0, 0, 0});
   Rows zero(2);  // d = 0 everywhere: only the rescale acts
-  auto run = [&](std::vector<float> r0, std::vector<float> r1, float factor, int iteration) {
-    write_cell(s, 0, 0, {r0, r1});
-    s.cell_factors[0] = factor;
-    RegretIteration = iteration;
-    s.update_regrets(0, 0, base, zero.data(), nullptr, 10.0);
-    return cell_values(s, 0, 0);
+  struct Case {
+    std::vector<float> r0, r1;
+    float factor;
+    int iteration;
+    std::vector<uint32_t> want0, want1;
+    float want_factor;
   };
-  auto v = run({100, 7, 0}, {50, 0, 1}, 1.0f, 10);  // 1024 / 100: up by 8
-  EXPECT_EQ(v[0], (std::vector<uint32_t>{800, 56, 0}));
-  EXPECT_EQ(v[1], (std::vector<uint32_t>{400, 0, 8}));
-  EXPECT_EQ(s.cell_factors[0], 8.0f);
-  v = run({300, 1, 0}, {0, 0, 0}, 2.0f, 20);  // 1024 / 300: up by 4
-  EXPECT_EQ(v[0], (std::vector<uint32_t>{1200, 4, 0}));
-  EXPECT_EQ(s.cell_factors[0], 8.0f);
-  v = run({2000, 1, 0}, {0, 0, 5}, 1.0f, 30);  // between target and 60000: nothing
-  EXPECT_EQ(v[0], (std::vector<uint32_t>{2000, 1, 0}));
-  EXPECT_EQ(s.cell_factors[0], 1.0f);
-  v = run({61001, 3, 0}, {0, 7, 0}, 4.0f, 0);  // above 60000: halved
-  EXPECT_EQ(v[0], (std::vector<uint32_t>{30500, 1, 0}));
-  EXPECT_EQ(v[1], (std::vector<uint32_t>{0, 3, 0}));
-  EXPECT_EQ(s.cell_factors[0], 2.0f);
-  v = run({100, 0, 0}, {0, 0, 0}, 64.0f, 40);  // factor above 32: no more upscaling
-  EXPECT_EQ(v[0], (std::vector<uint32_t>{100, 0, 0}));
-  EXPECT_EQ(s.cell_factors[0], 64.0f);
-  v = run({60001, 0, 0}, {0, 0, 0}, 64.0f, 40);  // ... but halving still
-  EXPECT_EQ(v[0], (std::vector<uint32_t>{30000, 0, 0}));
-  EXPECT_EQ(s.cell_factors[0], 32.0f);
-  v = run({100, 0, 0}, {0, 0, 0}, 1.0f, 41);  // not a multiple of 10
-  EXPECT_EQ(v[0], (std::vector<uint32_t>{100, 0, 0}));
-  v = run({0, 0, 0}, {0, 0, 0}, 1.0f, 50);  // all zero: nothing
-  EXPECT_EQ(s.cell_factors[0], 1.0f);
-  Precision = 1.0;  // target 2048: 2048 / 1000 needs 4
-  v = run({1000, 0, 0}, {0, 0, 0}, 1.0f, 60);
-  EXPECT_EQ(v[0], (std::vector<uint32_t>{4000, 0, 0}));
-  AdaptivePrecision = false;
-  v = run({100, 0, 0}, {0, 0, 0}, 1.0f, 70);
-  EXPECT_EQ(v[0], (std::vector<uint32_t>{100, 0, 0}));
-  EXPECT_EQ(s.cell_factors[0], 1.0f);
+  const Case cases[] = {
+      {{100, 7, 0}, {50, 0, 1}, 1, 10, {800, 56, 0}, {400, 0, 8}, 8},        // 1024 / 100: up by 8
+      {{300, 1, 0}, {0, 0, 0}, 2, 20, {1200, 4, 0}, {0, 0, 0}, 8},          // 1024 / 300: up by 4
+      {{2000, 1, 0}, {0, 0, 5}, 1, 30, {2000, 1, 0}, {0, 0, 5}, 1},         // between target and 60000
+      {{61001, 3, 0}, {0, 7, 0}, 4, 0, {30500, 1, 0}, {0, 3, 0}, 2},        // above 60000: halved
+      {{100, 0, 0}, {0, 0, 0}, 64, 40, {100, 0, 0}, {0, 0, 0}, 64},         // factor above 32: no more up
+      {{60001, 0, 0}, {0, 0, 0}, 64, 40, {30000, 0, 0}, {0, 0, 0}, 32},     // ... but halving still
+      {{100, 0, 0}, {0, 0, 0}, 1, 41, {100, 0, 0}, {0, 0, 0}, 1},           // not a multiple of 10
+      {{0, 0, 0}, {0, 0, 0}, 1, 50, {0, 0, 0}, {0, 0, 0}, 1},               // all zero
+      {{1000, 0, 0}, {0, 0, 0}, 1, 60, {4000, 0, 0}, {0, 0, 0}, 4},         // precision 1: target 2048
+      {{100, 0, 0}, {0, 0, 0}, 1, 70, {100, 0, 0}, {0, 0, 0}, 1},           // no adaptive precision
+  };
+  for (const Case& c : cases) {
+    Precision = c.iteration >= 60 ? 1.0 : 0.0;
+    AdaptivePrecision = c.iteration < 70;
+    write_cell(s, 0, 0, {c.r0, c.r1});
+    s.cell_factors[0] = c.factor;
+    RegretIteration = c.iteration;
+    s.update_regrets(0, 0, base, zero.data(), nullptr, 10.0);
+    EXPECT_EQ(cell_values(s, 0, 0), (std::vector<std::vector<uint32_t>>{c.want0, c.want1})) << c.iteration;
+    EXPECT_EQ(s.cell_factors[0], c.want_factor) << c.iteration;
+  }
 }
 
 TEST_F(FlatStoreTest, Word16ScaleUsesTheCellFactorOnlyWithAdaptivePrecision) {
@@ -426,15 +353,11 @@ TEST_F(FlatStoreTest, Word16SaveLoadAllFormats) {
   lock.flags = CELL_MASKED;
   ensure_lock_mask(lock, 5)[0] = 1;
 
-  std::vector<uint8_t> bytes = saved_bytes(s);
   Word16FlatStore back(&shape);
-  MemoryByteSource src(bytes.data(), bytes.size());
-  back.load(src);
-  EXPECT_EQ(src.position, bytes.size());
+  std::vector<uint8_t> bytes = save_and_load(s, back);
   for (int g = 0; g < 2; g++)
     for (int c = 0; c < shape.groups[g].cell_count; c++) EXPECT_EQ(cell_values(back, g, c), cell_values(s, g, c));
   EXPECT_EQ(back.cell_factors, s.cell_factors);
-  EXPECT_EQ(saved_bytes(back), bytes);
 
   // Older files: packed rows without factors (4..8), raw rows before 4.
   for (int format : {3, 8}) {

@@ -302,15 +302,8 @@ TEST(StoreKernels, StrategySums) {
 TEST(StoreKernels, DispatchFollowsTheSwitch) {
   bool saved = UseAvx512;
   UseAvx512 = false;
-  EXPECT_NE(&store_kernels(), &StoreKernelsAvx512);
-  if (store_kernels_have_avx2()) {
-    EXPECT_EQ(&store_kernels(), &StoreKernelsAvx2);
-  }
+  EXPECT_EQ(&store_kernels() == &StoreKernelsAvx2, store_kernels_have_avx2());
   UseAvx512 = true;
-  if (store_kernels_have_avx512()) {
-    EXPECT_EQ(&store_kernels(), &StoreKernelsAvx512);
-  } else {
-    EXPECT_NE(&store_kernels(), &StoreKernelsAvx512);
-  }
+  EXPECT_EQ(&store_kernels() == &StoreKernelsAvx512, store_kernels_have_avx512());
   UseAvx512 = saved;
 }

@@ -44,72 +44,37 @@ struct MakeStoresTest : StoreSettings {
 
 }  // namespace
 
-TEST_F(MakeStoresTest, FlopAndTurnNodes) {
+// The classes by level and root street go through the build driver in the
+// tree tests; here the cases it doesn't reach, the totals and replacement.
+TEST_F(MakeStoresTest, ClassesTotalsAndReplacement) {
   make(1, 3, true, 1, {2, 2});
-  ASSERT_TRUE(is<RowStore>(regret));
-  ASSERT_TRUE(is<RowStore>(strategy));
+  EXPECT_TRUE(is<RowStore>(regret) && is<RowStore>(strategy));
   EXPECT_EQ(regret->row_length(-1, -1), 1000);
   EXPECT_EQ(totals[1], 3000);
   EXPECT_FALSE(ready);
-
   make(2, 2, false, 1, {0, 0});
   ASSERT_TRUE(is<CompositeStore>(regret));
   EXPECT_EQ(strategy, nullptr);
   EXPECT_EQ(regret->row_length(1, -1), 880);
-  EXPECT_EQ(regret->value_count(-1), 2 * (900 + 880));
   EXPECT_EQ(totals[2], 2 * (900 + 880));
-}
-
-TEST_F(MakeStoresTest, RiverRegretsByRootAndLevel) {
-  make(3, 2, false, 3, {2, 2});
-  EXPECT_TRUE(is<FloatFlatStore>(regret));
-  make(3, 2, false, 2, {2, 2}, true);
-  EXPECT_TRUE(is<FloatFlatStore>(regret));
   make(3, 2, false, 2, {0, 0}, false);  // a turn tree from an old file
   EXPECT_TRUE(is<Word16FlatStore>(regret));
-  make(3, 2, false, 1, {0, 1});
-  ASSERT_TRUE(is<Word16FlatStore>(regret));
-  EXPECT_EQ(static_cast<Word16FlatStore*>(regret)->cell_factors, std::vector<float>(5, 1.0f));
-  for (int level : {1, 2}) {
-    make(3, 4, false, 1, {level, 0});
-    ASSERT_TRUE(is<PackedStore>(regret));
-    auto* p = static_cast<PackedStore*>(regret);
-    EXPECT_EQ(p->level, level);
-    EXPECT_TRUE(p->wide16);
-    EXPECT_EQ(p->cell_factors, std::vector<float>(5, 1.0f));
-    EXPECT_EQ(p->shape, shapes.shape(3, 4));
-  }
-  EXPECT_EQ(totals[3], 4 * 2 * 3706 + 2 * 4 * 3706);
-}
-
-TEST_F(MakeStoresTest, RiverStrategyByLevel) {
-  make(3, 2, true, 1, {0, 0});
-  EXPECT_TRUE(is<FloatFlatStore>(strategy));
-  make(3, 2, true, 1, {0, 3});
-  EXPECT_TRUE(is<WideningStore>(strategy));
-  make(3, 2, true, 2, {0, 3});
-  EXPECT_TRUE(is<FloatFlatStore>(strategy));
-  for (int level : {1, 2}) {
-    make(3, 2, true, 1, {1, level});
-    ASSERT_TRUE(is<PackedStore>(strategy));
-    EXPECT_EQ(static_cast<PackedStore*>(strategy)->level, level);
-    EXPECT_FALSE(static_cast<PackedStore*>(strategy)->wide16);
-  }
+  make(3, 4, true, 1, {2, 1});
+  ASSERT_TRUE(is<PackedStore>(regret) && is<PackedStore>(strategy));
+  auto* p = static_cast<PackedStore*>(regret);
+  EXPECT_EQ(p->level, 2);
+  EXPECT_TRUE(p->wide16);
+  EXPECT_FALSE(static_cast<PackedStore*>(strategy)->wide16);
+  EXPECT_EQ(p->cell_factors, std::vector<float>(5, 1.0f));
+  EXPECT_EQ(p->shape, shapes.shape(3, 4));
   RiverStrategyEnabled = false;
   make(3, 2, true, 1, {1, 1});
   EXPECT_EQ(strategy, nullptr);
-  EXPECT_NE(regret, nullptr);
-}
-
-TEST_F(MakeStoresTest, TerminalNodesLoseTheirStores) {
-  make(3, 2, true, 1, {0, 0});
-  ASSERT_NE(regret, nullptr);
   ready = true;
-  make(3, 0, true, 1, {0, 0}, true, false);
+  make(3, 0, true, 1, {0, 0}, true, false);  // a terminal loses its stores
   EXPECT_EQ(regret, nullptr);
-  EXPECT_EQ(strategy, nullptr);
   EXPECT_FALSE(ready);
-  EXPECT_EQ(totals[3], 2 * 3706);  // only the decision counted
+  EXPECT_EQ(totals[3], (2 + 4 + 2) * 3706);  // only the decisions count
 }
 
 // ---- The walk over a group --------------------------------------------------------

@@ -13,12 +13,6 @@ namespace {
 
 struct RowStoreTest : StoreSettings {};
 
-std::vector<uint8_t> saved_bytes(Store& s) {
-  MemoryByteWriter w;
-  s.save(w);
-  return w.bytes;
-}
-
 }  // namespace
 
 // ---- Lock records -------------------------------------------------------------------
@@ -53,101 +47,42 @@ TEST(LockRecord, PlainFlagsAndCorruptRuns) {
   save_lock_record(w, lock);
   EXPECT_EQ(w.bytes, (std::vector<uint8_t>{1, 0, 0, 0}));
 
-  // Runs that add up to more than the mask are refused.
-  const std::vector<uint8_t> bad = {2, 0, 0, 0, 3, 0, 2, 0, 2, 0, 2, 0};
-  MemoryByteSource src(bad.data(), bad.size());
-  CellLock back;
-  EXPECT_THROW(load_lock_record(src, back), std::runtime_error);
-  free_lock_mask(back);
-  // And so are runs that fall short.
-  const std::vector<uint8_t> shortr = {2, 0, 0, 0, 5, 0, 1, 0, 2, 0};
-  MemoryByteSource src2(shortr.data(), shortr.size());
-  CellLock back2;
-  EXPECT_THROW(load_lock_record(src2, back2), std::runtime_error);
-  free_lock_mask(back2);
+  // Runs that add up to more or less than the mask are refused.
+  for (const std::vector<uint8_t>& bad : {std::vector<uint8_t>{2, 0, 0, 0, 3, 0, 2, 0, 2, 0, 2, 0},
+                                          std::vector<uint8_t>{2, 0, 0, 0, 5, 0, 1, 0, 2, 0}}) {
+    MemoryByteSource src(bad.data(), bad.size());
+    CellLock back;
+    EXPECT_THROW(load_lock_record(src, back), std::runtime_error);
+    free_lock_mask(back);
+  }
 }
 
 // ---- RowStore -----------------------------------------------------------------------------
-
-TEST_F(RowStoreTest, MaterialisedRowsAreZeroAndReadAsDefaults) {
-  RowStore s(3, 10);
-  EXPECT_EQ(s.value_count(-1), 30);
-  EXPECT_EQ(s.row_length(-1, -1), 10);
-  const float d[3] = {0.9f, 0.05f, 0.05f};
-  Rows out(3);
-  s.read_strategy(out.data(), -1, -1, d);  // before materialise: all zero
-  for (int a = 0; a < 3; a++)
-    for (float x : to_vector(out[a])) EXPECT_EQ(x, d[a]);
-  ASSERT_TRUE(s.materialise());
-  s.read_strategy(out.data(), -1, -1, d);
-  for (int a = 0; a < 3; a++)
-    for (float x : to_vector(out[a])) EXPECT_EQ(x, d[a]);
-}
 
 TEST_F(RowStoreTest, WriteReadUpdateAccumulateAgainstReference) {
   std::mt19937 rng(21);
   for (int actions : {1, 2, 3, 4, 6}) {
     SCOPED_TRACE(actions);
-    const int n = 37;
-    RowStore s(actions, n);
-    ASSERT_TRUE(s.materialise());
-    std::vector<std::vector<double>> ref(actions);
-    for (int a = 0; a < actions; a++) {
-      std::vector<float> row = random_floats(rng, n, 0.0f, 5.0f);
-      row[3] = 0;  // hand 3 is all zero: defaults
-      s.write_row(-1, -1, a, row.data());
-      ref[size_t(a)].assign(row.begin(), row.end());
-    }
-    for (int step = 0; step < 5; step++) {
-      HandVector base;
-      fill(base, random_floats(rng, n, -3.0f, 3.0f));
-      Rows children(actions);
-      for (int a = 0; a < actions; a++)
-        if (a != 1) fill(children[a], random_floats(rng, n, -3.0f, 3.0f));  // child 1 empty
-      s.update_regrets(-1, -1, base, children.data(), nullptr, 1.0);
-      for (int a = 0; a < actions; a++)
-        for (int i = 0; i < n; i++) {
-          double c = children[a].data ? children[a].data[i] : 0.0;
-          ref[size_t(a)][size_t(i)] = ref_regret_f32(ref[size_t(a)][size_t(i)], c - base.data[i]);
-        }
-    }
-    for (int a = 0; a < actions; a++)
-      expect_near_all(s.rows[size_t(a)].data, ref[size_t(a)], size_t(n), 1e-4, "regret");
-
-    const std::vector<float> d(size_t(actions), 1.0f / float(actions));
-    Rows out(actions);
-    s.read_strategy(out.data(), -1, -1, d.data());
-    for (int i = 0; i < n; i++) {
-      double sum = 0;
-      for (int a = 0; a < actions; a++) sum += ref[size_t(a)][size_t(i)];
-      for (int a = 0; a < actions; a++) {
-        double e = sum < FLT_MIN ? d[size_t(a)] : ref[size_t(a)][size_t(i)] / sum;
-        EXPECT_NEAR(out[a].data[i], e, 2e-5) << "hand " << i;
-      }
-    }
-
-    // Sums: v += w s r per hand.
-    RowStore sums(actions, n);
-    ASSERT_TRUE(sums.materialise());
-    std::vector<std::vector<double>> sref(size_t(actions), std::vector<double>(size_t(n), 0.0));
-    for (int step = 0; step < 4; step++) {
-      Rows strat = random_strategy(rng, actions, n);
-      HandVector reach;
-      fill(reach, random_floats(rng, n, 0.0f, 1.0f));
-      float w = float(step + 1) * 2.5f;
-      sums.accumulate_strategy(-1, -1, strat.data(), reach, w);
-      for (int a = 0; a < actions; a++)
-        for (int i = 0; i < n; i++) sref[size_t(a)][size_t(i)] += double(w) * strat[a].data[i] * reach.data[i];
-    }
-    for (int a = 0; a < actions; a++)
-      expect_near_all(sums.rows[size_t(a)].data, sref[size_t(a)], size_t(n), 1e-4, "sum");
+    RowStore regrets(actions, 37), sums(actions, 37);
+    ASSERT_TRUE(regrets.materialise() && sums.materialise());
+    check_float_cell(regrets, sums, -1, -1, 37, actions, rng,
+                     [](Store& s, int a) { return to_vector(static_cast<RowStore&>(s).rows[size_t(a)]); });
   }
 }
 
-TEST_F(RowStoreTest, NoWeightOrNoReachChangesNothing) {
+// Rows read as defaults before and after materialise (all zero); no weight
+// or no reach adds nothing.
+TEST_F(RowStoreTest, ZeroRowsAndNoOps) {
   std::mt19937 rng(22);
   RowStore s(2, 9);
-  ASSERT_TRUE(s.materialise());
+  EXPECT_EQ(s.value_count(-1), 18);
+  const float d[2] = {0.9f, 0.1f};
+  Rows out(2);
+  for (int pass = 0; pass < 2; pass++) {
+    s.read_strategy(out.data(), -1, -1, d);
+    for (int a = 0; a < 2; a++) EXPECT_EQ(to_vector(out[a]), std::vector<float>(9, d[a]));
+    ASSERT_TRUE(s.materialise());
+  }
   Rows strat = random_strategy(rng, 2, 9);
   HandVector reach, empty;
   fill(reach, random_floats(rng, 9, 0.1f, 1.0f));
@@ -155,8 +90,7 @@ TEST_F(RowStoreTest, NoWeightOrNoReachChangesNothing) {
   s.accumulate_strategy(-1, -1, strat.data(), reach, 0.0f);
   s.accumulate_strategy(-1, -1, strat.data(), reach, -1.0f);
   s.accumulate_strategy(-1, -1, strat.data(), empty, 5.0f);
-  for (int a = 0; a < 2; a++)
-    for (float x : to_vector(s.rows[size_t(a)])) EXPECT_EQ(x, 0.0f);
+  for (int a = 0; a < 2; a++) EXPECT_EQ(to_vector(s.rows[size_t(a)]), std::vector<float>(9, 0.0f));
 }
 
 TEST_F(RowStoreTest, LockedCellAndFrozenHandsStayUntouched) {
@@ -208,18 +142,12 @@ TEST_F(RowStoreTest, SaveLoadRoundTrip) {
   s.lock.flags = CELL_MASKED;
   uint8_t* m = ensure_lock_mask(s.lock, n);
   m[0] = m[1] = m[30] = 1;
-  std::vector<uint8_t> bytes = saved_bytes(s);
-  // Lock record (4 + 4 + 5 runs * 2), then three rows of floats.
-  EXPECT_EQ(bytes.size(), 4u + 4u + 10u + 3u * n * 4u);
-
   RowStore back(3, n);  // not materialised: load makes the rows
-  MemoryByteSource src(bytes.data(), bytes.size());
-  back.load(src);
-  EXPECT_EQ(src.position, bytes.size());
+  // Lock record (4 + 4 + 5 runs * 2), then three rows of floats.
+  EXPECT_EQ(save_and_load(s, back).size(), 4u + 4u + 10u + 3u * n * 4u);
   for (int a = 0; a < 3; a++) EXPECT_EQ(to_vector(back.rows[size_t(a)]), to_vector(s.rows[size_t(a)]));
   EXPECT_EQ(back.lock.flags, uint32_t(CELL_MASKED));
   for (int i = 0; i < n; i++) EXPECT_EQ(back.lock.mask[i] != 0, m[i] != 0);
-  EXPECT_EQ(saved_bytes(back), bytes);
 }
 
 // ---- CompositeStore --------------------------------------------------------------------------
@@ -249,11 +177,7 @@ TEST_F(RowStoreTest, CompositeForwardsToTheTurnCell) {
 
   s.parts[0]->lock.flags = CELL_MASKED;
   ensure_lock_mask(s.parts[0]->lock, 5)[4] = 1;
-  std::vector<uint8_t> bytes = saved_bytes(s);
   CompositeStore back(2, lengths);
-  MemoryByteSource src(bytes.data(), bytes.size());
-  back.load(src);
-  EXPECT_EQ(src.position, bytes.size());
-  EXPECT_EQ(saved_bytes(back), bytes);
+  save_and_load(s, back);
   EXPECT_EQ(to_vector(back.parts[2]->rows[1]), row);
 }

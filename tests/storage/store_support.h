@@ -6,6 +6,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <vector>
 
@@ -107,6 +108,68 @@ void expect_near_all(const A& a, const B& b, size_t n, double tol, const char* w
                     << double(b[i]);
       return;
     }
+  }
+}
+
+inline std::vector<uint8_t> saved_bytes(Store& s) {
+  MemoryByteWriter w;
+  s.save(w);
+  return w.bytes;
+}
+
+// Saves `s` and loads the bytes into `back`, which must take them all and
+// save the same again; returns the bytes.
+inline std::vector<uint8_t> save_and_load(Store& s, Store& back) {
+  std::vector<uint8_t> bytes = saved_bytes(s);
+  MemoryByteSource src(bytes.data(), bytes.size());
+  back.load(src);
+  EXPECT_EQ(src.position, bytes.size());
+  EXPECT_EQ(saved_bytes(back), bytes);
+  return bytes;
+}
+
+// Regrets and strategy sums of a float cell (g, c) of n hands against double
+// references: start rows, six updates with child 1 empty, then the strategy
+// read from the regrets. `values(store, a)` gives the stored row of action a.
+inline void check_float_cell(Store& regrets, Store& sums, int g, int c, int n, int actions, std::mt19937& rng,
+                             const std::function<std::vector<float>(Store&, int)>& values) {
+  std::vector<std::vector<double>> ref(static_cast<size_t>(actions));
+  std::vector<std::vector<double>> sref(static_cast<size_t>(actions), std::vector<double>(size_t(n), 0.0));
+  for (int a = 0; a < actions; a++) {
+    std::vector<float> row = random_floats(rng, n, 0.0f, 5.0f);
+    regrets.write_row(g, c, a, row.data());
+    ref[size_t(a)].assign(row.begin(), row.end());
+  }
+  for (int step = 0; step < 6; step++) {
+    HandVector base, reach;
+    fill(base, random_floats(rng, n, -5.0f, 5.0f));
+    fill(reach, random_floats(rng, n, 0.0f, 1.0f));
+    Rows children(actions), strat = random_strategy(rng, actions, n);
+    for (int a = 0; a < actions; a++)
+      if (a != 1) fill(children[a], random_floats(rng, n, -5.0f, 5.0f));
+    regrets.update_regrets(g, c, base, children.data(), nullptr, 123.0);
+    float w = 1.5f * float(step + 1);
+    sums.accumulate_strategy(g, c, strat.data(), reach, w);
+    for (size_t a = 0; a < size_t(actions); a++)
+      for (int i = 0; i < n; i++) {
+        double child = children[int(a)].data ? children[int(a)].data[i] : 0.0;
+        ref[a][size_t(i)] = ref_regret_f32(ref[a][size_t(i)], child - base.data[i]);
+        sref[a][size_t(i)] += double(w) * strat[int(a)].data[i] * reach.data[i];
+      }
+  }
+  std::vector<float> d(size_t(actions), 0.25f);
+  d[0] = 0.6f;
+  Rows out(actions);
+  regrets.read_strategy(out.data(), g, c, d.data());
+  for (int a = 0; a < actions; a++) {
+    expect_near_all(values(regrets, a), ref[size_t(a)], size_t(n), 2e-4, "regret");
+    expect_near_all(values(sums, a), sref[size_t(a)], size_t(n), 1e-3, "sum");
+  }
+  for (int i = 0; i < n; i++) {
+    double s = 0;
+    for (int a = 0; a < actions; a++) s += ref[size_t(a)][size_t(i)];
+    for (int a = 0; a < actions; a++)
+      EXPECT_NEAR(out[a].data[i], s < FLT_MIN ? d[size_t(a)] : ref[size_t(a)][size_t(i)] / s, 2e-5) << i;
   }
 }
 

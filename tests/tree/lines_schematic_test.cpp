@@ -2,6 +2,7 @@
 // forced lines, removal, failures that keep what they made, and flattening.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -23,13 +24,18 @@ struct Lines : ::testing::Test {
     OutputBuffer.clear();
   }
 
-  // Runs one command handler as the loop would; returns its answer or its
+  // Runs one line command as the loop would; returns its answer or its
   // error text.
-  static std::string run(void (*handler)(const Tokens&), const std::string& line) {
+  static std::string run(const std::string& line) {
     OutputBuffer.clear();
-    CurrentCommand = tokenize_line(line)[0];
+    Tokens t = tokenize_line(line);
+    CurrentCommand = t[0];
+    void (*handler)(const Tokens&) = t[0] == "add_line"      ? cmd_add_line
+                                     : t[0] == "force_line"  ? cmd_force_line
+                                     : t[0] == "remove_line" ? cmd_remove_line
+                                                             : cmd_clear_lines;
     try {
-      handler(tokenize_line(line));
+      handler(t);
     } catch (const std::invalid_argument&) {
       OutputBuffer += "ERROR: Invalid value\n";
     } catch (const std::runtime_error& e) {
@@ -39,14 +45,18 @@ struct Lines : ::testing::Test {
     OutputBuffer.clear();
     return out;
   }
-  static std::string add(const std::string& levels) { return run(cmd_add_line, "add_line " + levels); }
-  static std::string force(const std::string& levels) { return run(cmd_force_line, "force_line " + levels); }
-  static std::string remove(const std::string& levels) { return run(cmd_remove_line, "remove_line " + levels); }
 
-  static Keys keys(const SchematicNode* node) {
-    Keys k;
-    for (const auto& entry : node->children) k.push_back(entry.first);
-    return k;
+  // The keys of the whole tree below `node`, children in order, each child's
+  // subtree in brackets: "30(30 -1)".
+  static std::string tree(const SchematicNode* node = SchematicRoot.get()) {
+    std::string s;
+    for (const auto& [key, child] : node->children) {
+      char k[32];
+      snprintf(k, sizeof k, "%.10g", key);
+      s += (s.empty() ? "" : " ") + std::string(k);
+      if (!child->children.empty()) s += "(" + tree(child.get()) + ")";
+    }
+    return s;
   }
   // The node reached by following exact keys from the root; null if absent.
   static SchematicNode* at(const Keys& path) {
@@ -58,311 +68,159 @@ struct Lines : ::testing::Test {
     }
     return node;
   }
-  static int count_nodes_below(const SchematicNode* node) {
-    int n = 1;
-    for (const auto& entry : node->children) n += count_nodes_below(entry.second.get());
-    return n;
+  // Street, player to act, raises, investments and amount of a node.
+  static std::string state(const Keys& path) {
+    const SchematicNode* n = at(path);
+    if (!n) return "missing";
+    char s[96];
+    snprintf(s, sizeof s, "s%d p%d r%d %g/%g a%g", n->street, n->player, n->raises, n->invested[0],
+             n->invested[1], n->amount);
+    return s;
   }
+};
+
+// Commands in order; every answer but the last is "ok", the last is `answer`
+// (null: ok too); then the whole tree.
+struct LineCase {
+  std::vector<std::string> lines;
+  const char* answer;
+  const char* tree;
 };
 
 }  // namespace
 
-// ---- The examples of the line notation ---------------------------------------
+// ---- Children order, automatic answers, failures, forcing, removal -------------
 
-TEST_F(Lines, SixChecksMakeTwoChecksOnEachOfThreeStreets) {
-  EXPECT_EQ(add("0 0 0 0 0 0"), "add_line ok!\n");
-  // One node per action: a first check brings exactly the check behind, which
-  // the next token walks; nothing else appears.
-  EXPECT_EQ(count_nodes_below(SchematicRoot.get()), 7);
-  const int streets[6] = {0, 1, 1, 2, 2, 3};
-  const int players[6] = {1, 0, 1, 0, 1, 0};
-  Keys path;
-  for (int i = 0; i < 6; i++) {
-    path.push_back(0);
-    SchematicNode* n = at(path);
-    ASSERT_NE(n, nullptr) << i;
-    EXPECT_EQ(n->street, streets[i]) << i;
-    EXPECT_EQ(n->player, players[i]) << i;
-    EXPECT_EQ(n->raises, 0) << i;
-    EXPECT_EQ(keys(n), i < 5 ? Keys{0} : Keys{}) << i;
+TEST_F(Lines, CommandsGiveTheTree) {
+  const std::string bad = "ERROR: add_line incorrect or missing argument\n";
+  const LineCase cases[] = {
+      {{"add_line"}, nullptr, ""},
+      // One node per action: a first check brings exactly the check behind.
+      {{"add_line 0 0 0 0 0 0"}, nullptr, "0(0(0(0(0(0)))))"},
+      {{"add_line 0"}, nullptr, "0(0)"},
+      // A bet brings the call, then the fold.
+      {{"add_line 30"}, nullptr, "30(30 -1)"},
+      {{"add_line 30 90 90"}, nullptr, "30(90(90 -1) 30 -1)"},
+      {{"add_line 0 30 90 270 270"}, nullptr, "0(30(90(270(270 -1) 90 -1) 30 -1) 0)"},
+      // Larger amounts first; a line through an existing bet adds no second fold.
+      {{"add_line 30", "add_line 90", "add_line 30 90", "add_line 30 60", "add_line 30 30"}, nullptr, "90(90 -1) 30(90(90 -1) 60(60 -1) 30 -1)"},
+      // Keys are exact doubles.
+      {{"add_line 30", "add_line 30.0", "add_line 30.0000001"}, nullptr, "30.0000001(30.0000001 -1) 30(30 -1)"},
+      // A failing line keeps what it made before the bad token.
+      {{"add_line 30 30 0"}, bad.c_str(), "30(30 -1)"},
+      {{"add_line 10 5"}, bad.c_str(), "10(10 -1)"},
+      {{"add_line 30 abc"}, "ERROR: Invalid value\n", "30(30 -1)"},
+      // NaN is a number to the reader but no level.
+      {{"add_line 30", "add_line nan"}, bad.c_str(), "30(30 -1)"},
+      // Forcing drops the fold and the alternatives on its way only; the last
+      // node keeps its children and later lines bring alternatives back.
+      {{"force_line 30 30"}, nullptr, "30(30)"},
+      {{"add_line 30 90", "add_line 0 0", "force_line 0"}, nullptr, "0(0)"},
+      {{"add_line 30 90", "add_line 0 0", "force_line 0", "add_line 30"}, nullptr, "30(30 -1) 0(0)"},
+      {{"force_line 50", "add_line 50 150", "force_line 50 150"}, nullptr, "50(150(150 -1))"},
+      // The first token was forced before the second failed.
+      {{"add_line 30", "add_line 60", "force_line 60 20"},
+       "ERROR: force_line incorrect or missing argument\n", "60(60 -1)"},
+      // "0" after a bet names the fold, after "0" the check; a lone "0" is the check.
+      {{"add_line 30 30", "remove_line 30 0"}, nullptr, "30(30)"},
+      {{"add_line 0 0 0", "add_line 0 30", "remove_line 0 0"}, nullptr, "0(30(30 -1))"},
+      {{"add_line 0", "remove_line 0"}, nullptr, ""},
+      {{"add_line 30 90 90", "add_line 60", "remove_line 30"}, nullptr, "60(60 -1)"},
+      // Removing a missing line succeeds; the walk stops at the missing child
+      // before it reads a bad number.
+      {{"add_line 30", "remove_line 99", "remove_line 30 30 30 30", "remove_line", "remove_line 99 abc",
+        "remove_line nan"},
+       nullptr, "30(30 -1)"},
+      {{"add_line 30 90 90", "clear_lines"}, nullptr, ""},
+      {{"add_line 30", "free_schematic_tree"}, nullptr, ""},
+  };
+  for (const LineCase& c : cases) {
+    reset_tree_state();
+    std::string what = c.lines.back();
+    for (size_t i = 0; i < c.lines.size(); i++) {
+      std::string name = tokenize_line(c.lines[i])[0];
+      std::string want = i + 1 == c.lines.size() && c.answer ? c.answer : name + " ok!\n";
+      EXPECT_EQ(run(c.lines[i]), want) << c.lines[i];
+    }
+    EXPECT_EQ(tree(), c.tree) << what;
   }
-}
-
-TEST_F(Lines, FallingLevelIsRefusedAndKeepsTheStartOfTheLine) {
-  EXPECT_EQ(add("30 30 0"), "ERROR: add_line incorrect or missing argument\n");
-  ASSERT_NE(at({30, 30}), nullptr);
-  EXPECT_EQ(at({30, 30})->street, 1);
-  EXPECT_EQ(keys(at({30, 30})), Keys{});
-}
-
-TEST_F(Lines, BetCallThenChecksDownReachesTheRiver) {
-  EXPECT_EQ(add("30 30 30 30 30 30"), "add_line ok!\n");
-  SchematicNode* river_end = at({30, 30, 30, 30, 30, 30});
-  ASSERT_NE(river_end, nullptr);
-  EXPECT_EQ(river_end->street, 3);
-  EXPECT_EQ(at({30, 30})->street, 1);
-  EXPECT_EQ(at({30, 30})->player, 0);
-  EXPECT_EQ(keys(at({30})), (Keys{30, -1}));
-  EXPECT_EQ(at({30, 30})->invested[0], 30);
-  EXPECT_EQ(at({30, 30})->invested[1], 30);
-}
-
-TEST_F(Lines, RaiseAndCallEndsTheLineAtTheCall) {
-  add("30 90 90");
-  EXPECT_EQ(keys(at({30})), (Keys{90, 30, -1}));
-  EXPECT_EQ(keys(at({30, 90})), (Keys{90, -1}));
-  SchematicNode* call = at({30, 90, 90});
-  EXPECT_EQ(keys(call), Keys{});
-  EXPECT_EQ(call->street, 1);
-  EXPECT_EQ(call->player, 0);
-  EXPECT_EQ(at({30, 90})->raises, 2);
-  EXPECT_EQ(at({30, 90})->player, 0);
-}
-
-TEST_F(Lines, CheckThenThreeBetsAndCall) {
-  add("0 30 90 270 270");
-  EXPECT_EQ(at({0})->raises, 0);
-  EXPECT_EQ(at({0, 30})->raises, 1);
-  EXPECT_EQ(at({0, 30})->player, 0);  // IP bet, OOP to act
-  EXPECT_EQ(at({0, 30, 90})->raises, 2);
-  EXPECT_EQ(at({0, 30, 90, 270})->raises, 3);
-  EXPECT_EQ(at({0, 30, 90, 270})->player, 0);
-  EXPECT_EQ(at({0, 30, 90, 270, 270})->street, 1);
-  // The first check got its check behind; the bet after it is a sibling.
-  EXPECT_EQ(keys(at({0})), (Keys{30, 0}));
-}
-
-TEST_F(Lines, LevelsCarryOverStreets) {
-  add("0 0 50 50 150 150");
-  EXPECT_EQ(at({0, 0})->street, 1);
-  EXPECT_EQ(at({0, 0, 50})->street, 1);
-  EXPECT_EQ(at({0, 0, 50, 50})->street, 2);
-  SchematicNode* river_bet = at({0, 0, 50, 50, 150});
-  EXPECT_EQ(river_bet->street, 2);
-  EXPECT_EQ(river_bet->invested[0], 150);
-  EXPECT_EQ(river_bet->invested[1], 50);
-  EXPECT_EQ(keys(river_bet), (Keys{150, -1}));
-  EXPECT_EQ(at({0, 0, 50, 50, 150, 150})->street, 3);
-}
-
-// ---- Edge cases ----------------------------------------------------------------
-
-TEST_F(Lines, EmptyLineChangesNothing) {
-  EXPECT_EQ(add(""), "add_line ok!\n");
-  EXPECT_TRUE(SchematicRoot->children.empty());
-}
-
-TEST_F(Lines, OneBetBringsCallThenFold) {
-  add("30");
-  EXPECT_EQ(keys(SchematicRoot.get()), Keys{30});
-  EXPECT_EQ(keys(at({30})), (Keys{30, -1}));
-}
-
-TEST_F(Lines, LargerAmountsComeFirst) {
-  add("30");
-  add("90");
-  EXPECT_EQ(keys(SchematicRoot.get()), (Keys{90, 30}));
-  add("30 90");
-  add("30 60");
-  EXPECT_EQ(keys(at({30})), (Keys{90, 60, 30, -1}));
-}
-
-TEST_F(Lines, AutomaticAnswersCarryAmountsAndInvestments) {
-  add("30 90");
-  SchematicNode* call30 = at({30, 30});
-  EXPECT_EQ(call30->amount, 30);
-  EXPECT_EQ(call30->invested[0], 30);
-  EXPECT_EQ(call30->invested[1], 30);
-  EXPECT_EQ(call30->street, 0);  // not walked: stays on the bet's street
-  EXPECT_EQ(call30->player, 0);
-  // The fold of the bet goes back to the level before it: IP folds with 0 in.
-  SchematicNode* fold30 = at({30, -1});
-  EXPECT_EQ(fold30->amount, 0);
-  EXPECT_EQ(fold30->invested[1], 0);
-  EXPECT_EQ(fold30->invested[0], 30);
-  // After the raise OOP folds with the 30 bet in, IP has 90.
-  SchematicNode* fold90 = at({30, 90, -1});
-  EXPECT_EQ(fold90->amount, 30);
-  EXPECT_EQ(fold90->invested[0], 30);
-  EXPECT_EQ(fold90->invested[1], 90);
-  SchematicNode* raise = at({30, 90});
-  EXPECT_EQ(raise->invested[0], 30);
-  EXPECT_EQ(raise->invested[1], 90);
-}
-
-TEST_F(Lines, WalkingThroughAnAnswerSetsItsState) {
-  add("30");
-  EXPECT_EQ(at({30, 30})->street, 0);
-  add("30 30");
-  EXPECT_EQ(at({30, 30})->street, 1);
-  EXPECT_EQ(at({30, 30})->player, 0);
-  // The call closed the street, so no answers were added below it.
-  EXPECT_EQ(keys(at({30, 30})), Keys{});
-  // A line through an existing bet adds no second fold and keeps the order.
-  EXPECT_EQ(keys(at({30})), (Keys{30, -1}));
-}
-
-TEST_F(Lines, FirstCheckBringsOnlyTheCheckBehind) {
-  add("0");
-  EXPECT_EQ(keys(at({0})), Keys{0});
-  EXPECT_EQ(at({0})->player, 1);
-  EXPECT_EQ(at({0, 0})->amount, 0);
-}
-
-TEST_F(Lines, KeysAreExactDoubles) {
-  add("30");
-  add("30.0");
-  EXPECT_EQ(keys(SchematicRoot.get()), Keys{30});
-  add("30.0000001");
-  EXPECT_EQ(keys(SchematicRoot.get()), (Keys{30.0000001, 30}));
-}
-
-TEST_F(Lines, FailingLineKeepsWhatItMade) {
-  EXPECT_EQ(add("10 5"), "ERROR: add_line incorrect or missing argument\n");
-  EXPECT_EQ(keys(SchematicRoot.get()), Keys{10});
-  EXPECT_EQ(keys(at({10})), (Keys{10, -1}));
-}
-
-TEST_F(Lines, UnreadableNumberFailsAfterTheNodesBeforeIt) {
-  EXPECT_EQ(add("30 abc"), "ERROR: Invalid value\n");
-  EXPECT_EQ(keys(SchematicRoot.get()), Keys{30});
-  // NaN is a number to the reader but no level.
-  EXPECT_EQ(add("nan"), "ERROR: add_line incorrect or missing argument\n");
-  EXPECT_EQ(keys(SchematicRoot.get()), Keys{30});
-}
-
-// ---- Forced lines ----------------------------------------------------------------
-
-TEST_F(Lines, ForcedLineDropsTheFold) {
-  EXPECT_EQ(force("30 30"), "force_line ok!\n");
-  EXPECT_EQ(keys(at({30})), Keys{30});
-}
-
-TEST_F(Lines, ForcedLineDeletesAlternativesOnItsWayOnly) {
-  add("30 90");
-  add("0 0");
-  force("0");
-  EXPECT_EQ(keys(SchematicRoot.get()), Keys{0});
-  // The last node keeps its children: nothing is forced below it.
-  EXPECT_EQ(keys(at({0})), Keys{0});
-  // Lines added later bring alternatives back.
-  add("30");
-  EXPECT_EQ(keys(SchematicRoot.get()), (Keys{30, 0}));
-}
-
-TEST_F(Lines, ForcedLineKeepsAnswersOfItsNewLastNode) {
-  force("50");
-  EXPECT_EQ(keys(at({50})), (Keys{50, -1}));
-  add("50 150");
-  force("50 150");
-  EXPECT_EQ(keys(at({50})), Keys{150});
-  EXPECT_EQ(keys(at({50, 150})), (Keys{150, -1}));
-}
-
-TEST_F(Lines, ForcedLineStillRefusesFallingLevels) {
-  add("30");
-  add("60");
-  EXPECT_EQ(force("60 20"), "ERROR: force_line incorrect or missing argument\n");
-  // The first token was forced before the second failed.
-  EXPECT_EQ(keys(SchematicRoot.get()), Keys{60});
-  EXPECT_EQ(keys(at({60})), (Keys{60, -1}));
-}
-
-// ---- Removal --------------------------------------------------------------------
-
-TEST_F(Lines, ZeroAfterABetNamesTheFold) {
-  add("30 30");
-  EXPECT_EQ(remove("30 0"), "remove_line ok!\n");
-  EXPECT_EQ(keys(at({30})), Keys{30});
-}
-
-TEST_F(Lines, ZeroAfterZeroIsTheCheck) {
-  add("0 0 0");
-  add("0 30");
-  remove("0 0");
-  EXPECT_EQ(keys(at({0})), Keys{30});
-}
-
-TEST_F(Lines, RemovingAMissingLineSucceeds) {
-  add("30");
-  EXPECT_EQ(remove("99"), "remove_line ok!\n");
-  EXPECT_EQ(remove("30 30 30 30"), "remove_line ok!\n");
-  EXPECT_EQ(remove(""), "remove_line ok!\n");
-  // The walk stops at the missing child before it reads a bad number.
-  EXPECT_EQ(remove("99 abc"), "remove_line ok!\n");
-  EXPECT_EQ(remove("nan"), "remove_line ok!\n");
-  EXPECT_EQ(keys(at({30})), (Keys{30, -1}));
-}
-
-TEST_F(Lines, RemovingABetTakesItsSubtree) {
-  add("30 90 90");
-  add("60");
-  remove("30");
-  EXPECT_EQ(keys(SchematicRoot.get()), Keys{60});
-}
-
-TEST_F(Lines, RemoveDoesNotFoldTheFirstToken) {
-  add("0");
-  // A lone "0" is the check: there is nothing above 0 before it.
-  remove("0");
-  EXPECT_TRUE(SchematicRoot->children.empty());
-}
-
-TEST_F(Lines, ClearingGivesAnEmptyRoot) {
-  add("30 90 90");
-  EXPECT_EQ(run(cmd_clear_lines, "clear_lines"), "clear_lines ok!\n");
-  EXPECT_TRUE(SchematicRoot->children.empty());
-  add("30");
-  EXPECT_EQ(run(cmd_clear_lines, "free_schematic_tree"), "free_schematic_tree ok!\n");
-  EXPECT_TRUE(SchematicRoot->children.empty());
 }
 
 TEST_F(Lines, SuppressedOkStillChangesTheTree) {
   SuppressOk = true;
-  EXPECT_EQ(add("30"), "");
+  EXPECT_EQ(run("add_line 30"), "");
   SuppressOk = false;
-  EXPECT_EQ(keys(SchematicRoot.get()), Keys{30});
+  EXPECT_EQ(tree(), "30(30 -1)");
+}
+
+// ---- The betting state -------------------------------------------------------------
+
+TEST_F(Lines, NodesCarryStreetPlayerRaisesAndInvestments) {
+  run("add_line 0 0 0 0 0 0");
+  // Two checks on each street, the out-of-position player first.
+  Keys path;
+  for (const char* want : {"s0 p1 r0 0/0 a0", "s1 p0 r0 0/0 a0", "s1 p1 r0 0/0 a0", "s2 p0 r0 0/0 a0",
+                           "s2 p1 r0 0/0 a0", "s3 p0 r0 0/0 a0"}) {
+    path.push_back(0);
+    EXPECT_EQ(state(path), want) << path.size();
+  }
+  run("add_line 30 30 30 30 30 30");
+  EXPECT_EQ(state({30, 30}), "s1 p0 r0 30/30 a30");
+  EXPECT_EQ(state({30, 30, 30, 30, 30, 30}), "s3 p0 r0 30/30 a30");
+  run("add_line 30 90 90");
+  EXPECT_EQ(state({30, 90}), "s0 p0 r2 30/90 a90");  // OOP folds with the 30 bet in, IP has 90
+  EXPECT_EQ(state({30, 90, 90}), "s1 p0 r0 90/90 a90");
+  EXPECT_EQ(state({30, 90, -1}), "s0 p0 r0 30/90 a30");
+  EXPECT_EQ(state({30, -1}), "s0 p0 r0 30/0 a0");  // the fold goes back to the level before the bet
+  run("add_line 0 30 90 270 270");
+  EXPECT_EQ(state({0, 30}), "s0 p0 r1 0/30 a30");  // IP bet, OOP to act
+  EXPECT_EQ(state({0, 30, 90, 270}), "s0 p0 r3 90/270 a270");
+  EXPECT_EQ(state({0, 30, 90, 270, 270}), "s1 p0 r0 270/270 a270");
+  // Levels carry over streets.
+  run("add_line 0 0 50 50 150 150");
+  EXPECT_EQ(state({0, 0, 50}), "s1 p1 r1 50/0 a50");
+  EXPECT_EQ(state({0, 0, 50, 50, 150}), "s2 p1 r1 150/50 a150");
+  EXPECT_EQ(state({0, 0, 50, 50, 150, 150}), "s3 p0 r0 150/150 a150");
+  // An automatic answer not walked stays on the bet's street; walking it
+  // through sets its state, and a closed street gets no answers below.
+  reset_tree_state();
+  run("add_line 30");
+  EXPECT_EQ(state({30, 30}), "s0 p0 r0 30/30 a30");
+  run("add_line 30 30");
+  EXPECT_EQ(state({30, 30}), "s1 p0 r0 30/30 a30");
+  EXPECT_EQ(tree(), "30(30 -1)");
 }
 
 // ---- Flattening ------------------------------------------------------------------
 
+// Records in pre-order: kind, player, street, parent and payoff.
 TEST_F(Lines, FlatRecordsArePreOrderWithPayoffs) {
+  auto records = [] {
+    std::vector<std::string> out;
+    for (const LineRecord& r : flatten_lines(SchematicRoot.get())) {
+      char s[64];
+      snprintf(s, sizeof s, "k%d p%d s%d ^%d %g", r.kind, r.player, r.street, r.parent_index, r.value);
+      out.push_back(s);
+    }
+    return out;
+  };
   StartPot = 100;
   StartStreet = 1;
-  add("30 90 90");
-  std::vector<LineRecord> r = flatten_lines(SchematicRoot.get());
+  run("add_line 30 90 90");
   // root, bet 30, raise 90, call 90, fold to 90, call 30, fold to 30
-  ASSERT_EQ(r.size(), 7u);
-  const int kinds[7] = {NODE_DECISION, NODE_DECISION, NODE_DECISION, NODE_SHOWDOWN, NODE_FOLD,
-                        NODE_SHOWDOWN, NODE_FOLD};
-  const int parents[7] = {-1, 0, 1, 2, 2, 1, 1};
-  const double values[7] = {0, 0, 0, 140, 80, 80, 50};
-  for (int i = 0; i < 7; i++) {
-    EXPECT_EQ(r[i].kind, kinds[i]) << i;
-    EXPECT_EQ(r[i].parent_index, parents[i]) << i;
-    EXPECT_EQ(r[i].value, values[i]) << i;
-  }
-  EXPECT_EQ(r[0].player, 0);
-  EXPECT_EQ(r[1].player, 1);
-  EXPECT_EQ(r[2].player, 0);
-  EXPECT_EQ(r[2].street, 1);
-  EXPECT_EQ(r[3].player, -1);
-  EXPECT_EQ(r[3].street, -1);
+  EXPECT_EQ(records(), (std::vector<std::string>{"k0 p0 s1 ^-1 0", "k0 p1 s1 ^0 0", "k0 p0 s1 ^1 0", "k1 p-1 s-1 ^2 140",
+                                            "k2 p-1 s-1 ^2 80", "k1 p-1 s-1 ^1 80", "k2 p-1 s-1 ^1 50"}));
   // The index fields point back at the records.
   EXPECT_EQ(SchematicRoot->index, 0);
   EXPECT_EQ(at({30, 90, -1})->index, 4);
   EXPECT_EQ(at({30, -1})->index, 6);
-}
-
-TEST_F(Lines, RecordStreetsStartAtTheGamesFirstStreet) {
+  // Streets start at the game's first street.
+  reset_tree_state();
   StartStreet = 2;
-  add("0 0 0");
-  std::vector<LineRecord> r = flatten_lines(SchematicRoot.get());
-  ASSERT_EQ(r.size(), 5u);  // root, check, check, check, its check behind
-  EXPECT_EQ(r[0].street, 2);
-  EXPECT_EQ(r[2].street, 3);
-  EXPECT_EQ(r[3].street, 3);
-  EXPECT_EQ(r[4].kind, NODE_SHOWDOWN);
+  run("add_line 0 0 0");
+  // root, check, check, check, its check behind
+  EXPECT_EQ(records(), (std::vector<std::string>{"k0 p0 s2 ^-1 0", "k0 p1 s2 ^0 0", "k0 p0 s3 ^1 0", "k0 p1 s3 ^2 0",
+                                            "k1 p-1 s-1 ^3 50"}));
 }
 
 // Lines have no length limit: a very deep line must not exhaust the stack in

@@ -3,6 +3,8 @@
 // replan resets.
 #include <gtest/gtest.h>
 
+#include <cfloat>
+#include <string>
 #include <typeinfo>
 
 #include "tree/board_tree.h"
@@ -46,62 +48,38 @@ struct PlanStores : ::testing::Test {
   }
 };
 
-template <typename T>
-bool is(const Store* s) {
-  return s && typeid(*s) == typeid(T);
-}
-
-int packed_level(const Store* s) {
-  const PackedStore* p = dynamic_cast<const PackedStore*>(s);
-  return p ? p->level : 0;
+// The class of a store, packed ones with their level.
+std::string kind(const Store* s) {
+  if (!s) return "none";
+  if (const PackedStore* p = dynamic_cast<const PackedStore*>(s)) return "packed" + std::to_string(p->level);
+  const std::type_info& t = typeid(*s);
+  return t == typeid(RowStore)          ? "row"
+         : t == typeid(CompositeStore)  ? "composite"
+         : t == typeid(Word16FlatStore) ? "word16"
+         : t == typeid(FloatFlatStore)  ? "float"
+         : t == typeid(WideningStore)   ? "widening"
+                                        : t.name();
 }
 
 }  // namespace
 
 TEST_F(PlanStores, FlopRootRiverClassesFollowTheLevelTable) {
+  // River regrets and sums by level; flop nodes keep rows, turn nodes composites.
+  const char* river[6][2] = {{"word16", "float"},   {"word16", "packed1"},  {"packed1", "packed1"},
+                             {"packed1", "packed2"}, {"packed2", "packed2"}, {"word16", "widening"}};
   for (int level = 0; level <= 5; level++) {
     SCOPED_TRACE(level);
     reset_tree_state();
     build("Qs Jh 2h", "0 0 0 0 0 0", level);
     EXPECT_EQ(ActualCompression, level);
-    const Node& flop = first_on(1);
-    const Node& turn = first_on(2);
-    const Node& river = first_on(3);
-    EXPECT_TRUE(is<RowStore>(flop.regretStore));
-    EXPECT_TRUE(is<RowStore>(flop.strategyStore));
-    EXPECT_TRUE(is<CompositeStore>(turn.regretStore));
-    EXPECT_TRUE(is<CompositeStore>(turn.strategyStore));
-    const Store* r = river.regretStore;
-    const Store* s = river.strategyStore;
-    switch (level) {
-      case 0:
-        EXPECT_TRUE(is<Word16FlatStore>(r));
-        EXPECT_TRUE(is<FloatFlatStore>(s));
-        break;
-      case 1:
-        EXPECT_TRUE(is<Word16FlatStore>(r));
-        EXPECT_EQ(packed_level(s), 1);
-        break;
-      case 2:
-        EXPECT_EQ(packed_level(r), 1);
-        EXPECT_EQ(packed_level(s), 1);
-        break;
-      case 3:
-        EXPECT_EQ(packed_level(r), 1);
-        EXPECT_EQ(packed_level(s), 2);
-        break;
-      case 4:
-        EXPECT_EQ(packed_level(r), 2);
-        EXPECT_EQ(packed_level(s), 2);
-        break;
-      case 5:
-        EXPECT_TRUE(is<Word16FlatStore>(r));
-        EXPECT_TRUE(is<WideningStore>(s));
-        break;
-    }
+    EXPECT_EQ(kind(first_on(1).regretStore) + " " + kind(first_on(1).strategyStore), "row row");
+    EXPECT_EQ(kind(first_on(2).regretStore) + " " + kind(first_on(2).strategyStore), "composite composite");
+    EXPECT_EQ(kind(first_on(3).regretStore), river[level][0]);
+    EXPECT_EQ(kind(first_on(3).strategyStore), river[level][1]);
     EXPECT_EQ(ActiveTree->params.max_iterations, level == 5 ? 2200 : 9000);
     EXPECT_EQ(ActiveTree->params.river_group_iterations, level == 4 ? 30 : 0);
     EXPECT_EQ(ActiveTree->params.strategy_exponent, 1.5);
+    EXPECT_EQ(ActiveTree->params.strategy_weight_cap, 262143.0);
     EXPECT_EQ(ActiveTree->regret_level, compression_pair(level).regrets);
     EXPECT_EQ(ActiveTree->strategy_level, compression_pair(level).strategy);
   }
@@ -112,9 +90,8 @@ TEST_F(PlanStores, TurnAndRiverRootsKeepPlainFloatsOnTheRiver) {
     SCOPED_TRACE(level);
     reset_tree_state();
     build("Qs Jh 2h 7c", "0 0 0 0", level);
-    EXPECT_TRUE(is<CompositeStore>(first_on(2).regretStore));
-    EXPECT_TRUE(is<FloatFlatStore>(first_on(3).regretStore));
-    EXPECT_TRUE(is<FloatFlatStore>(first_on(3).strategyStore));
+    EXPECT_EQ(kind(first_on(2).regretStore), "composite");
+    EXPECT_EQ(kind(first_on(3).regretStore) + " " + kind(first_on(3).strategyStore), "float float");
     EXPECT_EQ(ActiveTree->regret_level, 0);
     EXPECT_EQ(ActualCompression, level);
     // The iteration constants still follow the level's pair.
@@ -123,8 +100,9 @@ TEST_F(PlanStores, TurnAndRiverRootsKeepPlainFloatsOnTheRiver) {
 
     reset_tree_state();
     build("Qs Jh 2h 7c 3d", "50 50", level);
-    EXPECT_TRUE(is<FloatFlatStore>(first_on(3).regretStore));
+    EXPECT_EQ(kind(first_on(3).regretStore), "float");
     EXPECT_EQ(ActiveTree->params.strategy_exponent, 4.0);
+    EXPECT_EQ(ActiveTree->params.strategy_weight_cap, DBL_MAX);
   }
 }
 

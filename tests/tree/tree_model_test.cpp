@@ -78,10 +78,7 @@ TEST_F(TreeModel, SixChecksMakeSevenNodesWithStreetExtras) {
     EXPECT_EQ(n.parent_index, i - 1) << i;
     EXPECT_EQ(n.parent, i ? &t.nodes[i - 1] : nullptr) << i;
     EXPECT_EQ(n.children, i < 6 ? std::vector<int32_t>{i + 1} : std::vector<int32_t>{}) << i;
-    EXPECT_TRUE(n.owns_extras) << i;
-    EXPECT_EQ(n.cell_mark[0], -1);
-    EXPECT_EQ(n.cell_mark[1], -1);
-    EXPECT_EQ(n.regretStore, nullptr);
+    EXPECT_EQ(n.cell_mark[0] & n.cell_mark[1], -1) << i;  // both unset
     // Only the first node of the turn locks per turn card.
     EXPECT_EQ(n.turn_locks != nullptr, i == 2) << i;
   }
@@ -99,24 +96,16 @@ TEST_F(TreeModel, NewTreeStartsWithItsFixedState) {
   add("30 90 90");
   Precision = 1.0;
   Tree& t = build(1);
-  EXPECT_EQ(t.flags, uint32_t(NEW_TREE));
-  EXPECT_EQ(t.average_policy, 1);
   // The hole sets replace the start value 1.0 by each range's largest weight.
   for (int p = 0; p < 2; p++)
     EXPECT_EQ(t.max_range_weight[p], *std::max_element(t.ranges[p], t.ranges[p] + HandCount));
-  EXPECT_EQ(t.iteration, 0);
   EXPECT_EQ(t.flop_board, CardBit(MakeCard(10, 3)) | CardBit(MakeCard(9, 2)) | CardBit(MakeCard(0, 2)));
   EXPECT_EQ(t.board, t.flop_board);
-  EXPECT_EQ(t.ranges[1][77], 0.5);
   // Terminals: call 90 (140), fold to 90 (80), call 30 (80), fold to 30 (50).
   EXPECT_EQ(t.max_payoff, 140);
   EXPECT_DOUBLE_EQ(t.regret_scale, 2.0 * 125.0 / 140.0);
   EXPECT_EQ(t.action_max, 3);
   EXPECT_EQ(t.action_average, 2.0);
-  EXPECT_EQ(ActiveTree->params.strategy_exponent, 1.5);
-  EXPECT_EQ(ActiveTree->params.strategy_weight_cap, 262143.0);
-  EXPECT_EQ(ActiveTree->params.max_iterations, 9000);
-  EXPECT_EQ(ActiveTree->params.river_group_iterations, 0);
 }
 
 TEST_F(TreeModel, TerminalsTakeStreetAndPlayerFromTheirRules) {
@@ -150,29 +139,6 @@ TEST_F(TreeModel, TurnRootLocksAndKeepsOneRecord) {
   EXPECT_EQ(ActiveTree->params.strategy_exponent, 1.5);
 }
 
-TEST_F(TreeModel, RiverRootWeighsLateIterations) {
-  add("0 0");
-  Tree& t = build(3);
-  EXPECT_EQ(t.nodes[0].street, 3);
-  EXPECT_EQ(t.nodes[0].turn_locks, nullptr);
-  EXPECT_EQ(t.nodes[0].street_record_count, 49);
-  EXPECT_EQ(ActiveTree->params.strategy_exponent, 4.0);
-  EXPECT_EQ(ActiveTree->params.strategy_weight_cap, DBL_MAX);
-}
-
-TEST_F(TreeModel, ActionSummaryIsASideLine) {
-  add("30 90 90");
-  StartStreet = 1;
-  const Card flop[3] = {0, 1, 2};
-  Range ranges[2] = {Range(HandCount, 1.0), Range(HandCount, 1.0)};
-  ShowComments = true;
-  OutputBuffer.clear();
-  make_tree(flatten_lines(SchematicRoot.get()), flop, -1, -1, ranges, true);
-  ShowComments = false;
-  EXPECT_EQ(OutputBuffer, "#actions max 3 avg 2\n");
-  EXPECT_EQ(ActiveTree->flags, uint32_t(NEW_TREE | ISOMORPHISM_ON));
-}
-
 // ---- Lifetime ----------------------------------------------------------------------
 
 TEST_F(TreeModel, RebuildAndFreeReleaseEverything) {
@@ -194,101 +160,77 @@ TEST_F(TreeModel, RebuildAndFreeReleaseEverything) {
 
 TEST_F(TreeModel, FreeTreeCommand) {
   add("30");
-  build(1);
-  EXPECT_EQ(run(cmd_is_tree_present, "is_tree_present"), "true\n");
-  EXPECT_EQ(run(cmd_free_tree, "free_tree"), "free_tree ok!\n");
-  EXPECT_EQ(ActiveTree, nullptr);
-  EXPECT_EQ(run(cmd_is_tree_present, "is_tree_present"), "false\n");
-  // With no tree it succeeds too; the lines are untouched.
-  EXPECT_EQ(run(cmd_free_tree, "free_tree"), "free_tree ok!\n");
-  EXPECT_EQ(SchematicRoot->children.size(), 1u);
-}
-
-TEST_F(TreeModel, FreeTreeRefusesWhileSolving) {
-  add("30");
+  EXPECT_EQ(run(cmd_node_count, "node_count"), "ERROR: node_count missing/incorrect tree\n");
   build(1);
   SolverRunning = true;
   EXPECT_EQ(run(cmd_free_tree, "free_tree"), "ERROR: free_tree Can't do that when solver is running\n");
   SolverRunning = false;
-  EXPECT_NE(ActiveTree, nullptr);
   EXPECT_TRUE(TreePresent);
-}
-
-TEST_F(TreeModel, ClearingLinesLeavesTheBuiltTree) {
-  add("30");
-  build(1);
+  // Clearing the lines leaves the built tree.
   run(cmd_clear_lines, "clear_lines");
-  EXPECT_NE(ActiveTree, nullptr);
   EXPECT_EQ(ActiveTree->nodes.size(), 4u);
+  EXPECT_EQ(run(cmd_is_tree_present, "is_tree_present"), "true\n");
+  EXPECT_EQ(run(cmd_free_tree, "free_tree"), "free_tree ok!\n");
+  EXPECT_EQ(ActiveTree, nullptr);
+  EXPECT_EQ(run(cmd_is_tree_present, "is_tree_present"), "false\n");
+  // With no tree it succeeds too.
+  EXPECT_EQ(run(cmd_free_tree, "free_tree"), "free_tree ok!\n");
 }
 
 // ---- node_count ----------------------------------------------------------------------
 
-TEST_F(TreeModel, NodeCountNeedsATree) {
-  add("0 0");
-  EXPECT_EQ(run(cmd_node_count, "node_count"), "ERROR: node_count missing/incorrect tree\n");
-}
-
-// Six checks on a flop game: each street has one decision of each player and
-// one split (on the river the closing check, which is also the end):
-// decisions 1 + 49 + 2352 = 2402 per player, splits 2402, ends 2352,
-// total 3 x 2402 + 2352 = 9558, printed + 1 for the root.
-TEST_F(TreeModel, NodeCountOfChecksDown) {
-  add("0 0 0 0 0 0");
-  build(1);
-  EXPECT_EQ(run(cmd_node_count, "node_count"),
-            "H_DEC: 2402\nFLOP  1\nTURN  49\nRIVER  2352\n"
-            "V_DEC: 2402\nFLOP  1\nTURN  49\nRIVER  2352\n"
-            "SPLIT: 2402\nFLOP  1\nTURN  49\nRIVER  2352\n"
-            "END: 2352\nFLOP  0\nTURN  0\nRIVER  2352\n"
-            "ROOT: 1\nFLOP  1\nTURN  0\nRIVER 0\n"
-            "TOTAL: 9559\nEND\n");
-}
-
-// Bet, raise, call on the flop: OOP decides at the root and facing the raise
-// (2), IP facing the bet (1). Splits: only the walked call of 90 closes the
-// street (1); the automatic call of 30 stays on the flop. Ends: call 90, fold
-// to 90, call 30, fold to 30 (4). Total 8.
-TEST_F(TreeModel, NodeCountOfARaiseLine) {
-  add("30 90 90");
-  build(1);
-  NodeCounts c = count_nodes(*SchematicRoot, 1);
-  EXPECT_EQ(c.decisions[0][1], 2);
-  EXPECT_EQ(c.decisions[1][1], 1);
-  EXPECT_EQ(c.splits[1], 1);
-  EXPECT_EQ(c.ends[1], 4);
-  EXPECT_EQ(c.ends[2] + c.ends[3] + c.splits[2] + c.splits[3], 0);
-  EXPECT_EQ(c.total, 8);
-  std::string out = run(cmd_node_count, "node_count");
-  EXPECT_NE(out.find("TOTAL: 9\nEND\n"), std::string::npos) << out;
-}
-
-// A turn game: bet 50 and call, then two river checks. Turn: OOP bets (49),
-// IP faces it (49); the call is a split (49); the fold an end (49). River:
-// OOP checks (2352), IP checks behind (2352), which is a split and an end.
-// Total 4 x 49 + 4 x 2352 = 9604.
-TEST_F(TreeModel, NodeCountOfATurnGame) {
-  add("50 50 50 50");
-  build(2);
-  EXPECT_EQ(run(cmd_node_count, "node_count"),
-            "H_DEC: 2401\nFLOP  0\nTURN  49\nRIVER  2352\n"
-            "V_DEC: 2401\nFLOP  0\nTURN  49\nRIVER  2352\n"
-            "SPLIT: 2401\nFLOP  0\nTURN  49\nRIVER  2352\n"
-            "END: 2401\nFLOP  0\nTURN  49\nRIVER  2352\n"
-            "ROOT: 1\nFLOP  0\nTURN  1\nRIVER 0\n"
-            "TOTAL: 9605\nEND\n");
-}
-
-// Multiplicities are not cut by dead cards: a river game counts 2352 per node.
-TEST_F(TreeModel, NodeCountOfARiverGame) {
-  add("0 0");
-  build(3);
-  NodeCounts c = count_nodes(*SchematicRoot, 3);
-  EXPECT_EQ(c.decisions[0][3], 2352);
-  EXPECT_EQ(c.decisions[1][3], 2352);
-  EXPECT_EQ(c.splits[3], 2352);
-  EXPECT_EQ(c.ends[3], 2352);
-  EXPECT_EQ(c.total, 4 * 2352);
+// node_count against counts derived by hand; per street, multiplied by the
+// boards a node stands for.
+TEST_F(TreeModel, NodeCounts) {
+  struct Case {
+    const char* line;
+    int street;
+    const char* counts;
+  };
+  const Case cases[] = {
+      // Six checks on a flop game: each street has one decision of each
+      // player and one split (on the river the closing check, which is also
+      // the end): decisions 1 + 49 + 2352 = 2402 per player, splits 2402,
+      // ends 2352, total 3 x 2402 + 2352 = 9558, printed + 1 for the root.
+      {"0 0 0 0 0 0", 1,
+       "H_DEC: 2402\nFLOP  1\nTURN  49\nRIVER  2352\n"
+       "V_DEC: 2402\nFLOP  1\nTURN  49\nRIVER  2352\n"
+       "SPLIT: 2402\nFLOP  1\nTURN  49\nRIVER  2352\n"
+       "END: 2352\nFLOP  0\nTURN  0\nRIVER  2352\n"
+       "ROOT: 1\nFLOP  1\nTURN  0\nRIVER 0\n"
+       "TOTAL: 9559\nEND\n"},
+      // Bet, raise, call on the flop: OOP decides at the root and facing the
+      // raise (2), IP facing the bet (1). Splits: only the walked call of 90
+      // closes the street (1); the automatic call of 30 stays on the flop.
+      // Ends: call 90, fold to 90, call 30, fold to 30 (4). Total 8 + 1.
+      {"30 90 90", 1,
+       "H_DEC: 1\nFLOP  1\nTURN  0\nRIVER  0\nV_DEC: 2\nFLOP  2\nTURN  0\nRIVER  0\n"
+       "SPLIT: 1\nFLOP  1\nTURN  0\nRIVER  0\nEND: 4\nFLOP  4\nTURN  0\nRIVER  0\n"
+       "ROOT: 1\nFLOP  1\nTURN  0\nRIVER 0\nTOTAL: 9\nEND\n"},
+      // A turn game: bet 50 and call, then two river checks. Turn: OOP bets
+      // (49), IP faces it (49); the call is a split (49); the fold an end
+      // (49). River: OOP checks (2352), IP checks behind (2352), which is a
+      // split and an end. Total 4 x 49 + 4 x 2352 = 9604.
+      {"50 50 50 50", 2,
+       "H_DEC: 2401\nFLOP  0\nTURN  49\nRIVER  2352\n"
+       "V_DEC: 2401\nFLOP  0\nTURN  49\nRIVER  2352\n"
+       "SPLIT: 2401\nFLOP  0\nTURN  49\nRIVER  2352\n"
+       "END: 2401\nFLOP  0\nTURN  49\nRIVER  2352\n"
+       "ROOT: 1\nFLOP  0\nTURN  1\nRIVER 0\n"
+       "TOTAL: 9605\nEND\n"},
+      // Multiplicities are not cut by dead cards: a river game counts 2352
+      // per node.
+      {"0 0", 3,
+       "H_DEC: 2352\nFLOP  0\nTURN  0\nRIVER  2352\nV_DEC: 2352\nFLOP  0\nTURN  0\nRIVER  2352\n"
+       "SPLIT: 2352\nFLOP  0\nTURN  0\nRIVER  2352\nEND: 2352\nFLOP  0\nTURN  0\nRIVER  2352\n"
+       "ROOT: 1\nFLOP  0\nTURN  0\nRIVER 1\nTOTAL: 9409\nEND\n"},
+  };
+  for (const Case& c : cases) {
+    reset_tree_state();
+    add(c.line);
+    build(c.street);
+    EXPECT_EQ(run(cmd_node_count, "node_count"), c.counts) << c.line;
+  }
 }
 
 // ---- Parameters and settings --------------------------------------------------------------
@@ -303,8 +245,4 @@ TEST_F(TreeModel, TreeParamsReadTheGame) {
   BoardRiver = parse_cards("Ad");
   EXPECT_EQ(run(cmd_show_tree_params, "show_tree_params"),
             "board: 2h Jh Qs 7c Ad\npot: 0 0 12.5\nbet_sizes: \ndonk_bet: FALSE\nEND\n");
-}
-
-TEST_F(TreeModel, SettingsAreEmpty) {
-  EXPECT_EQ(run(cmd_show_settings, "show_settings"), "END\n");
 }
