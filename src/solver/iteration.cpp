@@ -436,7 +436,6 @@ static void visit_own_node(TraversalContext& ctx) {
 }
 
 void visit_node(TraversalContext& ctx) {
-  Tree& t = *ctx.tree;
   const WalkState& w = *ctx.walk;
   Node& node = *ctx.node;
   // 1. The root of a river subtree: its scratch, and the batch in training.
@@ -513,125 +512,154 @@ static void close_river_stores(Tree& t, const WalkState& w, int32_t group, TlsBl
   }
 }
 
-static void visit_chance(TraversalContext& ctx, bool turn) {
+// What every step of a chance node's visit shares.
+struct ChanceVisit {
+  TraversalContext& ctx;
+  Tree& t;
+  const WalkState& w;
+  Node& node;
+  bool turn;
+  const std::vector<BoardRecord>& kids;  // the dealt cards' boards
+  int32_t parent_count;
+  bool eval;
+  SubgameResults* rec;  // the street record of this entry, if the node keeps one
+};
+
+static ChanceVisit chance_visit(TraversalContext& ctx, bool turn) {
   Tree& t = *ctx.tree;
-  const WalkState& w = *ctx.walk;
   Node& node = *ctx.node;
   const BoardTree& bt = *t.boards;
   const int32_t tc = ctx.turn_cell;
-  const std::vector<BoardRecord>& kids = turn ? bt.children : bt.children[size_t(tc)].children;
-  const int32_t parent_count = turn ? int32_t(bt.holes.size()) : int32_t(bt.children[size_t(tc)].holes.size());
-  const bool eval = w.mode == MODE_EVALUATE;
-  const bool decision = node.kind == NODE_DECISION;
-  const int32_t me = w.traverser, other = 1 - w.traverser;
+  const BoardRecord* parent = turn ? nullptr : &bt.children[size_t(tc)];
   SubgameResults* rec = nullptr;
-  if (decision && node.street_records) {
+  if (node.kind == NODE_DECISION && node.street_records) {
     int32_t slot = turn ? 0 : tc;
     if (slot >= 0 && slot < node.street_record_count) rec = &node.street_records[slot];
   }
+  return {ctx, t, *ctx.walk, node, turn, turn ? bt.children : parent->children,
+          turn ? int32_t(bt.holes.size()) : int32_t(parent->holes.size()), ctx.walk->mode == MODE_EVALUATE,
+          rec};
+}
 
-  // 1. A forgotten street below: its stored values stand in.
-  if ((eval || w.mode == MODE_PROBE) && decision && (t.flags & INCOMPLETE_TREE)) {
-    alloc_vector(ctx.value, parent_count, true);
-    alloc_vector(ctx.br_value, parent_count, true);
-    if (rec && (!turn || w.pass == PASS_COLLECT)) {
-      const HandVector& v = rec->value[me];
-      const HandVector& b = rec->br_value[me];
-      if (v.data && v.count == parent_count)
-        memcpy(ctx.value.data, v.data, size_t(parent_count) * sizeof(float));
-      if (b.data && b.count == parent_count)
-        memcpy(ctx.br_value.data, b.data, size_t(parent_count) * sizeof(float));
-    }
-    return;
+// 1. A forgotten street below: evaluation and probes take its stored values instead.
+static bool visit_forgotten_street(ChanceVisit& c) {
+  const bool reads = c.eval || c.w.mode == MODE_PROBE;
+  if (!reads || c.node.kind != NODE_DECISION || !(c.t.flags & INCOMPLETE_TREE)) return false;
+  TraversalContext& ctx = c.ctx;
+  const int32_t me = c.w.traverser;
+  alloc_vector(ctx.value, c.parent_count, true);
+  alloc_vector(ctx.br_value, c.parent_count, true);
+  if (c.rec && (!c.turn || c.w.pass == PASS_COLLECT)) {
+    const HandVector& v = c.rec->value[me];
+    const HandVector& b = c.rec->br_value[me];
+    if (v.data && v.count == c.parent_count) memcpy(ctx.value.data, v.data, size_t(c.parent_count) * sizeof(float));
+    if (b.data && b.count == c.parent_count) memcpy(ctx.br_value.data, b.data, size_t(c.parent_count) * sizeof(float));
   }
+  return true;
+}
 
-  // 3. The other player's reach for later solving of the street below.
-  if (w.mode == MODE_TRAIN && rec && !rec->frozen && ctx.reach.data &&
-      (!turn || w.pass == PASS_QUEUE)) {
-    HandVector& r = rec->reach[other];
-    if (!r.data || r.count != parent_count || r.pooled) keep_vector(r, HandVector(), parent_count);
-    float weight = float(std::pow(double(t.iteration + 1), t.params.strategy_exponent));
-    const float* __restrict x = ctx.reach.data;
-    float* __restrict y = r.data;
-    for (int32_t i = 0; i < parent_count; i++) y[i] += weight * x[i];
-  }
+// 3. The other player's reach, kept for later solving of the street below.
+static void keep_street_reach(ChanceVisit& c) {
+  const TraversalContext& ctx = c.ctx;
+  if (c.w.mode != MODE_TRAIN || !c.rec || c.rec->frozen || !ctx.reach.data) return;
+  if (c.turn && c.w.pass != PASS_QUEUE) return;
+  HandVector& r = c.rec->reach[1 - c.w.traverser];
+  if (!r.data || r.count != c.parent_count || r.pooled) keep_vector(r, HandVector(), c.parent_count);
+  float weight = float(std::pow(double(c.t.iteration + 1), c.t.params.strategy_exponent));
+  const float* __restrict x = ctx.reach.data;
+  float* __restrict y = r.data;
+  for (int32_t i = 0; i < c.parent_count; i++) y[i] += weight * x[i];
+}
 
-  // 4, 6. Queued in pass 0 and collected in pass 2; otherwise inline.
-  if (w.pass == PASS_QUEUE) {
-    queue_subgames(ctx);
-    make_empty(ctx.value, parent_count);
-    if (eval) make_empty(ctx.br_value, parent_count);
-    return;
+// 4. Pass 0: one subgame per card, run by the team in pass 1.
+static void queue_chance(ChanceVisit& c) {
+  queue_subgames(c.ctx);
+  make_empty(c.ctx.value, c.parent_count);
+  if (c.eval) make_empty(c.ctx.br_value, c.parent_count);
+}
+
+// 6. Pass 2: the sums the node's subgames merged.
+static void collect_chance(ChanceVisit& c) {
+  Subgame* first = SubgameQueue[size_t(SubgameCursor)];
+  SubgameShared* sh = first->shared;
+  c.ctx.value = std::move(sh->value_sum);
+  if (c.eval) c.ctx.br_value = std::move(sh->br_sum);
+  sh->reach.release();
+  sh->own_reach.release();
+  SubgameCursor += int32_t(c.kids.size());
+}
+
+// 5. Pass 1, inside a subgame: every card in turn on this thread.
+static void walk_chance_inline(ChanceVisit& c) {
+  TraversalContext& ctx = c.ctx;
+  const int32_t tc = ctx.turn_cell;
+  make_empty(ctx.value, c.parent_count);
+  if (c.eval) make_empty(ctx.br_value, c.parent_count);
+  if (!ctx.reach.data) return;
+  alloc_vector(ctx.value, c.parent_count, true);
+  if (c.eval) alloc_vector(ctx.br_value, c.parent_count, true);
+  TlsBlock& tb = tls_block();
+  if (!c.turn) {
+    collect_river_stores(c.t, c.node, tb);
+    open_river_stores(c.t, c.w, tc, tb);
   }
-  if (w.pass == PASS_COLLECT) {
-    Subgame* first = SubgameQueue[size_t(SubgameCursor)];
-    SubgameShared* sh = first->shared;
-    ctx.value = std::move(sh->value_sum);
-    if (eval) ctx.br_value = std::move(sh->br_sum);
-    sh->reach.release();
-    sh->own_reach.release();
-    SubgameCursor += int32_t(kids.size());
-  } else {
-    // 5. Inline, inside a subgame.
-    make_empty(ctx.value, parent_count);
-    if (eval) make_empty(ctx.br_value, parent_count);
-    if (ctx.reach.data) {
-      alloc_vector(ctx.value, parent_count, true);
-      if (eval) alloc_vector(ctx.br_value, parent_count, true);
-      TlsBlock& tb = tls_block();
-      if (!turn) {
-        collect_river_stores(t, node, tb);
-        open_river_stores(t, w, tc, tb);
-      }
-      const bool own = ctx.own_reach.count > 0;
-      for (size_t k = 0; k < kids.size(); k++) {
-        const BoardRecord& r = kids[k];
-        const int32_t cn = int32_t(r.holes.size());
-        const uint16_t* down = r.parentPosition[0].data();
-        TraversalContext child;
-        child.tree = &t;
-        child.walk = ctx.walk;
+  const bool own = ctx.own_reach.count > 0;
+  for (size_t k = 0; k < c.kids.size(); k++) {
+    const BoardRecord& r = c.kids[k];
+    const int32_t cn = int32_t(r.holes.size());
+    TraversalContext child;
+    child.tree = &c.t;
     child.walk = ctx.walk;
-        child.node = &node;
-        child.turn_cell = turn ? int32_t(k) : tc;
-        child.river_cell = turn ? -1 : int32_t(k);
-        alloc_vector(child.reach, cn, false);
-        for (int32_t i = 0; i < cn; i++) child.reach.data[i] = ctx.reach.data[down[i]];
-        if (own) {
-          if (ctx.own_reach.data) {
-            alloc_vector(child.own_reach, cn, false);
-            for (int32_t i = 0; i < cn; i++) child.own_reach.data[i] = ctx.own_reach.data[down[i]];
-          } else {
-            make_empty(child.own_reach, cn);
-          }
-        }
-        visit_node(child);
-        for (int32_t v = 0; v < r.variants; v++) {
-          const uint16_t* up = r.parentPosition[size_t(v)].data();
-          if (child.value.data)
-            for (int32_t i = 0; i < cn; i++) ctx.value.data[up[i]] += child.value.data[i];
-          if (eval && child.br_value.data)
-            for (int32_t i = 0; i < cn; i++) ctx.br_value.data[up[i]] += child.br_value.data[i];
-        }
-      }
-      if (!turn) close_river_stores(t, w, tc, tb);
+    child.node = &c.node;
+    child.turn_cell = c.turn ? int32_t(k) : tc;
+    child.river_cell = c.turn ? -1 : int32_t(k);
+    alloc_vector(child.reach, cn, false);
+    map_to_child(r, ctx.reach.data, child.reach.data);
+    if (own && ctx.own_reach.data) {
+      alloc_vector(child.own_reach, cn, false);
+      map_to_child(r, ctx.own_reach.data, child.own_reach.data);
+    } else if (own) {
+      make_empty(child.own_reach, cn);
     }
+    visit_node(child);
+    if (child.value.data) add_to_parent(r, child.value.data, ctx.value.data);
+    if (c.eval && child.br_value.data) add_to_parent(r, child.br_value.data, ctx.br_value.data);
   }
+  if (!c.turn) close_river_stores(c.t, c.w, tc, tb);
+}
 
-  // 7. Every dealt card stands for one of D unseen cards.
-  const int32_t d = (turn ? 45 : 44) - 4 * LowCardIndex;
+// 7, 8. Every dealt card stands for one of D unseen cards; evaluation keeps
+// the values for evaluating above a forgotten street.
+static void finish_chance(ChanceVisit& c) {
+  TraversalContext& ctx = c.ctx;
+  const int32_t d = (c.turn ? 45 : 44) - 4 * LowCardIndex;
   const float inv = 1.0f / float(d);
   scale_vector(ctx.value, inv);
-  if (eval) scale_vector(ctx.br_value, inv);
-
-  // 8. Kept for evaluating above a forgotten street.
-  if (eval && rec) {
-    keep_vector(rec->value[me], ctx.value, parent_count);
-    keep_vector(rec->br_value[me], ctx.br_value, parent_count);
+  if (c.eval) scale_vector(ctx.br_value, inv);
+  if (c.eval && c.rec) {
+    keep_vector(c.rec->value[c.w.traverser], ctx.value, c.parent_count);
+    keep_vector(c.rec->br_value[c.w.traverser], ctx.br_value, c.parent_count);
   }
 }
 
-// ---- Passes ---------------------------------------------------------------------------------
+static void visit_chance(TraversalContext& ctx, bool turn) {
+  ChanceVisit c = chance_visit(ctx, turn);
+  if (visit_forgotten_street(c)) return;
+  keep_street_reach(c);
+  switch (c.w.pass) {
+    case PASS_QUEUE:
+      queue_chance(c);
+      return;
+    case PASS_SUBGAMES:
+      walk_chance_inline(c);
+      break;
+    case PASS_COLLECT:
+      collect_chance(c);
+      break;
+  }
+  finish_chance(c);
+}
+
 
 static void root_context(Tree& t, const WalkState& w, TraversalContext& ctx) {
   ctx.tree = &t;

@@ -91,18 +91,13 @@ static void map_down(HandVector& out, const HandVector& in, const BoardRecord& r
     return;
   }
   alloc_vector(out, n, false);
-  const uint16_t* down = r.parentPosition[0].data();
-  for (int32_t i = 0; i < n; i++) out.data[i] = in.data[down[i]];
+  map_to_child(r, in.data, out.data);
 }
 
 // Adds a child-order vector into the parent order, once per variant.
 static void map_up(HandVector& sum, const HandVector& v, const BoardRecord& r) {
   if (!v.data || !sum.data) return;
-  const int32_t n = int32_t(r.holes.size());
-  for (int32_t k = 0; k < r.variants; k++) {
-    const uint16_t* up = r.parentPosition[size_t(k)].data();
-    for (int32_t i = 0; i < n; i++) sum.data[up[i]] += v.data[i];
-  }
+  add_to_parent(r, v.data, sum.data);
 }
 
 static void run_subgame(Subgame& sg) {

@@ -83,6 +83,23 @@ struct BoardRecord {
   std::vector<GroupEntry16> group_table16;
 };
 
+// The one mapping between a board's hand list and its parent's. Hand i of
+// the child is hand parentPosition[0][i] of the parent; a record that stands
+// for several dealt cards (suit isomorphism) adds its values back once per
+// variant, each through its own list.
+inline void map_to_child(const BoardRecord& r, const float* __restrict parent, float* __restrict child) {
+  const uint16_t* down = r.parentPosition[0].data();
+  const int32_t n = int32_t(r.holes.size());
+  for (int32_t i = 0; i < n; i++) child[i] = parent[down[i]];
+}
+inline void add_to_parent(const BoardRecord& r, const float* __restrict child, float* __restrict parent) {
+  const int32_t n = int32_t(r.holes.size());
+  for (int32_t v = 0; v < r.variants; v++) {
+    const uint16_t* up = r.parentPosition[size_t(v)].data();
+    for (int32_t i = 0; i < n; i++) parent[up[i]] += child[i];
+  }
+}
+
 // Addressing of the per-hand data of nodes with one action count over all
 // river boards: every board's block starts on a multiple of 4 hands.
 struct LayoutTurnRow {
