@@ -543,8 +543,8 @@ static ChanceVisit chance_visit(TraversalContext& ctx, bool turn) {
 
 // 1. A forgotten street below: evaluation and probes take its stored values instead.
 static bool visit_forgotten_street(ChanceVisit& c) {
-  const bool reads = c.eval || c.w.mode == MODE_PROBE;
-  if (!reads || c.node.kind != NODE_DECISION || !(c.t.flags & INCOMPLETE_TREE)) return false;
+  if (!(c.eval || c.w.mode == MODE_PROBE) || c.node.kind != NODE_DECISION || !(c.t.flags & INCOMPLETE_TREE))
+    return false;
   TraversalContext& ctx = c.ctx;
   const int32_t me = c.w.traverser;
   alloc_vector(ctx.value, c.parent_count, true);
