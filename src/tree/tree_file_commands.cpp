@@ -148,20 +148,25 @@ void cmd_load_tree(const Tokens& t) {
     FileByteSource source(name);
     TreeFileGame game;
     read_tree_head(source, game);
-    apply_game(game);
-    build_game(false);
-    TreePresent = false;
     TreeFileState state;
     read_tree_state(source, state);
-    // Cells depend on suit isomorphism, so the tree must be built as the
-    // stored one was, whatever the setting says now.
+    apply_game(game);
+    // Cells depend on suit isomorphism, so the tree is built as the stored
+    // one was, whatever the setting says now; the setting stays the user's.
     const bool iso = (state.flags & ISOMORPHISM_ON) != 0;
-    if (iso != ((ActiveTree->flags & ISOMORPHISM_ON) != 0)) {
-      (StartStreet == 1 ? IsomorphismFlop : IsomorphismTurn) = iso;
+    const bool kept[2] = {IsomorphismFlop, IsomorphismTurn};
+    IsomorphismFlop = IsomorphismTurn = iso;
+    try {
       build_game(false);
-      TreePresent = false;
-      if (iso != ((ActiveTree->flags & ISOMORPHISM_ON) != 0)) throw TreeFileError("invalid file");
+    } catch (...) {
+      IsomorphismFlop = kept[0];
+      IsomorphismTurn = kept[1];
+      throw;
     }
+    IsomorphismFlop = kept[0];
+    IsomorphismTurn = kept[1];
+    TreePresent = false;
+    if (iso != ((ActiveTree->flags & ISOMORPHISM_ON) != 0)) throw TreeFileError("invalid file");
     apply_tree_state(*ActiveTree, state, game.format);
     ActualCompression = state.compression;
     planStorage(compression_pair(state.compression));
