@@ -309,10 +309,12 @@ static void read_record_head(ByteSource& s, SubgameResults& r) {
   r.frozen = (flag & 2) != 0;
 }
 
-// A reach row fits the stored form if every weight, in 150ths, fits 16 bits;
-// the weighted sums of a run in progress don't, and stay out of the file.
+// A reach row goes into the file if it has weights and every weight, in
+// 150ths, fits 16 bits; the weighted sums of a run in progress don't, and stay
+// out of the file, as empty rows do.
 static bool reach_fits(const HandVector& v) {
-  for (int32_t i = 0; i < v.count && v.data; i++)
+  if (!v.data || v.count <= 0) return false;
+  for (int32_t i = 0; i < v.count; i++)
     if (!(std::fabs(v.data[i]) * 150.0f <= 32767.0f)) return false;
   return true;
 }
@@ -323,7 +325,7 @@ static void write_record_head(ByteWriter& w, const SubgameResults& r) {
   for (int p = 0; p < 2; p++) {
     if (kept[p]) continue;
     const HandVector& v = r.reach[p];
-    int32_t n = v.data ? v.count : 0;
+    int32_t n = v.count;
     write_value<int32_t>(w, n);
     std::vector<int16_t> q(static_cast<size_t>(n));
     for (int32_t i = 0; i < n; i++) q[size_t(i)] = int16_t(std::lround(v.data[i] * 150.0f));
@@ -449,10 +451,10 @@ static int64_t least_stored_bytes(Store* store) {
   if (!shaped) return 0;
   int64_t locks = 4 * int64_t(shaped->shape->cell_count);
   if (dynamic_cast<FloatFlatStore*>(store)) return locks + 4 * store->value_count(-1);
-  // Counted rows: two bytes of count and one of data at least per row.
+  // Counted rows: two bytes of count at least per row (a cell may be empty).
   int64_t rows = int64_t(shaped->shape->cell_count) * shaped->shape->actions;
-  if (dynamic_cast<Word16FlatStore*>(store)) return locks + 3 * rows;
-  if (dynamic_cast<WideningStore*>(store)) return locks + 1 + shaped->shape->group_count + 3 * rows;
+  if (dynamic_cast<Word16FlatStore*>(store)) return locks + 2 * rows;
+  if (dynamic_cast<WideningStore*>(store)) return locks + 1 + shaped->shape->group_count + 2 * rows;
   return locks + 1;  // PackedStore
 }
 
@@ -533,7 +535,7 @@ void read_tree_data(ByteSource& s, Tree& t, bool results_absent) {
           HandVector& v = record_row(node.street_records[r], row);
           if (!v.data) continue;
           section.row32(raw, v.count);
-          for (int32_t i = 0; i < v.count; i++) v.data[i] = 0.01f * float(int32_t(unzigzag32(raw[i])));
+          for (int32_t i = 0; i < v.count; i++) v.data[i] = float(0.01 * double(int32_t(unzigzag32(raw[i]))));
         }
     }
   }
@@ -766,7 +768,7 @@ void write_tree_file(ByteWriter& w, const TreeFileGame& g, Tree& t, int32_t comp
           if (!v.data) continue;
           if (v.count > MaxRowValues) throw TreeFileError("row too long");
           for (int32_t i = 0; i < v.count; i++)
-            raw[i] = zigzag32(uint32_t(int32_t(std::lround(double(v.data[i]) * 100.0))));
+            raw[i] = zigzag32(uint32_t(int32_t(std::clamp(std::round(double(v.data[i]) * 100.0), -2147483648.0, 2147483647.0))));
           section.row32(raw, v.count);
         }
     }
