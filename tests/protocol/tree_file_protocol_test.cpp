@@ -79,6 +79,7 @@ TEST(TreeFile, RoundTripEveryLevelAndRootThenSolvingGoesOn) {
       EXPECT_EQ(between(r.out, "FINAL\n", "#"), between(straight.out, "FINAL\n", "#"));
     }
   }
+  unlink(file.c_str());
 }
 
 // Whether a temporary file of `base` exists in `dir`.
