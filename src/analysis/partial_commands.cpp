@@ -1,7 +1,7 @@
 // Partial solving by command: the subgame that holds a node is solved again
 // from the ranges that reach it, until the recalc accuracy of its street.
 #include "analysis/analysis.h"
-#include "shell/shell.h"
+#include "core/core.h"
 #include "solver/solver.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // Commands that drop a street of a solved tree, bring its stores back and
 // solve it again.
-#include "shell/shell.h"
+#include "core/core.h"
 #include "solver/solver.h"
 
 namespace {

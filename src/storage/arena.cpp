@@ -159,6 +159,11 @@ void PackedArena::read_row16(uint16_t* row, const uint16_t*, int32_t count) {
           [](uint16_t* r, int32_t n, const uint8_t* s) { return unpack16(r, n, s); });
 }
 
+bool stored_region_fits(int64_t size, int64_t reserved, uint32_t granule_mask, const ByteSource& source) {
+  if (size < 0 || size > source.remaining()) return false;
+  return reserved >= round_to_granule(size, granule_mask) && reserved <= (int64_t(1) << 36);
+}
+
 void PackedArena::save(ByteWriter& writer) {
   write_value<int32_t>(writer, limit);
   write_value<int64_t>(writer, reserved);
@@ -170,7 +175,7 @@ void PackedArena::load(ByteSource& source) {
   int32_t stored_limit = read_value<int32_t>(source);
   int64_t stored_reserved = read_value<int64_t>(source);
   int64_t stored_size = read_value<int64_t>(source);
-  if (stored_size < 0) fail_command("invalid file");
+  if (!stored_region_fits(stored_size, stored_reserved, granule_mask, source)) fail_command("invalid file");
   // A region reserved at another size can't be reused.
   if (base && stored_reserved != reserved) {
     release_region(base, reserved);

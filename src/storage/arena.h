@@ -41,6 +41,9 @@ struct ByteSource {
   int32_t format = 9;
   virtual ~ByteSource() = default;
   virtual void read(void* buffer, size_t count) = 0;
+  // Bytes left to read. Readers compare every stored length with it before
+  // they allocate, so a damaged length can't ask for more than the file holds.
+  virtual int64_t remaining() const { return INT64_MAX; }
 };
 
 // A writer that appends to a byte vector.
@@ -57,6 +60,7 @@ struct MemoryByteSource : ByteSource {
   size_t position = 0;
   MemoryByteSource(const void* bytes, size_t count);
   void read(void* buffer, size_t count) override;
+  int64_t remaining() const override { return int64_t(size - position); }
 };
 
 // Little-endian helpers for fixed-width fields (the host is x86-64).
@@ -213,6 +217,11 @@ class EntropyArena : public Arena {
   void save(ByteWriter& writer) override;
   void load(ByteSource& source) override;
 };
+
+// Whether a stored region of `size` bytes in a reservation of `reserved` can
+// be loaded: the bytes must still be in the source, and the reservation must
+// hold them and stay below 64 GiB, the largest a group can reach.
+bool stored_region_fits(int64_t size, int64_t reserved, uint32_t granule_mask, const ByteSource& source);
 
 // Grows a region to `target` bytes (already rounded): the shared step of every
 // write path and of load. Commits the whole prefix from base; reserves on the

@@ -195,7 +195,8 @@ void EntropyArena::load(ByteSource& source) {
   int64_t stored_size = read_value<int64_t>(source);
   // A read pass walks the channel lengths through the region: they must lie
   // inside the stored bytes.
-  if (stored_size < 0 || total > stored_size) fail_command("invalid file");
+  if (total > stored_size || !stored_region_fits(stored_size, stored_reserved, granule_mask, source))
+    fail_command("invalid file");
   if (base && stored_reserved != reserved) {
     release_region(base, reserved);
     committed = 0;

@@ -179,8 +179,9 @@ void PackedStore::accumulate_strategy(int32_t group, int32_t cell, const HandVec
 // mode the cell factors.
 void PackedStore::save(ByteWriter& writer) {
   save_locks(writer);
+  // An arena that a read made but no write filled holds nothing to store.
   bool any = false;
-  for (Arena* a : arenas) any = any || a;
+  for (Arena* a : arenas) any = any || (a && a->has_data());
   write_value<uint8_t>(writer, any ? 1 : 0);
   if (any) {
     for (Arena* a : arenas) {

@@ -111,7 +111,8 @@ void planStorage(StoragePair pair) {
     sn.stores_ready = &node.stores_ready;
     const StoreShape* shape =
         sn.decision && node.street == 3 && sn.actions > 0 ? t.shapes->shape(3, sn.actions) : nullptr;
-    makeNodeStores(sn, cells, shape, t.store_values, t.average_policy != 0, root, levels, true);
+    makeNodeStores(sn, cells, shape, t.store_values, t.average_policy != 0, root, levels,
+                   t.format >= 5);
   }
   const int64_t w = t.average_policy != 0 ? 6 : 2;  // two bytes a regret, four a sum
   for (int i = 0; i < 4; i++) t.store_bytes[i] = t.store_values[i] * w;

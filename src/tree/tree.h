@@ -164,6 +164,14 @@ struct Tree {
   int64_t store_bytes[4] = {0, 0, 0, 0};
   bool stores_ready = false;  // every store has been materialised
   std::unique_ptr<StoreShapeTable> shapes;  // river layouts the stores were made with
+
+  // Carried by the tree file. `format` is the stored format the tree came from
+  // (9 for a new tree) and decides the river regret class of turn games; the
+  // rest is written back as it was read.
+  int32_t format = 9;
+  int32_t second_street = -1;
+  double solver_figures[4] = {0, 0, 0, 0};
+  double evaluation[2] = {0, 0};
 };
 
 // The one built tree, or null; owned here and freed only by free_active_tree.
@@ -264,3 +272,5 @@ void cmd_show_tree_params(const Tokens& t);
 void cmd_show_settings(const Tokens& t);
 void cmd_node_count(const Tokens& t);
 void cmd_free_tree(const Tokens& t);
+void cmd_load_tree(const Tokens& t);
+void cmd_dump_tree(const Tokens& t);
