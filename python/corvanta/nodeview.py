@@ -160,11 +160,12 @@ def open_game(solver: Solver, path: str, progress: Callable[[Report], None] | No
             raise ViewError(f"{path}: a tree file name can't hold quotes or line breaks")
         try:
             solver.command(f'load_tree "{full}"')
-        except EngineNotImplemented as e:
-            raise ViewError(f"{path}: this engine can't read stored trees yet ({e})") from None
-        except EngineError as e:
-            raise ViewError(f"{path}: {e}") from None
+            r = solver.results()
+        except EngineError as e:  # a damaged or foreign file: the engine's answer says which
+            raise ViewError(f"{path}: not a tree file this engine can load ({e})") from None
     root = node_block(solver, "r:0")
+    if results is None:
+        results = {**r.__dict__, "exploitability_share": r.exploitability / root["pot"] if root["pot"] else None}
     return Opened(p.name, root["board"], root["pot"], results)
 
 

@@ -124,7 +124,8 @@ def viewing(engine, game, timeout=60):
         while (status := get(url[0] + "api/status")[1])["state"] != "ready":
             assert status["state"] != "error" and time.monotonic() < deadline, status
             time.sleep(0.1)
-        assert status["reports"] and status["game"]["board"]  # what the page showed while solving
+        # A TOML game shows its progress while solving; a stored tree its results at once.
+        assert status["game"]["board"] and (status["reports"] or status["game"]["results"])
         yield url[0]
     finally:
         proc.terminate()
@@ -176,12 +177,33 @@ class TestApi:
             else:
                 assert not mixes
 
-    def test_a_tree_file_the_engine_refuses_ends_with_its_reason(self, engine, tmp_path):
+    @pytest.mark.parametrize("content", [b"not a tree", bytes(range(256)) * 64])
+    def test_a_damaged_tree_file_ends_view_and_report_with_an_error(self, engine, tmp_path, content):
         tree = tmp_path / "game.tree"
-        tree.write_bytes(b"not a tree")
-        run = subprocess.run([sys.executable, "-m", "corvanta", "view", str(tree), "--bin", engine],
-                             cwd=ROOT / "python", capture_output=True, text=True, timeout=60, stdin=subprocess.DEVNULL)
-        assert run.returncode == 1 and "game.tree" in run.stderr and not run.stdout
+        tree.write_bytes(content)
+        for args in (["view", str(tree)], ["report", str(tree), "--html", str(tmp_path / "r.html")]):
+            run = subprocess.run([sys.executable, "-m", "corvanta", *args, "--bin", engine], cwd=ROOT / "python",
+                                 capture_output=True, text=True, timeout=30, stdin=subprocess.DEVNULL)
+            assert run.returncode == 1 and "game.tree" in run.stderr and not run.stdout, args
+        assert not (tmp_path / "r.html").exists()
+
+
+def test_a_dumped_tree_shows_what_its_game_showed(engine, games, tmp_path):
+    game, oracle = games["river"]
+    tree = tmp_path / "river.tree"
+    oracle.command(f"dump_tree {tree}")
+    with viewing(engine, tree) as url:
+        status, node = get(node_url(url, path="r:0"))
+    assert status == 200 and node["acting"] == "OOP"
+    mixes = {c["hand"]: c["mix"] for c in node["cells"] if c["mix"]}
+    want = expected_mix(oracle, "r:0", "OOP")
+    assert mixes.keys() == want.keys() and all(mixes[c] == pytest.approx(want[c], abs=1e-6) for c in want)
+    page = tmp_path / "report.html"
+    run = subprocess.run([sys.executable, "-m", "corvanta", "report", str(tree), "--path", "r:0", "--png",
+                          str(tmp_path / "grid.png"), "--html", str(page), "--bin", engine],
+                         cwd=ROOT / "python", capture_output=True, text=True, timeout=60)
+    assert run.returncode == 0, run.stderr
+    assert page.read_text().count('<g class="cell" ') == 169 and (tmp_path / "grid.png").stat().st_size > 0
 
 
 def test_report_png_and_html_hold_the_engines_numbers(engine, games, tmp_path):

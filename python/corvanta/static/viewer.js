@@ -77,7 +77,8 @@ function showStatus(st) {
   } else if (st.state === "ready") {
     const r = g.results;
     $("status").textContent = r
-      ? `solved: ${r.iterations ?? "?"} iterations, exploitable for ${pct(r.exploitability_share, 3)} of the pot`
+      ? (r.iterations == null ? "loaded" : `solved: ${r.iterations} iterations`) +
+        `, exploitable for ${pct(r.exploitability_share, 3)} of the pot`
       : "loaded";
   } else {
     $("status").textContent = st.state;
