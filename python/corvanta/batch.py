@@ -27,7 +27,7 @@ import tomllib
 from pathlib import Path
 
 from .cards import HAND_CARDS, HAND_NAMES, card_text, parse_cards
-from .client import EngineError, EngineNotImplemented, Solver
+from .client import EngineError, Solver
 from .flops import Flop, select, textures
 from .game import Game, GameError
 from .ranges import parse_range
@@ -119,15 +119,12 @@ def solve_flop(study_path: str, out: Path, name: str, weight: int, threads: int 
         summary["root"] = root_summary(solver, game)
         tree = out / f"{name}.tree"
         tmp = out / f".{name}.tree.{os.getpid()}.tmp"
-        try:
+        try:  # the tree goes first: a summary on disk means both files are complete
             solver.command(f"dump_tree {_quoted(tmp)}", timeout=600)
             durable_rename(tmp, tree)
-            summary["tree_file"] = tree.name
-        except EngineNotImplemented as e:
-            summary["tree_file"] = None
-            summary["tree_note"] = f"no tree file written: {e}"
         finally:
             tmp.unlink(missing_ok=True)
+        summary["tree_file"] = tree.name
     summary["seconds"] = {"engine": round(engine_seconds, 3), "job": round(time.monotonic() - STARTED, 3)}
     write_atomic(out / f"{name}.json", json.dumps(summary, indent=1) + "\n")
     return summary
@@ -192,6 +189,10 @@ def job(argv: list[str]) -> int:
         if summary_ok(out / f"{name}.json", study_key(load_study(study_path))):
             print(f"skip {name}", flush=True)
             return 0
+        # A job killed while writing leaves its temporary files (ours, and the engine's "..NAME..."
+        # from inside dump_tree); the flop is this job's alone now, so they go.
+        for stale in [*out.glob(f".{name}.*"), *out.glob(f"..{name}.*")]:
+            stale.unlink(missing_ok=True)
         summary = solve_flop(study_path, out, name, int(weight), int(threads) if threads != "-" else None,
                              None if binary == "-" else binary, engines)
     except (OSError, StudyError, GameError, EngineError) as e:

@@ -11,7 +11,6 @@ from pathlib import Path
 import pytest
 
 from corvanta import Solver
-from corvanta.client import EngineNotImplemented
 from corvanta.flops import canonical_flops, read_list, sample, textures
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -68,20 +67,17 @@ def summaries(out: Path) -> dict[str, int]:
     return {p.stem: p.stat().st_mtime_ns for p in out.glob("*.json")}
 
 
+def trees(out: Path) -> dict[str, int]:
+    return {p.stem: p.stat().st_mtime_ns for p in out.glob("*.tree")}
+
+
 def check_tree_files(engine: str, out: Path) -> None:
-    """The tree file when the engine writes one (it loads to the same results), else a note and no file."""
-    for path in out.glob("*.json"):
-        s = json.loads(path.read_text())
-        tree = out / f"{s['flop']}.tree"
-        if s["tree_file"] is None:
-            assert "not implemented yet" in s["tree_note"] and not tree.exists()
-            continue
-        assert tree.stat().st_size > 0
-        with Solver(engine) as solver:
-            try:
-                solver.command(f"load_tree {tree}")
-            except EngineNotImplemented:
-                continue
+    """Each flop's tree file loads back to the results of its summary."""
+    with Solver(engine) as solver:
+        for path in out.glob("*.json"):
+            s = json.loads(path.read_text())
+            assert s["tree_file"] == f"{s['flop']}.tree"
+            assert solver.command(f"load_tree {out / s['tree_file']}") == ["load_tree ok!"]
             assert solver.results().ev_oop == pytest.approx(s["results"]["ev_oop"], abs=0.002)
 
 
@@ -103,15 +99,16 @@ def test_batch_resumes_after_a_kill_and_aggregates(engine, tmp_path):
     os.killpg(first.pid, signal.SIGKILL)  # parallel, its jobs and their engines: a power loss
     first.wait(timeout=10)
     time.sleep(1.5)  # the jobs, in process groups of their own, see the batch gone and end
-    done = summaries(out)
-    assert 1 <= len(done) < len(FLOPS)
+    done, stored = summaries(out), trees(out)
+    assert 1 <= len(done) < len(FLOPS) and stored.keys() >= done.keys()
 
     again = subprocess.run(cmd, cwd=tmp_path, env=run_env(engine), stdin=subprocess.DEVNULL,
                            capture_output=True, text=True, timeout=120)
     assert again.returncode == 0, again.stderr
     assert f"{len(done)} done already" in again.stderr and f"{len(FLOPS)} of {len(FLOPS)} flops done" in again.stderr
     after = summaries(out)
-    assert sorted(after) == sorted(FLOPS) and {k: after[k] for k in done} == done
+    assert sorted(after) == sorted(FLOPS) == sorted(trees(out)) and {k: after[k] for k in done} == done
+    assert {k: trees(out)[k] for k in done} == {k: stored[k] for k in done}  # nor stored again
     assert not list(out.glob(".*"))  # no temporary file left behind
     check_tree_files(engine, out)
 
