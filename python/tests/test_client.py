@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 
 from corvanta.cards import HAND_NAMES, HAND_ORDER_TEXT
-from corvanta.client import EngineDied, EngineError, EngineNotImplemented, EngineTimeout, Solver
+from corvanta.client import EngineDied, EngineError, EngineTimeout, Solver
 from corvanta.lines import StreetRules, TreeRules, lines
 from corvanta.ranges import parse_range
 
@@ -69,18 +69,10 @@ class TestSolve:
             assert s.command("is_ready") == ["is_ready ok!"]
 
 
-def documented(call):
-    """Queries answer in the documented formats; the engine may not carry them out yet."""
-    try:
-        return call()
-    except EngineNotImplemented as e:
-        pytest.skip(f"engine: {e}")
-
-
 class TestQueries:
     def test_strategy_rows_are_the_raw_rows(self, solved):
         s = solved[0]
-        strategy = documented(lambda: s.strategy("r:0"))
+        strategy = s.strategy("r:0")
         assert list(strategy) == s.children("r:0") == ["b75", "b33", "c"]
         raw = [numbers(l) for l in s.command("show_strategy r:0") if l != "END"]
         assert [list(strategy[a]) for a in strategy] == raw
@@ -91,20 +83,20 @@ class TestQueries:
 
     def test_range_after_a_bet_is_range_times_strategy(self, solved):
         s = solved[0]
-        strategy = documented(lambda: s.strategy("r:0"))
+        strategy = s.strategy("r:0")
         bet = s.range("OOP", "r:0:b33").values
         assert bet == pytest.approx([w * p for w, p in zip(parse_range(OOP), strategy["b33"])])
         assert list(s.range("IP").values) == parse_range(IP)
 
     def test_ev_and_equity_are_the_raw_rows(self, solved):
         s = solved[0]
-        ev = documented(lambda: s.ev("OOP", "r:0"))
+        ev = s.ev("OOP", "r:0")
         raw = s.command("calc_ev OOP r:0")
         same = lambda a, b: all(x == y or (math.isnan(x) and math.isnan(y)) for x, y in zip(a, b))
         assert same(ev.values, numbers(raw[0])) and same(ev.matchups, numbers(raw[1]))
-        eq = documented(lambda: s.equity("IP"))
+        eq = s.equity("IP")
         assert all(0 <= x <= 1 for x, m in zip(eq.values, eq.matchups) if m > 0)
-        node = documented(lambda: s.equity("OOP", "r:0:c"))
+        node = s.equity("OOP", "r:0:c")
         assert 0 <= node.total <= 1
 
 
