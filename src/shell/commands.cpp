@@ -8,8 +8,6 @@
 #include "storage/arena.h"
 #include "tree/tree.h"
 
-#define NI cmd_not_implemented
-
 const CommandEntry CommandTable[CommandCount] = {
     {"is_ready", cmd_answer_only, 1},
     {"solver_time", cmd_solver_time, 1},
@@ -106,10 +104,6 @@ const CommandEntry CommandTable[CommandCount] = {
     {"enable_adaptive_precision", cmd_enable_adaptive_precision, 2},
     {"help", cmd_help, 1},
 };
-
-#undef NI
-
-void cmd_not_implemented(const Tokens&) { fail_command("not implemented yet"); }
 
 const CommandEntry* find_command(const std::string& name) {
   for (const CommandEntry& e : CommandTable)

@@ -49,7 +49,6 @@ std::string banned_process_name();
 void reset_game_state();
 
 // ---- Handlers of the shell's own commands ---------------------------------
-void cmd_not_implemented(const Tokens& t);
 void cmd_answer_only(const Tokens& t);  // is_ready, set_eff_stack
 void cmd_set_range(const Tokens& t);
 void cmd_set_board(const Tokens& t);
