@@ -112,18 +112,32 @@ bool spread_symbols(uint8_t* cell_symbol, const int16_t* norm, unsigned max_symb
     n += unsigned(c);
   }
   const unsigned step = (size >> 1) + (size >> 3) + 3;
-  unsigned position = 0;
+  // The step is odd, so the walk meets every cell once in `size` steps. Each
+  // cell's place is computed on its own, which leaves no chain from one store
+  // to the next.
   if (high == int(mask)) {
-    for (unsigned i = 0; i < n; i++) {
-      cell_symbol[position] = order[i];
-      position = (position + step) & mask;
+    for (unsigned i = 0; i < n; i++) cell_symbol[(i * step) & mask] = order[i];
+    return ((n * step) & mask) == 0;
+  }
+  if (n == unsigned(high + 1)) {
+    // Cells above `high` hold the -1 symbols: their turns store into a spare
+    // byte instead, without a branch.
+    uint8_t spare;
+    order[n] = 0;
+    unsigned i = 0;
+    for (unsigned k = 0; k < size; k++) {
+      const unsigned position = (k * step) & mask;
+      const bool free_cell = int(position) <= high;
+      *(free_cell ? cell_symbol + position : &spare) = order[i];
+      i += free_cell;
     }
-  } else {
-    for (unsigned i = 0; i < n; i++) {
-      cell_symbol[position] = order[i];
-      do position = (position + step) & mask;
-      while (int(position) > high);
-    }
+    return true;
+  }
+  unsigned position = 0;
+  for (unsigned i = 0; i < n; i++) {
+    cell_symbol[position] = order[i];
+    do position = (position + step) & mask;
+    while (int(position) > high);
   }
   return position == 0;
 }
@@ -234,6 +248,31 @@ bool FseUseBmi2 = fse_has_bmi2();
 
 // ---- Table log and normalisation ------------------------------------------------------
 
+namespace {
+
+// log2((p + 1) / p) and log2(p / (p - 1)) for every count a table can give,
+// worked out once by the same expressions as before, so the choices (and the
+// bytes) stay the same.
+struct StepCosts {
+  double up[(1u << FSE_MAX_TABLELOG) + 1];
+  double down[(1u << FSE_MAX_TABLELOG) + 1];
+};
+
+const StepCosts& step_costs() {
+  static const StepCosts costs = [] {
+    StepCosts c{};
+    for (unsigned n = 1; n <= (1u << FSE_MAX_TABLELOG); n++) {
+      const double p = n;
+      c.up[n] = std::log2((p + 1) / p);
+      c.down[n] = n > 1 ? std::log2(p / (p - 1)) : HUGE_VAL;
+    }
+    return c;
+  }();
+  return costs;
+}
+
+}  // namespace
+
 unsigned FSE_optimalTableLog(unsigned max_table_log, size_t src_size, unsigned max_symbol_value) {
   int table_log = int(max_table_log ? max_table_log : FSE_DEFAULT_TABLELOG);
   if (src_size > 1) {
@@ -256,9 +295,12 @@ int64_t FSE_normalizeCount(int16_t* norm, unsigned table_log, const uint32_t* co
   if (table_log > FSE_MAX_TABLELOG) return fse_error(FSE_ERROR_tableLog_tooLarge);
   if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return fse_error(FSE_ERROR_maxSymbolValue_tooLarge);
   const uint64_t size = 1ull << table_log;
+  // The present symbols, in order: most alphabets here are sparse.
+  uint8_t present_symbols[FSE_MAX_SYMBOL_VALUE + 1];
   unsigned present = 0;
   uint64_t sum = 0;
   for (unsigned s = 0; s <= max_symbol_value; s++) {
+    present_symbols[present] = uint8_t(s);
     present += count[s] != 0;
     sum += count[s];
   }
@@ -268,19 +310,21 @@ int64_t FSE_normalizeCount(int16_t* norm, unsigned table_log, const uint32_t* co
 
   // Symbols below one point get the mark -1 (one cell); the others share the
   // rest in proportion, rounded to nearest, at least one.
+  memset(norm, 0, sizeof(int16_t) * (max_symbol_value + 1));
   int64_t left = int64_t(size);
   uint64_t rest_total = total;
-  for (unsigned s = 0; s <= max_symbol_value; s++) {
-    norm[s] = 0;
-    if (count[s] != 0 && uint64_t(count[s]) * size < total) {
+  for (unsigned k = 0; k < present; k++) {
+    const unsigned s = present_symbols[k];
+    if (uint64_t(count[s]) * size < total) {
       norm[s] = -1;
       left--;
       rest_total -= count[s];
     }
   }
   int64_t given = 0;
-  for (unsigned s = 0; s <= max_symbol_value; s++) {
-    if (count[s] == 0 || norm[s] == -1) continue;
+  for (unsigned k = 0; k < present; k++) {
+    const unsigned s = present_symbols[k];
+    if (norm[s] == -1) continue;
     uint64_t p = (uint64_t(count[s]) * uint64_t(left) * 2 + rest_total) / (2 * rest_total);
     norm[s] = int16_t(std::max<uint64_t>(1, p));
     given += norm[s];
@@ -296,13 +340,14 @@ int64_t FSE_normalizeCount(int16_t* norm, unsigned table_log, const uint32_t* co
   // still go to the lowest symbol.
   uint8_t movable[FSE_MAX_SYMBOL_VALUE + 1];
   unsigned movable_count = 0;
+  const StepCosts& costs = step_costs();
   auto cost_of_step = [&](unsigned s) {
-    double p = norm[s];
-    if (norm[s] <= 0 || (direction < 0 && norm[s] == 1)) return HUGE_VAL;
-    return direction > 0 ? -double(count[s]) * std::log2((p + 1) / p)
-                         : double(count[s]) * std::log2(p / (p - 1));
+    const int p = norm[s];
+    if (p <= 0 || (direction < 0 && p == 1)) return HUGE_VAL;
+    return direction > 0 ? -double(count[s]) * costs.up[p] : double(count[s]) * costs.down[p];
   };
-  for (unsigned s = 0; s <= max_symbol_value; s++) {
+  for (unsigned k = 0; k < present; k++) {
+    const unsigned s = present_symbols[k];
     change[s] = cost_of_step(s);
     if (change[s] != HUGE_VAL) movable[movable_count++] = uint8_t(s);
   }
