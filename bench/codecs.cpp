@@ -193,10 +193,10 @@ void bench_fse_codec(const Rows& r, const char* label) {
   if (masks.size() > 65536) masks.resize(65536);
   std::vector<uint8_t> coded(FSE_compressBound(masks.size())), back(masks.size());
   // Both builds of the decoding loop where the processor has BMI2.
-  const bool bmi2 = FseUseBmi2;
+  const bool bmi2 = CodecUseAvx2;
   for (bool use : {false, true}) {
     if (use && !bmi2) continue;
-    FseUseBmi2 = use;
+    CodecUseAvx2 = use;
     int64_t size = 0;
     double c = seconds_per_pass([&] { size = FSE_compress(coded.data(), coded.size(), masks.data(), masks.size()); });
     double d = seconds_per_pass([&] { FSE_decompress(back.data(), back.size(), coded.data(), size_t(size)); });
@@ -204,7 +204,7 @@ void bench_fse_codec(const Rows& r, const char* label) {
            use ? "FSE on mask bytes (BMI2)" : "FSE on mask bytes", double(masks.size()) / c / 1e6,
            double(masks.size()) / d / 1e6, double(size) / double(masks.size()));
   }
-  FseUseBmi2 = bmi2;
+  CodecUseAvx2 = bmi2;
 }
 
 }  // namespace

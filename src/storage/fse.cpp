@@ -142,7 +142,7 @@ bool spread_symbols(uint8_t* cell_symbol, const int16_t* norm, unsigned max_symb
   return position == 0;
 }
 
-bool fse_has_bmi2() {
+bool cpu_has_avx2_bmi2() {
   __builtin_cpu_init();  // this runs before main
   return cpu_has_avx2() && __builtin_cpu_supports("bmi2");
 }
@@ -244,7 +244,7 @@ uint32_t histogram(uint32_t* count, unsigned& max_symbol, const uint8_t* src, si
 
 }  // namespace
 
-bool FseUseBmi2 = fse_has_bmi2();
+bool CodecUseAvx2 = cpu_has_avx2_bmi2();
 
 // ---- Table log and normalisation ------------------------------------------------------
 
@@ -532,6 +532,6 @@ int64_t FSE_decompress(void* dst, size_t dst_capacity, const void* src, size_t s
   uint8_t* out = static_cast<uint8_t*>(dst);
   const uint8_t* stream = in + header;
   const size_t stream_size = src_size - size_t(header);
-  return FseUseBmi2 ? fse_decode_stream_bmi2(out, dst_capacity, table, log, stream, stream_size)
+  return CodecUseAvx2 ? fse_decode_stream_bmi2(out, dst_capacity, table, log, stream, stream_size)
               : decode_stream(out, dst_capacity, table, log, stream, stream_size);
 }

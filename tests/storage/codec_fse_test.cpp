@@ -252,11 +252,11 @@ TEST(FseBlock, RandomSourcesRoundTrip) {
 }
 
 TEST(FseBlock, Bmi2DecoderMatchesBaseline) {
-  if (!FseUseBmi2) GTEST_SKIP() << "no BMI2 on this processor";
+  if (!CodecUseAvx2) GTEST_SKIP() << "no BMI2 on this processor";
   auto both = [](auto&& f) {
-    FseUseBmi2 = false;
+    CodecUseAvx2 = false;
     auto plain = f();
-    FseUseBmi2 = true;
+    CodecUseAvx2 = true;
     return std::make_pair(plain, f());
   };
   for (uint32_t seed = 0; seed < 400; seed++) {
@@ -278,7 +278,7 @@ TEST(FseBlock, Bmi2DecoderMatchesBaseline) {
         ASSERT_EQ(a, b) << "seed " << seed << " size " << in.size() << " room " << room;
       }
   }
-  FseUseBmi2 = true;
+  CodecUseAvx2 = true;
 }
 
 // ---- Fuzz -------------------------------------------------------------------------
