@@ -21,7 +21,8 @@ struct Rows {
 // Cells of a river group: each cell has `actions` rows; the rows of one action
 // in neighbouring cells differ a little. Values are regret-like: a third zero,
 // the rest a smooth walk of small numbers.
-Rows make_rows(std::mt19937& rng, int cells, int actions, int count, uint32_t scale) {
+Rows make_rows(std::mt19937& rng, int cells, int actions, int count, uint32_t scale,
+               uint32_t change_one_in = 6) {
   Rows r{count, {}, {}};
   std::vector<std::vector<uint32_t>> base(static_cast<size_t>(actions),
                                          std::vector<uint32_t>(static_cast<size_t>(count)));
@@ -38,7 +39,7 @@ Rows make_rows(std::mt19937& rng, int cells, int actions, int count, uint32_t sc
   for (int c = 0; c < cells; c++) {
     for (int a = 0; a < actions; a++) {
       for (uint32_t& v : base[size_t(a)])
-        if (rng() % 6 == 0) v = v ? v + rng() % 9 - 4 : rng() % 3;
+        if (rng() % change_one_in == 0) v = v ? v + rng() % 9 - 4 : rng() % 3;
       r.rows.push_back(base[size_t(a)]);
       r.reference.push_back(c == 0 ? -1 : int(r.rows.size()) - 1 - actions);
     }
@@ -214,9 +215,12 @@ int main() {
   printf("one core; rows of 1326 values, 48 cells x 3 actions\n");
   Rows small = make_rows(rng, 48, 3, 1326, 400);
   Rows wide = make_rows(rng, 48, 3, 1326, 60000);
+  // Late river regrets: few entries change from one river card to the next.
+  Rows sparse = make_rows(rng, 48, 3, 1326, 60000, 20);
   bench_packed(small, "(small)");
   bench_packed(wide, "(16-bit)");
   bench_fse_codec(small, "(small)");
   bench_fse_codec(wide, "(16-bit)");
+  bench_fse_codec(sparse, "(sparse)");
   return 0;
 }

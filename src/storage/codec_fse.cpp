@@ -52,7 +52,6 @@ inline unsigned nonzero_mask8(const uint32_t* v) {
   return ~zero & 0xff;
 }
 
-inline void store4(uint32_t* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
 class FseEncoder final : public RowEncoder {
  public:
   explicit FseEncoder(ChannelSink s) : sink(s) {
@@ -261,14 +260,25 @@ class FseDecoder final : public RowDecoder {
     const int groups = (count + 7) >> 3;
     uint8_t spare[MaxRowValues / 8 + 1];
     const uint8_t* masks = take_masks(groups, spare);
+    memset(t, 0, sizeof(uint32_t) * 8 * size_t(groups));
+    // Most groups are all zero: sixteen masks are tested at a time and only
+    // the groups with a value are visited.
     unsigned context = 0;
-    for (int g = 0; g < groups; g++) {
-      store4(t + 8 * g, _mm_setzero_si128());
-      store4(t + 8 * g + 4, _mm_setzero_si128());
-      // Bits of a last shorter group beyond the row are ignored.
-      unsigned mask = masks[g];
-      if (8 * g + 8 > count) mask &= (1u << (count - 8 * g)) - 1;
-      if (mask) group_values(t + 8 * g, mask, context);
+    for (int first = 0; first < groups; first += 16) {
+      unsigned visit = 0;
+      if (groups - first >= 16) {
+        __m128i m = _mm_loadu_si128(reinterpret_cast<const __m128i*>(masks + first));
+        visit = ~unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(m, _mm_setzero_si128()))) & 0xffff;
+      } else {
+        for (int g = first; g < groups; g++) visit |= unsigned(masks[g] != 0) << (g - first);
+      }
+      for (; visit; visit &= visit - 1) {
+        const int g = first + __builtin_ctz(visit);
+        unsigned mask = masks[g];
+        // Bits of a last shorter group beyond the row are ignored.
+        if (8 * g + 8 > count) mask &= (1u << (count - 8 * g)) - 1;
+        if (mask) group_values(t + 8 * g, mask, context);
+      }
     }
     return uses_reference;
   }
