@@ -251,8 +251,8 @@ bool CodecUseAvx2 = cpu_has_avx2_bmi2();
 namespace {
 
 // log2((p + 1) / p) and log2(p / (p - 1)) for every count a table can give,
-// worked out once by the same expressions as before, so the choices (and the
-// bytes) stay the same.
+// worked out once by exactly the expressions that define the step costs, so
+// the table changes no choice (and no byte).
 struct StepCosts {
   double up[(1u << FSE_MAX_TABLELOG) + 1];
   double down[(1u << FSE_MAX_TABLELOG) + 1];
