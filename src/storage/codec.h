@@ -108,6 +108,10 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
                       unsigned max_symbol_value, unsigned table_log);
 // Returns the number of bytes regenerated, at most `dst_capacity`.
 int64_t FSE_decompress(void* dst, size_t dst_capacity, const void* src, size_t src_size);
+// Whether the FSE decoding loop and the inverse row transform run their
+// AVX2/BMI2 builds: set at start-up where the processor has both; tests turn
+// it off to compare with the baseline builds.
+extern bool CodecUseAvx2;
 
 // The pieces of the header, public for tests and tools.
 // Table log for a source of `src_size` bytes whose largest symbol is

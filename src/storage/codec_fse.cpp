@@ -70,17 +70,28 @@ class FseEncoder final : public RowEncoder {
   void encode(const uint32_t* t, int count, bool uses_reference) override {
     if (count > MaxRowValues) storage_fatal("row too long");
     push(0, uses_reference ? 1 : 0);
+    if (count <= 0) return;
+    // The row's masks go first, straight into channel 1's block when they fit;
+    // each channel keeps its own order, so the bytes are those of a pass that
+    // alternates masks and values.
+    const int groups = (count + 7) >> 3, full = count >> 3;
+    uint8_t spare[MaxRowValues / 8 + 1];
+    const bool in_place = BlockBytes - fill[1] >= uint32_t(groups);
+    uint8_t* masks = in_place ? staged[1] + fill[1] : spare;
+    for (int g = 0; g < full; g++) masks[g] = uint8_t(nonzero_mask8(t + 8 * g));
+    if (full < groups) {
+      unsigned mask = 0;
+      for (int j = 0; 8 * full + j < count; j++) mask |= unsigned(t[8 * full + j] != 0) << j;
+      masks[full] = uint8_t(mask);
+    }
+    if (in_place)
+      fill[1] += uint32_t(groups);
+    else
+      for (int g = 0; g < groups; g++) push(1, spare[g]);
     unsigned context = 0;
-    for (int i = 0; i < count; i += 8) {
-      unsigned mask;
-      if (count - i >= 8) {
-        mask = nonzero_mask8(t + i);
-      } else {
-        mask = 0;
-        for (int j = 0; i + j < count; j++) mask |= unsigned(t[i + j] != 0) << j;
-      }
-      for (unsigned m = mask; m; m &= m - 1) {
-        uint32_t v = t[i + __builtin_ctz(m)] - 1;
+    for (int g = 0; g < groups; g++) {
+      for (unsigned m = masks[g]; m; m &= m - 1) {
+        uint32_t v = t[8 * g + __builtin_ctz(m)] - 1;
         if (v < 255) {
           push(2 + int(context), uint8_t(v));
           context = v < 16 ? v : 15;
@@ -100,7 +111,6 @@ class FseEncoder final : public RowEncoder {
           push(23, uint8_t(v >> 24));
         }
       }
-      push(1, uint8_t(mask));
     }
   }
 
@@ -207,34 +217,67 @@ class FseDecoder final : public RowDecoder {
     end[c] = buffer[c] + source_size;
   }
 
+  // Channel 1's masks of a row's `groups` groups of eight: read in place when
+  // the current block holds them all, else gathered into `spare`.
+  const uint8_t* take_masks(int groups, uint8_t* spare) {
+    if (end[1] - cursor[1] >= groups) {
+      const uint8_t* p = cursor[1];
+      cursor[1] += groups;
+      return p;
+    }
+    for (int g = 0; g < groups; g++) spare[g] = get(1);
+    return spare;
+  }
+
+  // The transformed values of one group of eight with non-zero lanes `mask`,
+  // into t[0 .. 8), which the caller has cleared.
+  inline void group_values(uint32_t* t, unsigned mask, unsigned& context) {
+    for (; mask; mask &= mask - 1) {
+      uint32_t v = get(2 + int(context));
+      if (v != 255) {
+        context = v < 16 ? v : 15;
+      } else {
+        context = 15;
+        v = get(18);
+        v |= uint32_t(get(19)) << 8;
+        if (v == 0xffff) {
+          v = get(20);
+          v |= uint32_t(get(21)) << 8;
+          v |= uint32_t(get(22)) << 16;
+          v |= uint32_t(get(23)) << 24;
+        }
+      }
+      t[__builtin_ctz(mask)] = v + 1;
+    }
+  }
+
   // Entropy stage: fills t[0 .. count) (and up to 7 entries beyond) with the
   // transformed row and returns its uses_reference flag.
   bool decode_values(uint32_t* t, int count) {
     if (count > MaxRowValues) storage_fatal("row too long");
-    bool uses_reference = get(0) != 0;
+    const bool uses_reference = get(0) != 0;
+    if (count <= 0) return uses_reference;
+    const int groups = (count + 7) >> 3;
+    uint8_t spare[MaxRowValues / 8 + 1];
+    const uint8_t* masks = take_masks(groups, spare);
+    memset(t, 0, sizeof(uint32_t) * 8 * size_t(groups));
+    // Most groups are all zero: sixteen masks are tested at a time and only
+    // the groups with a value are visited.
     unsigned context = 0;
-    const __m128i zero = _mm_setzero_si128();
-    for (int i = 0; i < count; i += 8) {
-      unsigned mask = get(1);
-      if (count - i < 8) mask &= (1u << (count - i)) - 1;
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(t + i), zero);
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(t + i + 4), zero);
-      for (; mask; mask &= mask - 1) {
-        uint32_t v = get(2 + int(context));
-        if (v != 255) {
-          context = v < 16 ? v : 15;
-        } else {
-          context = 15;
-          v = get(18);
-          v |= uint32_t(get(19)) << 8;
-          if (v == 0xffff) {
-            v = get(20);
-            v |= uint32_t(get(21)) << 8;
-            v |= uint32_t(get(22)) << 16;
-            v |= uint32_t(get(23)) << 24;
-          }
-        }
-        t[i + __builtin_ctz(mask)] = v + 1;
+    for (int first = 0; first < groups; first += 16) {
+      unsigned visit = 0;
+      if (groups - first >= 16) {
+        __m128i m = _mm_loadu_si128(reinterpret_cast<const __m128i*>(masks + first));
+        visit = ~unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(m, _mm_setzero_si128()))) & 0xffff;
+      } else {
+        for (int g = first; g < groups; g++) visit |= unsigned(masks[g] != 0) << (g - first);
+      }
+      for (; visit; visit &= visit - 1) {
+        const int g = first + __builtin_ctz(visit);
+        unsigned mask = masks[g];
+        // Bits of a last shorter group beyond the row are ignored.
+        if (8 * g + 8 > count) mask &= (1u << (count - 8 * g)) - 1;
+        if (mask) group_values(t + 8 * g, mask, context);
       }
     }
     return uses_reference;

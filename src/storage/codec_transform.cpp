@@ -10,6 +10,11 @@
 // The AVX-512 form of the 16-bit transform (codec_transform_avx512.cpp).
 bool transform_row16_avx512(const uint16_t* row, const uint16_t* reference, int count,
                             uint32_t* out_first_order, uint32_t* out_second_order);
+// The AVX2 forms of the inverse (codec_transform_avx2.cpp).
+void untransform_row32_avx2(uint32_t* row, const uint32_t* reference, const uint32_t* transformed,
+                            int count, bool uses_reference);
+void untransform_row16_avx2(uint16_t* row, const uint16_t* reference, const uint32_t* transformed,
+                            int count, bool uses_reference);
 
 namespace {
 
@@ -139,10 +144,18 @@ bool transform_row16(const uint16_t* row, const uint16_t* reference, int count,
 
 void untransform_row32(uint32_t* row, const uint32_t* reference, const uint32_t* transformed,
                        int count, bool uses_reference) {
+  if (CodecUseAvx2) {
+    check_count(count);
+    return untransform_row32_avx2(row, reference, transformed, count, uses_reference);
+  }
   untransform_body(row, reference, transformed, count, uses_reference);
 }
 
 void untransform_row16(uint16_t* row, const uint16_t* reference, const uint32_t* transformed,
                        int count, bool uses_reference) {
+  if (CodecUseAvx2) {
+    check_count(count);
+    return untransform_row16_avx2(row, reference, transformed, count, uses_reference);
+  }
   untransform_body(row, reference, transformed, count, uses_reference);
 }

@@ -79,8 +79,10 @@ void round_trip(const std::vector<uint32_t>& wide, const std::vector<uint32_t>* 
 
 TEST(CodecTransform, RoundTrips) {
   std::mt19937 rng(7);
-  for (int avx512 = 0; avx512 < 2; avx512++) {
-    UseAvx512 = avx512 == 1;
+  const bool avx2 = CodecUseAvx2;
+  for (int form = 0; form < 4; form++) {
+    UseAvx512 = form & 1;
+    CodecUseAvx2 = avx2 && (form & 2);
     for (int n : test_lengths()) {
       for (const auto& row : adversarial_rows(n, 0xffffffffu)) {
         round_trip<uint32_t>(row, nullptr);
@@ -100,6 +102,7 @@ TEST(CodecTransform, RoundTrips) {
     }
   }
   UseAvx512 = false;
+  CodecUseAvx2 = avx2;
 }
 
 TEST(CodecTransform, Avx512FormAgrees) {

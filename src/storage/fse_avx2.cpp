@@ -1,0 +1,8 @@
+// The FSE decoding loop built with BMI2 (this file gets -mbmi2); fse.cpp calls
+// it only when the processor has it. Same symbols and results as the baseline.
+#include "storage/fse_impl.h"
+
+int64_t fse_decode_stream_bmi2(uint8_t* dst, size_t dst_capacity, const DecodeCell* table,
+                               unsigned log, const uint8_t* src, size_t src_size) {
+  return decode_stream(dst, dst_capacity, table, log, src, src_size);
+}
