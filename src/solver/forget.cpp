@@ -25,12 +25,10 @@ struct StreetEntry {
 // Subgames solved since the last forget, as (subgame root, turn cell).
 std::set<std::pair<int32_t, int32_t>> SolvedUnits;
 
-// The reach of a parent board's list on a child board (variant 0), as the
-// chance node deals it.
+// The reach of a parent board's list on a child board, as the chance node deals it.
 std::vector<float> map_down(const std::vector<float>& parent, const BoardRecord& r) {
   std::vector<float> out(r.holes.size());
-  const uint16_t* down = r.parentPosition[0].data();
-  for (size_t i = 0; i < out.size(); i++) out[i] = parent[down[i]];
+  map_to_child(r, parent.data(), out.data());
   return out;
 }
 
@@ -123,26 +121,13 @@ bool is_entry(const Node& n) {
 // Every decision of the street or below that has no stores gets them, planned
 // as a full build plans them; false when memory runs out.
 bool plan_missing_stores(Tree& t, int32_t first, int32_t end, int32_t street_from) {
-  BoardCells cells;
-  cells.root_length = int32_t(t.boards->holes.size());
-  cells.turn_lengths = t.boards->childHoleCount;
-  cells.river_lengths = t.boards->childRiverCounts;
-  const int32_t root = t.nodes[0].street;
-  const StoragePair levels{t.regret_level, t.strategy_level};
+  const BoardCells cells = board_cells(t);
   for (int32_t i = first; i < end; i++) {
     Node& node = t.nodes[size_t(i)];
     if (node.kind != NODE_DECISION || node.street < street_from || node.stores_ready) continue;
     if (!node.regretStore) {
-      StoreNode sn;
-      sn.decision = true;
-      sn.street = node.street;
-      sn.actions = int32_t(node.children.size());
-      sn.regret_store = &node.regretStore;
-      sn.strategy_store = &node.strategyStore;
-      sn.stores_ready = &node.stores_ready;
-      const StoreShape* shape = node.street == 3 && sn.actions > 0 ? t.shapes->shape(3, sn.actions) : nullptr;
       int64_t totals[4] = {0, 0, 0, 0};
-      makeNodeStores(sn, cells, shape, totals, t.average_policy != 0, root, levels, true);
+      make_stores_of_node(t, node, cells, totals);
     }
     if (!node.regretStore->materialise()) return false;
     if (node.strategyStore && !node.strategyStore->materialise()) return false;
@@ -157,12 +142,10 @@ int32_t subtree_end(const Tree& t, int32_t i) {
   return n.children.empty() ? i + 1 : subtree_end(t, n.children.back());
 }
 
-// Sums of the river strategies follow the schedule of some compression
-// levels; a subgame's own iteration count picks its place in it.
+// A subgame's own iteration count picks its place in the river-sum schedule.
 void set_iteration(Tree& t, WalkState& w, int32_t it) {
   t.iteration = it;
-  const int32_t k = it - 61;
-  w.river_average_now = t.strategy_level < 2 || (k >= 0 && (k < 7 || k % 7 == 0));
+  w.river_average_now = river_sums_due(t);
 }
 
 // Weight of the hand pairs of two reaches that share no card, on the list

@@ -673,8 +673,7 @@ static void root_context(Tree& t, const WalkState& w, TraversalContext& ctx) {
   if (!weights.empty()) memcpy(ctx.reach.data, weights.data(), weights.size() * sizeof(float));
 }
 
-// Some compression levels take river sums only on a schedule.
-static bool river_sums_due(const Tree& t) {
+bool river_sums_due(const Tree& t) {
   if (t.strategy_level < 2) return true;
   const int32_t k = t.iteration - 61;
   return k >= 0 && (k < 7 || k % 7 == 0);

@@ -136,6 +136,9 @@ void default_strategy(const Node& node, float* out);
 // iterations longer, so that thin sums right after the switch don't show.
 constexpr int32_t WalkAverageFrom = 61;
 bool averages_in_use(const Tree& tree, int32_t average_from);
+// Some compression levels add to the river sums only on a schedule of
+// iterations; whether the tree's present iteration is on it.
+bool river_sums_due(const Tree& tree);
 
 // The strategy played outside training at a decision cell: the normalised
 // average sums where the rule allows, with the current strategy for hands

@@ -72,6 +72,29 @@ int32_t automatic_compression_level() {
   return level;
 }
 
+BoardCells board_cells(const Tree& t) {
+  BoardCells cells;
+  cells.root_length = int32_t(t.boards->holes.size());
+  cells.turn_lengths = t.boards->childHoleCount;
+  cells.river_lengths = t.boards->childRiverCounts;
+  return cells;
+}
+
+void make_stores_of_node(Tree& t, Node& node, const BoardCells& cells, int64_t totals[4]) {
+  StoreNode sn;
+  sn.decision = node.kind == NODE_DECISION;
+  sn.street = node.street;
+  sn.actions = int32_t(node.children.size());
+  sn.regret_store = &node.regretStore;
+  sn.strategy_store = &node.strategyStore;
+  sn.stores_ready = &node.stores_ready;
+  const StoreShape* shape =
+      sn.decision && node.street == 3 && sn.actions > 0 ? t.shapes->shape(3, sn.actions) : nullptr;
+  const int32_t root = t.nodes.empty() ? 1 : t.nodes[0].street;
+  makeNodeStores(sn, cells, shape, totals, t.average_policy != 0, root,
+                 StoragePair{t.regret_level, t.strategy_level}, t.format >= 5);
+}
+
 void planStorage(StoragePair pair) {
   Tree& t = *ActiveTree;
   const int32_t root = t.nodes.empty() ? 1 : t.nodes[0].street;
@@ -93,27 +116,10 @@ void planStorage(StoragePair pair) {
     node.regretStore = node.strategyStore = nullptr;
     node.stores_ready = false;
   }
-  BoardCells cells;
-  cells.root_length = int32_t(t.boards->holes.size());
-  cells.turn_lengths = t.boards->childHoleCount;
-  cells.river_lengths = t.boards->childRiverCounts;
+  const BoardCells cells = board_cells(t);
   t.shapes = std::make_unique<StoreShapeTable>();
   build_store_shapes(*t.shapes, cells, t.action_max);
-
-  StoragePair levels{t.regret_level, t.strategy_level};
-  for (Node& node : t.nodes) {
-    StoreNode sn;
-    sn.decision = node.kind == NODE_DECISION;
-    sn.street = node.street;
-    sn.actions = int32_t(node.children.size());
-    sn.regret_store = &node.regretStore;
-    sn.strategy_store = &node.strategyStore;
-    sn.stores_ready = &node.stores_ready;
-    const StoreShape* shape =
-        sn.decision && node.street == 3 && sn.actions > 0 ? t.shapes->shape(3, sn.actions) : nullptr;
-    makeNodeStores(sn, cells, shape, t.store_values, t.average_policy != 0, root, levels,
-                   t.format >= 5);
-  }
+  for (Node& node : t.nodes) make_stores_of_node(t, node, cells, t.store_values);
   const int64_t w = t.average_policy != 0 ? 6 : 2;  // two bytes a regret, four a sum
   for (int i = 0; i < 4; i++) t.store_bytes[i] = t.store_values[i] * w;
   reset_storage_counters();

@@ -233,6 +233,11 @@ extern MemoryStatus (*CompressionMemoryStatus)();
 int32_t automatic_compression_level();
 // Rebuilds every store of ActiveTree for the pair; all solving work is lost.
 void planStorage(StoragePair pair);
+// The hand-list lengths the stores of a tree are shaped by.
+BoardCells board_cells(const Tree& t);
+// Makes one node's stores as the plan in force makes them, adding their value
+// counts to `totals`; forgotten streets get theirs back through it.
+void make_stores_of_node(Tree& t, Node& node, const BoardCells& cells, int64_t totals[4]);
 std::vector<int64_t> store_totals();
 
 // The range test of an isomorphic flop build; fails the command with the
