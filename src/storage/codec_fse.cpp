@@ -22,9 +22,19 @@
 #include "storage/arena.h"
 #include "storage/codec.h"
 
+// The AVX2 moves between rows and their dense non-zero values
+// (codec_fse_avx2.cpp).
+void expand_groups_avx2(uint32_t* t, const uint32_t* values, const uint8_t* masks, int groups);
+int compact_groups_avx2(uint32_t* values, const uint32_t* t, const uint8_t* masks, int groups);
+
 namespace {
 
 constexpr uint32_t BlockBytes = 65536;
+// Channel buffers carry a few bytes beyond a block, so that the value loop can
+// read the next escape bytes before it knows it needs them.
+constexpr uint32_t BufferBytes = BlockBytes + 16;
+// Where every read cursor points before its channel's first block.
+alignas(16) const uint8_t NoBytes[16] = {};
 constexpr size_t CodedBytes = FSE_compressBound(BlockBytes);
 
 [[noreturn]] void fse_failure() { storage_fatal_line("fse error\n"); }
@@ -88,33 +98,102 @@ class FseEncoder final : public RowEncoder {
       fill[1] += uint32_t(groups);
     else
       for (int g = 0; g < groups; g++) push(1, spare[g]);
+    // The values go through a dense list of the non-zero ones, so that the
+    // loop below runs once per value with no branch on where the zeros are.
+    uint32_t values[MaxRowValues + 8];
+    int n = CodecUseAvx2 ? compact_groups_avx2(values, t, masks, full) : compact_groups(values, t, masks, full);
+    for (int i = 8 * full; i < count; i++) {
+      values[n] = t[i];
+      n += t[i] != 0;
+    }
+    if (n == 0) return;
+    if (room_for(n))
+      push_values(values, n);
+    else
+      push_values_checked(values, n);
+  }
+
+ private:
+  static int compact_groups(uint32_t* values, const uint32_t* t, const uint8_t* masks, int groups) {
+    int n = 0;
+    for (int g = 0; g < groups; g++)
+      for (unsigned m = masks[g]; m; m &= m - 1) values[n++] = t[8 * g + __builtin_ctz(m)];
+    return n;
+  }
+
+  // Whether every channel a row of n values can touch, short of the four of
+  // a double escape, has room for n more bytes in its present block.
+  bool room_for(int n) const {
+    uint32_t least = BlockBytes;
+    for (int c = 2; c <= 19; c++) least = std::min(least, BlockBytes - fill[c]);
+    return int(least) >= n;
+  }
+
+  // The value loop when no block can fill up: write cursors live in
+  // registers and an escape moves the cursors of channels 18 and 19 by a
+  // flag instead of a branch. The context of a value is the previous byte of
+  // the context channels cut to 15, which an escape's 255 gives as well.
+  void push_values(const uint32_t* values, int n) {
+    uint8_t* at[16];
+    for (int c = 0; c < 16; c++) at[c] = staged[2 + c] + fill[2 + c];
+    uint8_t* low = staged[18] + fill[18];
+    uint8_t* high = staged[19] + fill[19];
     unsigned context = 0;
-    for (int g = 0; g < groups; g++) {
-      for (unsigned m = masks[g]; m; m &= m - 1) {
-        uint32_t v = t[8 * g + __builtin_ctz(m)] - 1;
-        if (v < 255) {
-          push(2 + int(context), uint8_t(v));
-          context = v < 16 ? v : 15;
-          continue;
-        }
-        push(2 + int(context), 255);
-        context = 15;
-        if (v < 65535) {
-          push(18, uint8_t(v));
-          push(19, uint8_t(v >> 8));
-        } else {
-          push(18, 255);
-          push(19, 255);
-          push(20, uint8_t(v));
-          push(21, uint8_t(v >> 8));
-          push(22, uint8_t(v >> 16));
-          push(23, uint8_t(v >> 24));
-        }
+    for (int i = 0; i < n; i++) {
+      const uint32_t v = values[i] - 1;
+      const uint32_t escape = v >= 255;
+      const uint8_t b = escape ? 255 : uint8_t(v);
+      *at[context]++ = b;
+      if (__builtin_expect(v >= 65535, 0)) {
+        fill[18] = uint32_t(low - staged[18]);
+        fill[19] = uint32_t(high - staged[19]);
+        push(18, 255);
+        push(19, 255);
+        push(20, uint8_t(v));
+        push(21, uint8_t(v >> 8));
+        push(22, uint8_t(v >> 16));
+        push(23, uint8_t(v >> 24));
+        low = staged[18] + fill[18];
+        high = staged[19] + fill[19];
+      } else {
+        *low = uint8_t(v);
+        *high = uint8_t(v >> 8);
+        low += escape;
+        high += escape;
+      }
+      context = b < 15 ? b : 15;
+    }
+    for (int c = 0; c < 16; c++) fill[2 + c] = uint32_t(at[c] - staged[2 + c]);
+    fill[18] = uint32_t(low - staged[18]);
+    fill[19] = uint32_t(high - staged[19]);
+  }
+
+  // The same bytes, one push at a time, for a row that may fill a block.
+  void push_values_checked(const uint32_t* values, int n) {
+    unsigned context = 0;
+    for (int i = 0; i < n; i++) {
+      const uint32_t v = values[i] - 1;
+      if (v < 255) {
+        push(2 + int(context), uint8_t(v));
+        context = v < 16 ? v : 15;
+        continue;
+      }
+      push(2 + int(context), 255);
+      context = 15;
+      if (v < 65535) {
+        push(18, uint8_t(v));
+        push(19, uint8_t(v >> 8));
+      } else {
+        push(18, 255);
+        push(19, 255);
+        push(20, uint8_t(v));
+        push(21, uint8_t(v >> 8));
+        push(22, uint8_t(v >> 16));
+        push(23, uint8_t(v >> 24));
       }
     }
   }
 
- private:
   ChannelSink sink;
   uint8_t* staged[CodecChannelCount] = {};
   uint32_t fill[CodecChannelCount];
@@ -153,7 +232,9 @@ class FseEncoder final : public RowEncoder {
 
 class FseDecoder final : public RowDecoder {
  public:
-  explicit FseDecoder(ChannelSource s) : source(s) {}
+  explicit FseDecoder(ChannelSource s) : source(s) {
+    for (int c = 0; c < CodecChannelCount; c++) cursor[c] = end[c] = NoBytes;
+  }
 
   ~FseDecoder() override {
     for (uint8_t* b : buffer) aligned_free_bytes(b);
@@ -180,8 +261,8 @@ class FseDecoder final : public RowDecoder {
   // Read cursor and end of each channel's current block; equal when a refill
   // is due. Pointers rather than counts, so that stores of decoded values
   // can't be taken as changing them.
-  const uint8_t* cursor[CodecChannelCount] = {};
-  const uint8_t* end[CodecChannelCount] = {};
+  const uint8_t* cursor[CodecChannelCount];
+  const uint8_t* end[CodecChannelCount];
   uint8_t* coded = nullptr;
 
   inline uint8_t get(int c) {
@@ -199,7 +280,10 @@ class FseDecoder final : public RowDecoder {
     const uint32_t source_size = get_u32(head);
     const int32_t coded_size = int32_t(get_u32(head + 4));
     if (source_size == 0 || source_size > BlockBytes) fse_failure();
-    if (!buffer[c]) buffer[c] = allocate(BlockBytes);
+    if (!buffer[c]) {
+      buffer[c] = allocate(BufferBytes);
+      memset(buffer[c] + BlockBytes, 0, BufferBytes - BlockBytes);
+    }
     if (coded_size > 1) {
       if (size_t(coded_size) > CodedBytes) fse_failure();
       if (!coded) coded = allocate(CodedBytes);
@@ -229,16 +313,25 @@ class FseDecoder final : public RowDecoder {
     return spare;
   }
 
-  // The transformed values of one group of eight with non-zero lanes `mask`,
-  // into t[0 .. 8), which the caller has cleared.
-  inline void group_values(uint32_t* t, unsigned mask, unsigned& context) {
-    for (; mask; mask &= mask - 1) {
-      uint32_t v = get(2 + int(context));
-      if (v != 255) {
-        context = v < 16 ? v : 15;
-      } else {
-        context = 15;
-        v = get(18);
+  // The row's non-zero values, in order, into values[0 .. n). One pass per
+  // value with the context chain as its only dependency: the bytes of
+  // channels 18 and 19 are read ahead and taken by a flag, and only a double
+  // escape or an exhausted block leaves the loop's straight path.
+  void decode_dense(uint32_t* values, int n) {
+    const uint8_t* low = cursor[18];
+    const uint8_t* high = cursor[19];
+    unsigned context = 0;
+    for (int i = 0; i < n; i++) {
+      const int c = 2 + int(context);
+      if (__builtin_expect(cursor[c] == end[c], 0)) refill(c);
+      const uint32_t b = *cursor[c]++;
+      context = b < 15 ? b : 15;
+      const uint32_t escape = b == 255;
+      const uint32_t wide = uint32_t(low[0]) | uint32_t(high[0]) << 8;
+      if (__builtin_expect(escape && (low == end[18] || high == end[19] || wide == 0xffff), 0)) {
+        cursor[18] = low;
+        cursor[19] = high;
+        uint32_t v = get(18);
         v |= uint32_t(get(19)) << 8;
         if (v == 0xffff) {
           v = get(20);
@@ -246,9 +339,17 @@ class FseDecoder final : public RowDecoder {
           v |= uint32_t(get(22)) << 16;
           v |= uint32_t(get(23)) << 24;
         }
+        low = cursor[18];
+        high = cursor[19];
+        values[i] = v + 1;
+        continue;
       }
-      t[__builtin_ctz(mask)] = v + 1;
+      low += escape;
+      high += escape;
+      values[i] = (escape ? wide : b) + 1;
     }
+    cursor[18] = low;
+    cursor[19] = high;
   }
 
   // Entropy stage: fills t[0 .. count) (and up to 7 entries beyond) with the
@@ -258,27 +359,27 @@ class FseDecoder final : public RowDecoder {
     const bool uses_reference = get(0) != 0;
     if (count <= 0) return uses_reference;
     const int groups = (count + 7) >> 3;
-    uint8_t spare[MaxRowValues / 8 + 1];
+    uint8_t spare[MaxRowValues / 8 + 8];
     const uint8_t* masks = take_masks(groups, spare);
-    memset(t, 0, sizeof(uint32_t) * 8 * size_t(groups));
-    // Most groups are all zero: sixteen masks are tested at a time and only
-    // the groups with a value are visited.
-    unsigned context = 0;
-    for (int first = 0; first < groups; first += 16) {
-      unsigned visit = 0;
-      if (groups - first >= 16) {
-        __m128i m = _mm_loadu_si128(reinterpret_cast<const __m128i*>(masks + first));
-        visit = ~unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(m, _mm_setzero_si128()))) & 0xffff;
-      } else {
-        for (int g = first; g < groups; g++) visit |= unsigned(masks[g] != 0) << (g - first);
+    // Bits of a last shorter group beyond the row are ignored.
+    if (8 * groups > count) {
+      if (masks != spare) {
+        memcpy(spare, masks, size_t(groups));
+        masks = spare;
       }
-      for (; visit; visit &= visit - 1) {
-        const int g = first + __builtin_ctz(visit);
-        unsigned mask = masks[g];
-        // Bits of a last shorter group beyond the row are ignored.
-        if (8 * g + 8 > count) mask &= (1u << (count - 8 * g)) - 1;
-        if (mask) group_values(t + 8 * g, mask, context);
-      }
+      spare[groups - 1] &= uint8_t((1u << (count - 8 * (groups - 1))) - 1);
+    }
+    int n = 0;
+    for (int g = 0; g < groups; g++) n += __builtin_popcount(masks[g]);
+    uint32_t values[MaxRowValues + 8];
+    decode_dense(values, n);
+    if (CodecUseAvx2) {
+      expand_groups_avx2(t, values, masks, groups);
+    } else {
+      memset(t, 0, sizeof(uint32_t) * 8 * size_t(groups));
+      const uint32_t* v = values;
+      for (int g = 0; g < groups; g++)
+        for (unsigned m = masks[g]; m; m &= m - 1) t[8 * g + __builtin_ctz(m)] = *v++;
     }
     return uses_reference;
   }
