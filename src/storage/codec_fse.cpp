@@ -326,9 +326,11 @@ class FseDecoder final : public RowDecoder {
       if (__builtin_expect(cursor[c] == end[c], 0)) refill(c);
       const uint32_t b = *cursor[c]++;
       context = b < 15 ? b : 15;
-      const uint32_t escape = b == 255;
+      // 1 for an escape (b is 255), computed so that no branch stands on it.
+      const uint32_t escape = (b + 1) >> 8;
       const uint32_t wide = uint32_t(low[0]) | uint32_t(high[0]) << 8;
-      if (__builtin_expect(escape && (low == end[18] || high == end[19] || wide == 0xffff), 0)) {
+      const uint32_t awkward = uint32_t(low == end[18]) | uint32_t(high == end[19]) | uint32_t(wide == 0xffff);
+      if (__builtin_expect(escape & awkward, 0)) {
         cursor[18] = low;
         cursor[19] = high;
         uint32_t v = get(18);
@@ -346,7 +348,8 @@ class FseDecoder final : public RowDecoder {
       }
       low += escape;
       high += escape;
-      values[i] = (escape ? wide : b) + 1;
+      const uint32_t take = 0u - escape;
+      values[i] = ((wide & take) | (b & ~take)) + 1;
     }
     cursor[18] = low;
     cursor[19] = high;
