@@ -315,44 +315,59 @@ class FseDecoder final : public RowDecoder {
 
   // The row's non-zero values, in order, into values[0 .. n). One pass per
   // value with the context chain as its only dependency: the bytes of
-  // channels 18 and 19 are read ahead and taken by a flag, and only a double
-  // escape or an exhausted block leaves the loop's straight path.
+  // channels 18 and 19 are read ahead and taken by a flag (1 for an escape,
+  // computed so that no branch stands on it). When both channels hold n more
+  // bytes in their blocks, as nearly always, their cursors move as one index
+  // and only a double escape leaves the straight path.
   void decode_dense(uint32_t* values, int n) {
+    if (end[18] - cursor[18] < n || end[19] - cursor[19] < n) return decode_dense_checked(values, n);
     const uint8_t* low = cursor[18];
     const uint8_t* high = cursor[19];
+    uint32_t escapes = 0;
     unsigned context = 0;
     for (int i = 0; i < n; i++) {
       const int c = 2 + int(context);
       if (__builtin_expect(cursor[c] == end[c], 0)) refill(c);
       const uint32_t b = *cursor[c]++;
       context = b < 15 ? b : 15;
-      // 1 for an escape (b is 255), computed so that no branch stands on it.
       const uint32_t escape = (b + 1) >> 8;
-      const uint32_t wide = uint32_t(low[0]) | uint32_t(high[0]) << 8;
-      const uint32_t awkward = uint32_t(low == end[18]) | uint32_t(high == end[19]) | uint32_t(wide == 0xffff);
-      if (__builtin_expect(escape & awkward, 0)) {
-        cursor[18] = low;
-        cursor[19] = high;
-        uint32_t v = get(18);
-        v |= uint32_t(get(19)) << 8;
-        if (v == 0xffff) {
-          v = get(20);
-          v |= uint32_t(get(21)) << 8;
-          v |= uint32_t(get(22)) << 16;
-          v |= uint32_t(get(23)) << 24;
-        }
-        low = cursor[18];
-        high = cursor[19];
-        values[i] = v + 1;
-        continue;
+      const uint32_t wide = uint32_t(low[escapes]) | uint32_t(high[escapes]) << 8;
+      if (__builtin_expect(escape & uint32_t(wide == 0xffff), 0)) {
+        cursor[18] = low + escapes + 1;
+        cursor[19] = high + escapes + 1;
+        values[i] = wide_escape() + 1;
+        return decode_dense_checked(values + i + 1, n - i - 1, context);
       }
-      low += escape;
-      high += escape;
+      escapes += escape;
       const uint32_t take = 0u - escape;
       values[i] = ((wide & take) | (b & ~take)) + 1;
     }
-    cursor[18] = low;
-    cursor[19] = high;
+    cursor[18] = low + escapes;
+    cursor[19] = high + escapes;
+  }
+
+  // The four bytes of a doubly escaped value.
+  uint32_t wide_escape() {
+    uint32_t v = get(20);
+    v |= uint32_t(get(21)) << 8;
+    v |= uint32_t(get(22)) << 16;
+    v |= uint32_t(get(23)) << 24;
+    return v;
+  }
+
+  // The same values with every channel read checked, from `context` on.
+  void decode_dense_checked(uint32_t* values, int n, unsigned context = 0) {
+    for (int i = 0; i < n; i++) {
+      const uint32_t b = get(2 + int(context));
+      context = b < 15 ? b : 15;
+      uint32_t v = b;
+      if (b == 255) {
+        v = get(18);
+        v |= uint32_t(get(19)) << 8;
+        if (v == 0xffff) v = wide_escape();
+      }
+      values[i] = v + 1;
+    }
   }
 
   // Entropy stage: fills t[0 .. count) (and up to 7 entries beyond) with the
