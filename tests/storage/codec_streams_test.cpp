@@ -214,6 +214,63 @@ TEST(FseCodecLayout, IncompressibleBlockGoesRaw) {
   EXPECT_EQ(m.data[1].size(), 8u + 128u);
 }
 
+// The channel bytes written straight from the format's rules, one value at a
+// time: the encoder's dense lists, register cursors and vector paths must give
+// the same bytes, rows that cross block ends included, and the decoder must
+// read them back on both paths.
+TEST(FseCodecLayout, MatchesTheRulesAcrossBlocksAndPaths) {
+  std::mt19937 rng(43);
+  std::vector<std::vector<uint32_t>> rows;
+  for (int k = 0; k < 900; k++) {
+    std::vector<uint32_t> t = realistic_row(rng, 1 + int(rng() % 1326), k % 2 ? 300 : 70000);
+    for (uint32_t& v : t) v = rng() % 3 == 0 ? 0 : v;
+    if (k % 50 == 0) t[rng() % t.size()] = 0x12345678;  // a double escape mid-row
+    rows.push_back(t);
+  }
+  Bytes rules[CodecChannelCount];
+  for (const auto& t : rows) {
+    rules[0].push_back(0);
+    for (size_t g = 0; g < t.size(); g += 8) {
+      uint8_t mask = 0;
+      for (size_t j = g; j < t.size() && j < g + 8; j++) mask |= uint8_t((t[j] != 0) << (j - g));
+      rules[1].push_back(mask);
+    }
+    unsigned context = 0;
+    for (uint32_t x : t) {
+      if (!x) continue;
+      const uint32_t v = x - 1;
+      rules[2 + context].push_back(uint8_t(v < 255 ? v : 255));
+      context = v < 15 ? v : 15;
+      if (v < 255) continue;
+      const bool wide = v >= 65535;
+      rules[18].push_back(wide ? 255 : uint8_t(v));
+      rules[19].push_back(wide ? 255 : uint8_t(v >> 8));
+      for (int b = 0; wide && b < 4; b++) rules[20 + b].push_back(uint8_t(v >> (8 * b)));
+    }
+  }
+  ASSERT_GT(rules[17].size(), 65536u * 2);  // several block ends inside rows
+  const bool vector_paths = CodecUseAvx2;
+  for (bool use_vectors : {false, vector_paths}) {
+    CodecUseAvx2 = use_vectors;
+    MemoryChannels m;
+    encode_transformed(m, CodecId::FseCodec, rows);
+    for (int c = 0; c < CodecChannelCount; c++) {
+      EXPECT_EQ(fse_payload(m.data[c], c == 0 ? 1 : 0), rules[c]) << "channel " << c;
+      std::vector<Block> blocks = fse_blocks(m.data[c], c == 0 ? 1 : 0);
+      for (size_t k = 0; k + 1 < blocks.size(); k++) EXPECT_EQ(blocks[k].source_size, 65536u) << c;
+    }
+    std::unique_ptr<RowDecoder> d(make_decoder(m.source()));
+    for (const auto& t : rows) {
+      std::vector<uint32_t> row(t.size()), expected(t.size());
+      uint32_t sum = 0;
+      for (size_t i = 0; i < t.size(); i++) expected[i] = sum += unzigzag32(t[i]);
+      d->decode32(row.data(), nullptr, int(t.size()));
+      ASSERT_EQ(row, expected);
+    }
+  }
+  CodecUseAvx2 = vector_paths;
+}
+
 TEST(FseCodecDeathTest, CorruptBlockEndsTheProcess) {
   std::mt19937 rng(41);
   MemoryChannels m;
