@@ -22,10 +22,14 @@
 #include "storage/arena.h"
 #include "storage/codec.h"
 
-// The AVX2 moves between rows and their dense non-zero values
-// (codec_fse_avx2.cpp).
-void expand_groups_avx2(uint32_t* t, const uint32_t* values, const uint8_t* masks, int groups);
+// AVX2 forms: the dense non-zero values of a row's whole groups
+// (codec_fse_avx2.cpp), and the inverse transform that takes a row as dense
+// values and masks (codec_transform_avx2.cpp).
 int compact_groups_avx2(uint32_t* values, const uint32_t* t, const uint8_t* masks, int groups);
+void untransform_dense32_avx2(uint32_t* row, const uint32_t* reference, const uint32_t* values,
+                              const uint8_t* masks, int count, bool uses_reference);
+void untransform_dense16_avx2(uint16_t* row, const uint16_t* reference, const uint32_t* values,
+                              const uint8_t* masks, int count, bool uses_reference);
 
 namespace {
 
@@ -241,17 +245,8 @@ class FseDecoder final : public RowDecoder {
     aligned_free_bytes(coded);
   }
 
-  void decode32(uint32_t* row, const uint32_t* reference, int count) override {
-    uint32_t t[MaxRowValues + 8];
-    bool uses_reference = decode_values(t, count);
-    untransform_row32(row, reference, t, count, uses_reference);
-  }
-
-  void decode16(uint16_t* row, const uint16_t* reference, int count) override {
-    uint32_t t[MaxRowValues + 8];
-    bool uses_reference = decode_values(t, count);
-    untransform_row16(row, reference, t, count, uses_reference);
-  }
+  void decode32(uint32_t* row, const uint32_t* reference, int count) override { decode(row, reference, count); }
+  void decode16(uint16_t* row, const uint16_t* reference, int count) override { decode(row, reference, count); }
 
   bool handles_reference() const override { return true; }
 
@@ -370,12 +365,13 @@ class FseDecoder final : public RowDecoder {
     }
   }
 
-  // Entropy stage: fills t[0 .. count) (and up to 7 entries beyond) with the
-  // transformed row and returns its uses_reference flag.
-  bool decode_values(uint32_t* t, int count) {
+  // Entropy stage, then the inverse transform. With AVX2 the dense values
+  // go into the prefix sum group by group, without a row of them between.
+  template <typename T>
+  void decode(T* row, const T* reference, int count) {
     if (count > MaxRowValues) storage_fatal("row too long");
     const bool uses_reference = get(0) != 0;
-    if (count <= 0) return uses_reference;
+    if (count <= 0) return;
     const int groups = (count + 7) >> 3;
     uint8_t spare[MaxRowValues / 8 + 8];
     const uint8_t* masks = take_masks(groups, spare);
@@ -392,14 +388,21 @@ class FseDecoder final : public RowDecoder {
     uint32_t values[MaxRowValues + 8];
     decode_dense(values, n);
     if (CodecUseAvx2) {
-      expand_groups_avx2(t, values, masks, groups);
-    } else {
-      memset(t, 0, sizeof(uint32_t) * 8 * size_t(groups));
-      const uint32_t* v = values;
-      for (int g = 0; g < groups; g++)
-        for (unsigned m = masks[g]; m; m &= m - 1) t[8 * g + __builtin_ctz(m)] = *v++;
+      if constexpr (sizeof(T) == 4)
+        untransform_dense32_avx2(row, reference, values, masks, count, uses_reference);
+      else
+        untransform_dense16_avx2(row, reference, values, masks, count, uses_reference);
+      return;
     }
-    return uses_reference;
+    uint32_t t[MaxRowValues + 8];
+    memset(t, 0, sizeof(uint32_t) * 8 * size_t(groups));
+    const uint32_t* v = values;
+    for (int g = 0; g < groups; g++)
+      for (unsigned m = masks[g]; m; m &= m - 1) t[8 * g + __builtin_ctz(m)] = *v++;
+    if constexpr (sizeof(T) == 4)
+      untransform_row32(row, reference, t, count, uses_reference);
+    else
+      untransform_row16(row, reference, t, count, uses_reference);
   }
 };
 

@@ -18,8 +18,11 @@ inline void store8(uint16_t* p, __m256i v) {
   _mm_storeu_si128(reinterpret_cast<__m128i*>(p), packed);
 }
 
-template <typename T>
-void untransform_body(T* x, const T* r, const uint32_t* t, int n, bool uses_reference) {
+// The prefix sum of the un-zigzagged values, eight a vector. `next8()` gives
+// the transformed values of the next eight entries; `tail(t, k)` writes the
+// last k (1 to 7) of them to t.
+template <typename T, typename Next, typename Tail>
+void untransform_body(T* x, const T* r, Next&& next8, Tail&& tail, int n, bool uses_reference) {
   if (n <= 0) return;
   const bool per_entry = uses_reference && r;
   const uint32_t offset = (r && !per_entry) ? uint32_t(r[0]) : 0;
@@ -30,7 +33,7 @@ void untransform_body(T* x, const T* r, const uint32_t* t, int n, bool uses_refe
   // The sums of each eight are formed apart from the running total, so the
   // chain from one eight to the next is a single add.
   for (; i + 8 <= n; i += 8) {
-    __m256i v = load8(t + i);
+    __m256i v = next8();
     v = _mm256_xor_si256(_mm256_srli_epi32(v, 1),
                          _mm256_sub_epi32(_mm256_setzero_si256(), _mm256_and_si256(v, _mm256_set1_epi32(1))));
     v = _mm256_add_epi32(v, _mm256_slli_si256(v, 4));
@@ -42,21 +45,85 @@ void untransform_body(T* x, const T* r, const uint32_t* t, int n, bool uses_refe
     carry = _mm256_add_epi32(carry, _mm256_permutevar8x32_epi32(v, last));
     store8(x + i, _mm256_add_epi32(out, per_entry ? load8(r + i) : base));
   }
+  if (i == n) return;
+  uint32_t t[8];
+  tail(t, n - i);
   uint32_t sum = uint32_t(_mm256_cvtsi256_si32(carry));
-  for (; i < n; i++) {
-    sum += unzigzag32(t[i]);
+  for (int k = 0; i < n; i++, k++) {
+    sum += unzigzag32(t[k]);
     x[i] = T(sum + (per_entry ? uint32_t(r[i]) : offset));
   }
+}
+
+template <typename T>
+void untransform_plain(T* x, const T* r, const uint32_t* t, int n, bool uses_reference) {
+  const uint32_t* p = t;
+  untransform_body(
+      x, r,
+      [&] {
+        __m256i v = load8(p);
+        p += 8;
+        return v;
+      },
+      [&](uint32_t* out, int k) {
+        for (int j = 0; j < k; j++) out[j] = p[j];
+      },
+      n, uses_reference);
+}
+
+// Lane j of a group with mask m: the index of its value among the group's
+// non-zero values (lanes outside m point anywhere).
+struct ExpandTable {
+  alignas(8) uint8_t lanes[256][8];
+  ExpandTable() {
+    for (int m = 0; m < 256; m++)
+      for (int j = 0, k = 0; j < 8; j++) {
+        lanes[m][j] = uint8_t(k & 7);
+        k += m >> j & 1;
+      }
+  }
+};
+const ExpandTable Expand;
+
+// The transformed values of group g: the next popcount(masks[g]) dense values
+// in the lanes the mask sets, zeros elsewhere.
+inline __m256i expand8(const uint32_t*& values, unsigned m) {
+  const __m256i bits = _mm256_setr_epi32(1, 2, 4, 8, 16, 32, 64, 128);
+  __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(values));
+  __m256i lanes = _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Expand.lanes[m])));
+  v = _mm256_permutevar8x32_epi32(v, lanes);
+  __m256i on = _mm256_cmpeq_epi32(_mm256_and_si256(_mm256_set1_epi32(int(m)), bits), bits);
+  values += __builtin_popcount(m);
+  return _mm256_and_si256(v, on);
+}
+
+template <typename T>
+void untransform_dense(T* x, const T* r, const uint32_t* values, const uint8_t* masks, int n,
+                       bool uses_reference) {
+  const uint8_t* m = masks;
+  untransform_body(
+      x, r, [&] { return expand8(values, *m++); },
+      [&](uint32_t* out, int) { store8(out, expand8(values, *m)); }, n, uses_reference);
 }
 
 }  // namespace
 
 void untransform_row32_avx2(uint32_t* row, const uint32_t* reference, const uint32_t* transformed,
                             int count, bool uses_reference) {
-  untransform_body(row, reference, transformed, count, uses_reference);
+  untransform_plain(row, reference, transformed, count, uses_reference);
 }
 
 void untransform_row16_avx2(uint16_t* row, const uint16_t* reference, const uint32_t* transformed,
                             int count, bool uses_reference) {
-  untransform_body(row, reference, transformed, count, uses_reference);
+  untransform_plain(row, reference, transformed, count, uses_reference);
+}
+
+void untransform_dense32_avx2(uint32_t* row, const uint32_t* reference, const uint32_t* values,
+                              const uint8_t* masks, int count, bool uses_reference) {
+  untransform_dense(row, reference, values, masks, count, uses_reference);
+}
+
+void untransform_dense16_avx2(uint16_t* row, const uint16_t* reference, const uint32_t* values,
+                              const uint8_t* masks, int count, bool uses_reference) {
+  untransform_dense(row, reference, values, masks, count, uses_reference);
 }
