@@ -269,9 +269,61 @@ class FseDecoder final : public RowDecoder {
     if (source.read(source.context, c, dst, n) != n) fse_failure();
   }
 
+  // Context channel k (channel 2 + k) is read two bytes ahead: the chain
+  // from one value to the next is then one load of a byte already fetched,
+  // not the load of a cursor and then of the byte it points at.
+  uint32_t ahead_first[16] = {}, ahead_second[16] = {};
+  int32_t ahead_count[16] = {};
+
+  // Brings channel k's bytes ahead up to two where the channel has them; a
+  // byte that is needed and missing ends the process.
+  void top_up(unsigned k) {
+    const int c = 2 + int(k);
+    while (ahead_count[k] < 2) {
+      if (cursor[c] == end[c] && !refill_if_any(c)) break;
+      const uint32_t b = *cursor[c]++;
+      (ahead_count[k] == 0 ? ahead_first[k] : ahead_second[k]) = b;
+      ahead_count[k]++;
+    }
+    if (ahead_count[k] == 0) fse_failure();
+  }
+
+  inline uint32_t take(unsigned k) {
+    if (__builtin_expect(ahead_count[k] != 2, 0)) {
+      top_up(k);
+      if (ahead_count[k] == 1) {
+        ahead_count[k] = 0;
+        return ahead_first[k];
+      }
+    }
+    const uint32_t b = ahead_first[k];
+    ahead_first[k] = ahead_second[k];
+    const int c = 2 + int(k);
+    if (__builtin_expect(cursor[c] == end[c], 0) && !refill_if_any(c)) {
+      ahead_count[k] = 1;
+      return b;
+    }
+    ahead_second[k] = *cursor[c]++;
+    return b;
+  }
+
+  // Loads the channel's next block, or says there is none.
+  bool refill_if_any(int c) {
+    uint8_t head[8];
+    const size_t got = source.read(source.context, c, head, 8);
+    if (got == 0) return false;
+    if (got != 8) fse_failure();
+    load_block(c, head);
+    return true;
+  }
+
   void refill(int c) {
     uint8_t head[8];
     read_exact(c, head, 8);
+    load_block(c, head);
+  }
+
+  void load_block(int c, const uint8_t* head) {
     const uint32_t source_size = get_u32(head);
     const int32_t coded_size = int32_t(get_u32(head + 4));
     if (source_size == 0 || source_size > BlockBytes) fse_failure();
@@ -321,9 +373,7 @@ class FseDecoder final : public RowDecoder {
     uint32_t escapes = 0;
     unsigned context = 0;
     for (int i = 0; i < n; i++) {
-      const int c = 2 + int(context);
-      if (__builtin_expect(cursor[c] == end[c], 0)) refill(c);
-      const uint32_t b = *cursor[c]++;
+      const uint32_t b = take(context);
       context = b < 15 ? b : 15;
       const uint32_t escape = (b + 1) >> 8;
       const uint32_t wide = uint32_t(low[escapes]) | uint32_t(high[escapes]) << 8;
@@ -353,7 +403,7 @@ class FseDecoder final : public RowDecoder {
   // The same values with every channel read checked, from `context` on.
   void decode_dense_checked(uint32_t* values, int n, unsigned context = 0) {
     for (int i = 0; i < n; i++) {
-      const uint32_t b = get(2 + int(context));
+      const uint32_t b = take(context);
       context = b < 15 ? b : 15;
       uint32_t v = b;
       if (b == 255) {
