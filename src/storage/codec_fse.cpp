@@ -26,6 +26,8 @@
 // (codec_fse_avx2.cpp), and the inverse transform that takes a row as dense
 // values and masks (codec_transform_avx2.cpp).
 int compact_groups_avx2(uint32_t* values, const uint32_t* t, const uint8_t* masks, int groups);
+bool split_values_avx2(const uint32_t* values, int n, uint8_t* top, uint8_t* low, uint8_t* high,
+                       uint8_t* other_context, uint8_t* other_byte, int counts[4]);
 void untransform_dense32_avx2(uint32_t* row, const uint32_t* reference, const uint32_t* values,
                               const uint8_t* masks, int count, bool uses_reference);
 void untransform_dense16_avx2(uint16_t* row, const uint16_t* reference, const uint32_t* values,
@@ -104,17 +106,20 @@ class FseEncoder final : public RowEncoder {
       for (int g = 0; g < groups; g++) push(1, spare[g]);
     // The values go through a dense list of the non-zero ones, so that the
     // loop below runs once per value with no branch on where the zeros are.
-    uint32_t values[MaxRowValues + 8];
+    // values[-1] reads as 1: the first value's context is 0.
+    uint32_t dense[MaxRowValues + 16];
+    dense[0] = 1;
+    uint32_t* values = dense + 1;
     int n = CodecUseAvx2 ? compact_groups_avx2(values, t, masks, full) : compact_groups(values, t, masks, full);
     for (int i = 8 * full; i < count; i++) {
       values[n] = t[i];
       n += t[i] != 0;
     }
     if (n == 0) return;
-    if (room_for(n))
-      push_values(values, n);
-    else
+    if (!room_for(n + 8))
       push_values_checked(values, n);
+    else if (!CodecUseAvx2 || !push_split(values, n))
+      push_values(values, n);
   }
 
  private:
@@ -170,6 +175,25 @@ class FseEncoder final : public RowEncoder {
     for (int c = 0; c < 16; c++) fill[2 + c] = uint32_t(at[c] - staged[2 + c]);
     fill[18] = uint32_t(low - staged[18]);
     fill[19] = uint32_t(high - staged[19]);
+  }
+
+  // With AVX2: the context-15 bytes and the escape bytes leave by vector
+  // stores, and only the values of other contexts go one by one. False for a
+  // row with a double escape, which then takes the scalar loop.
+  bool push_split(const uint32_t* values, int n) {
+    uint8_t other_context[MaxRowValues + 8], other_byte[MaxRowValues + 8];
+    int counts[4];
+    if (!split_values_avx2(values, n, staged[17] + fill[17], staged[18] + fill[18], staged[19] + fill[19],
+                           other_context, other_byte, counts))
+      return false;
+    fill[17] += uint32_t(counts[0]);
+    fill[18] += uint32_t(counts[1]);
+    fill[19] += uint32_t(counts[1]);
+    uint8_t* at[16];
+    for (int c = 0; c < 15; c++) at[c] = staged[2 + c] + fill[2 + c];
+    for (int k = 0; k < counts[2]; k++) *at[other_context[k]]++ = other_byte[k];
+    for (int c = 0; c < 15; c++) fill[2 + c] = uint32_t(at[c] - staged[2 + c]);
+    return true;
   }
 
   // The same bytes, one push at a time, for a row that may fill a block.
