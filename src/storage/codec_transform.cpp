@@ -10,7 +10,10 @@
 // The AVX-512 form of the 16-bit transform (codec_transform_avx512.cpp).
 bool transform_row16_avx512(const uint16_t* row, const uint16_t* reference, int count,
                             uint32_t* out_first_order, uint32_t* out_second_order);
-// The AVX2 forms of the inverse (codec_transform_avx2.cpp).
+// The AVX2 forms of the 16-bit transform and of the inverse
+// (codec_transform_avx2.cpp).
+bool transform_row16_avx2(const uint16_t* row, const uint16_t* reference, int count,
+                          uint32_t* out_first_order, uint32_t* out_second_order);
 void untransform_row32_avx2(uint32_t* row, const uint32_t* reference, const uint32_t* transformed,
                             int count, bool uses_reference);
 void untransform_row16_avx2(uint16_t* row, const uint16_t* reference, const uint32_t* transformed,
@@ -139,6 +142,7 @@ bool transform_row16(const uint16_t* row, const uint16_t* reference, int count,
   static const bool has_avx512 = cpu_has_avx512();
   if (UseAvx512 && has_avx512)
     return transform_row16_avx512(row, reference, count, out_first_order, out_second_order);
+  if (CodecUseAvx2) return transform_row16_avx2(row, reference, count, out_first_order, out_second_order);
   return transform_body(row, reference, count, out_first_order, out_second_order, true);
 }
 
