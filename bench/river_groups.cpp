@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "cards/cards.h"
 #include "shell/shell.h"
 #include "solver/solver.h"
 #include "storage/store.h"
@@ -101,7 +102,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   int rounds = argc > 2 ? atoi(argv[2]) : 3;
+  // The start-up of the binary: a loaded tree needs the card tables.
+  if (!build_rank_tables()) return 2;
   install_solver_hooks();
+  build_card_tables();
   std::ifstream in(argv[1]);
   if (!in) {
     fprintf(stderr, "can't read %s\n", argv[1]);
