@@ -136,7 +136,7 @@ struct StreamReader {
 // Codes in[0 .. src_size), src_size >= 2, into dst; `state_last` and
 // `state_prev` are the start states of the last two symbols. Returns the
 // stream's size, 0 if it didn't fit.
-inline size_t encode_stream(uint8_t* dst, size_t capacity, const EncodeTable& table,
+__attribute__((noinline)) size_t encode_stream(uint8_t* dst, size_t capacity, const EncodeTable& table,
                             const uint8_t* in, size_t src_size, uint32_t state_last,
                             uint32_t state_prev) {
   const uint16_t* state_table = table.state;
