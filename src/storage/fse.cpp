@@ -233,34 +233,42 @@ __attribute__((noinline)) void build_encode_table(EncodeTable& t, const Counts& 
 
 // Number of times the largest symbol occurs; max_symbol becomes the largest present.
 __attribute__((noinline)) uint32_t histogram(uint32_t* count, unsigned& max_symbol, const uint8_t* src, size_t size) {
-  uint32_t largest = 0;
-  max_symbol = 0;
-  // Short sources (most channel blocks) don't repay clearing and summing four
-  // tables.
-  if (size < 1024) {
-    memset(count, 0, 256 * sizeof(uint32_t));
-    for (size_t i = 0; i < size; i++) count[src[i]]++;
-    for (unsigned s = 0; s < 256; s++) {
-      if (count[s]) max_symbol = s;
-      largest = std::max(largest, count[s]);
-    }
-    return largest;
-  }
-  // Four tables break the store-to-load chains of runs of equal bytes.
-  uint32_t c[4][256] = {};
+  // Several tables break the store-to-load chains of runs of equal bytes;
+  // short sources (most channel blocks) don't repay clearing and summing more
+  // than two.
+  constexpr unsigned Tables = 4;
+  alignas(16) uint32_t c[Tables][256];
   size_t i = 0;
-  for (; i + 4 <= size; i += 4) {
-    c[0][src[i]]++;
-    c[1][src[i + 1]]++;
-    c[2][src[i + 2]]++;
-    c[3][src[i + 3]]++;
+
+  if (size < 1024) {
+    memset(c, 0, sizeof(uint32_t) * 256 * 2);
+    for (; i + 2 <= size; i += 2) {
+      c[0][src[i]]++;
+      c[1][src[i + 1]]++;
+    }
+    if (i < size) c[0][src[i]]++;
+    for (unsigned s = 0; s < 256; s++) count[s] = c[0][s] + c[1][s];
+  } else {
+    memset(c, 0, sizeof c);
+    for (; i + 8 <= size; i += 8) {
+      const uint64_t v = load_u64(src + i);
+      c[0][uint8_t(v)]++;
+      c[1][uint8_t(v >> 8)]++;
+      c[2][uint8_t(v >> 16)]++;
+      c[3][uint8_t(v >> 24)]++;
+      c[0][uint8_t(v >> 32)]++;
+      c[1][uint8_t(v >> 40)]++;
+      c[2][uint8_t(v >> 48)]++;
+      c[3][v >> 56]++;
+    }
+    for (; i < size; i++) c[0][src[i]]++;
+    for (unsigned s = 0; s < 256; s++) count[s] = c[0][s] + c[1][s] + c[2][s] + c[3][s];
   }
-  for (; i < size; i++) c[0][src[i]]++;
-  for (unsigned s = 0; s < 256; s++) {
-    count[s] = c[0][s] + c[1][s] + c[2][s] + c[3][s];
-    if (count[s]) max_symbol = s;
-    largest = std::max(largest, count[s]);
-  }
+  uint32_t largest = 0;
+  for (unsigned s = 0; s < 256; s++) largest = std::max(largest, count[s]);
+  unsigned top = 255;
+  while (top > 0 && count[top] == 0) top--;
+  max_symbol = top;
   return largest;
 }
 
