@@ -171,17 +171,16 @@ bool cpu_has_avx2_bmi2() {
   return cpu_has_avx2() && __builtin_cpu_supports("bmi2");
 }
 
-// Points a count takes in the table.
-inline unsigned points(int16_t n) { return n == -1 ? 1u : unsigned(n); }
+// Points a count takes in the table, without a branch: -1 gives 1.
+inline unsigned points(int16_t n) { return unsigned(n + ((n >> 15) & 2)); }
 
 // Checks a normalised distribution before a table is built from it.
 bool counts_fill_table(const int16_t* norm, unsigned max_symbol, unsigned table_log) {
   int total = 0;
   bool bad = false;
   for (unsigned s = 0; s <= max_symbol; s++) {
-    const int v = norm[s];
-    bad |= v < -1;
-    total += v == -1 ? 1 : v;
+    bad |= norm[s] < -1;
+    total += int(points(norm[s]));
   }
   return !bad && total == (1 << table_log);
 }
@@ -422,16 +421,16 @@ int64_t FSE_normalizeCount(int16_t* norm, unsigned table_log, const uint32_t* co
 
 // ---- Header ---------------------------------------------------------------------------
 
-int64_t FSE_writeNCount(void* dst, size_t dst_capacity, const int16_t* norm,
-                        unsigned max_symbol_value, unsigned table_log) {
-  if (table_log > FSE_MAX_TABLELOG) return fse_error(FSE_ERROR_tableLog_tooLarge);
-  if (table_log < FSE_MIN_TABLELOG) return fse_error(FSE_ERROR_GENERIC);
-  if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return fse_error(FSE_ERROR_maxSymbolValue_tooLarge);
-  if (!counts_fill_table(norm, max_symbol_value, table_log)) return fse_error(FSE_ERROR_GENERIC);
-  // With the counts checked, every field below is in range and the points run
-  // out at the last present symbol. The header is made in a local buffer,
-  // 64 bits a store, and copied out if it fits: 256 fields of at most 13 bits
-  // and their zero flags take less than 512 bytes.
+namespace {
+
+// The header of counts that fill the table (checked by the caller, or made by
+// the normalisation): every field is in range and the points run out at the
+// last present symbol.
+int64_t write_header(void* dst, size_t dst_capacity, const int16_t* norm, unsigned max_symbol_value,
+                     unsigned table_log) {
+  // The header is made in a local buffer, 64 bits a store, and copied out if
+  // it fits: 256 fields of at most 13 bits and their zero flags take less
+  // than 512 bytes.
   uint8_t header[512 + 8];
   uint8_t* out = header;
   uint64_t acc = table_log - FSE_MIN_TABLELOG;
@@ -447,38 +446,62 @@ int64_t FSE_writeNCount(void* dst, size_t dst_capacity, const int16_t* norm,
     acc >>= bytes * 8;
     count_bits &= 7;
   };
+  // Only symbols with a count take a turn: the zeros before each go out as
+  // one zero field and its repeat flags, without a branch.
+  uint64_t with_count[4] = {};
+  for (unsigned s = 0; s <= max_symbol_value; s++) with_count[s >> 6] |= uint64_t(norm[s] != 0) << (s & 63);
   int remaining = (1 << table_log) + 1;
-  unsigned s = 0;
-  while (remaining > 1) {
-    // The threshold is the largest power of two not above `remaining`.
-    const unsigned bits = highbit32(uint32_t(remaining)) + 1;
-    const int threshold = 1 << (bits - 1);
-    const int count = norm[s++];
-    const int value = count + 1;
-    const int small = 2 * threshold - 1 - remaining;
-    put(uint32_t(value + (value >= threshold ? small : 0)), bits - (value < small));
-    remaining -= count < 0 ? -count : count;
-    if (count == 0) {
-      unsigned zeros = 0;
-      while (s + zeros <= max_symbol_value && norm[s + zeros] == 0) zeros++;
-      s += zeros;
-      // Flags of 3 go out twelve at a time (24 bits of ones).
-      for (; zeros >= 36; zeros -= 36) {
-        put(0xffffff, 24);
+  unsigned next = 0;  // the first symbol not yet written
+  for (unsigned w = 0; w < 4; w++)
+    for (uint64_t b = with_count[w]; b; b &= b - 1) {
+      const unsigned s = w * 64 + unsigned(__builtin_ctzll(b));
+      // The threshold is the largest power of two not above `remaining`.
+      const unsigned bits = highbit32(uint32_t(remaining)) + 1;
+      const int threshold = 1 << (bits - 1);
+      const int small = 2 * threshold - 1 - remaining;
+      const unsigned gap = s - next;
+      if (gap > 36) {  // rare: long runs of flags of 3, twelve at a time
+        put(1, bits - (1 < small));
         flush();
+        unsigned zeros = gap - 1;
+        for (; zeros >= 36; zeros -= 36) {
+          put(0xffffff, 24);
+          flush();
+        }
+        const unsigned threes = zeros / 3;
+        put(((1u << (2 * threes)) - 1) | ((zeros - 3 * threes) << (2 * threes)), 2 * threes + 2);
+      } else {
+        // A zero field (value 1) and 2 * threes + 2 flag bits, or nothing.
+        const unsigned zeros = gap - (gap > 0);
+        const unsigned threes = zeros / 3;
+        put(gap > 0, gap > 0 ? bits - (1 < small) : 0);
+        flush();
+        put(((1u << (2 * threes)) - 1) | ((zeros - 3 * threes) << (2 * threes)), gap > 0 ? 2 * threes + 2 : 0);
       }
-      const unsigned threes = zeros / 3;
-      put((1u << (2 * threes)) - 1, 2 * threes);
       flush();
-      put(zeros - 3 * threes, 2);
+      const int count = norm[s];
+      const int value = count + 1;
+      put(uint32_t(value + (value >= threshold ? small : 0)), bits - (value < small));
+      flush();
+      remaining -= count < 0 ? -count : count;
+      next = s + 1;
     }
-    flush();
-  }
   if (count_bits > 0) *out++ = uint8_t(acc);
   const size_t size = size_t(out - header);
   if (size > dst_capacity) return fse_error(FSE_ERROR_dstSize_tooSmall);
   memcpy(dst, header, size);
   return int64_t(size);
+}
+
+}  // namespace
+
+int64_t FSE_writeNCount(void* dst, size_t dst_capacity, const int16_t* norm,
+                        unsigned max_symbol_value, unsigned table_log) {
+  if (table_log > FSE_MAX_TABLELOG) return fse_error(FSE_ERROR_tableLog_tooLarge);
+  if (table_log < FSE_MIN_TABLELOG) return fse_error(FSE_ERROR_GENERIC);
+  if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return fse_error(FSE_ERROR_maxSymbolValue_tooLarge);
+  if (!counts_fill_table(norm, max_symbol_value, table_log)) return fse_error(FSE_ERROR_GENERIC);
+  return write_header(dst, dst_capacity, norm, max_symbol_value, table_log);
 }
 
 int64_t FSE_readNCount(int16_t* norm, unsigned* max_symbol_value, unsigned* table_log,
@@ -553,7 +576,8 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
   Counts norm = {};
   int64_t r = FSE_normalizeCount(norm, log, count, src_size, max_symbol);
   if (FSE_isError(r)) return r;
-  int64_t header = FSE_writeNCount(out, dst_capacity, norm, max_symbol, log);
+  // The normalisation's counts fill the table: no need to check them again.
+  int64_t header = write_header(out, dst_capacity, norm, max_symbol, log);
   if (FSE_isError(header)) return header;
 
   // Most channel blocks are short, and many end up raw. Each coded symbol
