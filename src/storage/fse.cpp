@@ -585,10 +585,11 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
   // (table_log for one point); when the header and that bound already reach
   // the raw size, the result is 0 without building the table or coding.
   {
-    // No test on the count: an absent symbol's term is multiplied by 0.
+    // No test on the count: an absent symbol's term is multiplied by 0. One
+    // point gives log - 0 - 0 bits, without a branch.
     auto least_bits = [&](unsigned s) -> uint64_t {
-      unsigned p = points(norm[s]);
-      return p == 1 ? log : uint32_t(log - highbit32(p - 1) - 1);
+      const unsigned p = points(norm[s]);
+      return uint32_t(log - highbit32((p - 1) | 1) - (p > 1));
     };
     uint64_t bits = 2 * uint64_t(log) + 1;
     for (unsigned s = 0; s <= max_symbol; s++) bits += uint64_t(count[s]) * least_bits(s);
