@@ -262,7 +262,8 @@ int replay_blocks(const char* path, int rounds) {
       result[i] = FSE_compress(coded[i].data(), coded[i].size(), blocks[i].data(), blocks[i].size());
     const double b = now();
     for (size_t i = 0; i < blocks.size(); i++)
-      if (result[i] > 1) check += uint64_t(FSE_decompress(back.data(), back.size(), coded[i].data(), size_t(result[i])));
+      if (result[i] > 1)
+        check += uint64_t(FSE_decompress(back.data(), back.size(), coded[i].data(), size_t(result[i])));
     const double c = now();
     compress = std::min(compress, b - a);
     decompress = std::min(decompress, c - b);
@@ -276,10 +277,12 @@ int replay_blocks(const char* path, int rounds) {
       coded_blocks++;
       coded_bytes += blocks[i].size();
       FSE_decompress(back.data(), back.size(), coded[i].data(), size_t(result[i]));
-      if (memcmp(back.data(), blocks[i].data(), blocks[i].size()) != 0) printf("block %zu doesn't come back\n", i);
+      if (memcmp(back.data(), blocks[i].data(), blocks[i].size()) != 0)
+        printf("block %zu doesn't come back\n", i);
     }
   }
-  printf("%zu blocks, %zu bytes (%zu blocks, %zu bytes coded); compress %.3f ns/byte, decompress %.3f ns/coded byte;"
+  printf("%zu blocks, %zu bytes (%zu blocks, %zu bytes coded); compress %.3f ns/byte, "
+         "decompress %.3f ns/coded byte;"
          " digest %016llx (best of %d)\n",
          blocks.size(), bytes, coded_blocks, coded_bytes, compress * 1e9 / double(bytes),
          decompress * 1e9 / double(coded_bytes), static_cast<unsigned long long>(digest), rounds);

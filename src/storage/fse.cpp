@@ -141,7 +141,8 @@ void spread_symbols(uint8_t* cell_symbol, const Counts& norm, const SymbolSets& 
     const __m128i repeated = _mm_set1_epi8(char(s));
     const unsigned c = unsigned(norm[s]);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(order + n), repeated);
-    for (unsigned k = 16; k < c; k += 16) _mm_storeu_si128(reinterpret_cast<__m128i*>(order + n + k), repeated);
+    for (unsigned k = 16; k < c; k += 16)
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(order + n + k), repeated);
     n += c;
   });
   const unsigned step = (size >> 1) + (size >> 3) + 3;
@@ -188,7 +189,7 @@ bool counts_fill_table(const int16_t* norm, unsigned max_symbol, unsigned table_
 // ---- Decoding table ---------------------------------------------------------------
 
 // From counts that fill the table.
-__attribute__((noinline)) void build_decode_table(DecodeCell* table, const Counts& norm, unsigned table_log) {
+void build_decode_table(DecodeCell* table, const Counts& norm, unsigned table_log) {
   const unsigned size = 1u << table_log;
   const SymbolSets sets = symbol_sets(norm);
   uint8_t cell_symbol[1u << FSE_MAX_TABLELOG];
@@ -207,7 +208,7 @@ __attribute__((noinline)) void build_decode_table(DecodeCell* table, const Count
 
 // ---- Encoding table ---------------------------------------------------------------
 
-__attribute__((noinline)) void build_encode_table(EncodeTable& t, const Counts& norm, unsigned max_symbol,
+void build_encode_table(EncodeTable& t, const Counts& norm, unsigned max_symbol,
                         unsigned table_log) {
   const unsigned size = 1u << table_log;
   const SymbolSets sets = symbol_sets(norm);
@@ -231,14 +232,13 @@ __attribute__((noinline)) void build_encode_table(EncodeTable& t, const Counts& 
 }
 
 // Number of times the largest symbol occurs; max_symbol becomes the largest present.
-__attribute__((noinline)) uint32_t histogram(uint32_t* count, unsigned& max_symbol, const uint8_t* src, size_t size) {
+uint32_t histogram(uint32_t* count, unsigned& max_symbol, const uint8_t* src, size_t size) {
   // Several tables break the store-to-load chains of runs of equal bytes;
   // short sources (most channel blocks) don't repay clearing and summing more
   // than two.
   constexpr unsigned Tables = 4;
   alignas(16) uint32_t c[Tables][256];
   size_t i = 0;
-
   if (size < 1024) {
     memset(c, 0, sizeof(uint32_t) * 256 * 2);
     for (; i + 2 <= size; i += 2) {
@@ -476,7 +476,8 @@ int64_t write_header(void* dst, size_t dst_capacity, const int16_t* norm, unsign
         const unsigned threes = zeros / 3;
         put(gap > 0, gap > 0 ? bits - (1 < small) : 0);
         flush();
-        put(((1u << (2 * threes)) - 1) | ((zeros - 3 * threes) << (2 * threes)), gap > 0 ? 2 * threes + 2 : 0);
+        const uint32_t flags = ((1u << (2 * threes)) - 1) | ((zeros - 3 * threes) << (2 * threes));
+        put(flags, gap > 0 ? 2 * threes + 2 : 0);
       }
       flush();
       const int count = norm[s];
@@ -605,10 +606,11 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
   };
   const uint32_t state_last = start_state(in[src_size - 1]);
   const uint32_t state_prev = start_state(in[src_size - 2]);
-  size_t stream = CodecUseAvx2 ? fse_encode_stream_bmi2(out + header, dst_capacity - size_t(header), table, in,
-                                                       src_size, state_last, state_prev)
-                              : encode_stream(out + header, dst_capacity - size_t(header), table, in, src_size,
-                                              state_last, state_prev);
+  uint8_t* const stream_out = out + header;
+  const size_t room = dst_capacity - size_t(header);
+  size_t stream = CodecUseAvx2
+                      ? fse_encode_stream_bmi2(stream_out, room, table, in, src_size, state_last, state_prev)
+                      : encode_stream(stream_out, room, table, in, src_size, state_last, state_prev);
   if (stream == 0) return 0;
   size_t total = size_t(header) + stream;
   if (total >= src_size - 1) return 0;

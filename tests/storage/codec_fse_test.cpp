@@ -342,7 +342,8 @@ TEST(FseSameBytes, BlocksAndHeadersMatchTheFirstBuild) {
         Bytes damaged(out.begin(), out.begin() + r);
         damaged[size_t(r) / 2] ^= 0x24;
         back[src.size()] = 0x5c;
-        EXPECT_LE(FSE_decompress(back.data(), src.size(), damaged.data(), damaged.size()), int64_t(src.size()));
+        const int64_t r2 = FSE_decompress(back.data(), src.size(), damaged.data(), damaged.size());
+        EXPECT_LE(r2, int64_t(src.size()));
         EXPECT_EQ(back[src.size()], 0x5c);
       }
     }
