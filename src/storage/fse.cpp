@@ -225,7 +225,9 @@ void build_encode_table(EncodeTable& t, const Counts& norm, unsigned max_symbol,
   for (unsigned s = 0; s <= max_symbol; s++) {
     const unsigned p = points(norm[s]);
     // States at or above p << max_bits write max_bits, those below one fewer.
-    const unsigned max_bits = table_log - highbit32((p - 1) | 1);
+    // An absent symbol's entry is worked out as for one point (no shift out
+    // of range) and then dropped.
+    const unsigned max_bits = table_log - highbit32(p > 1 ? p - 1 : 1);
     const EncodeSymbol e = {int32_t(start[s]) - int32_t(p), (max_bits << 16) - (p << max_bits)};
     t.symbol[s] = norm[s] == 0 ? EncodeSymbol{0, 0} : e;
   }

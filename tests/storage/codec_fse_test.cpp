@@ -354,7 +354,10 @@ TEST(FseSameBytes, BlocksAndHeadersMatchTheFirstBuild) {
     size_t total = 0;
     const unsigned max_symbol = 1 + unsigned(g.next() % 255);
     for (unsigned s = 0; s <= max_symbol; s++) {
-      count[s] = g.next() % 3 == 0 ? 0 : uint32_t(g.next() % (1ull << (g.next() % 24)));
+      // One draw a statement: the order of two draws in one expression is unspecified.
+      const uint64_t present = g.next() % 3;
+      const uint64_t shift = g.next() % 24;
+      count[s] = present == 0 ? 0 : uint32_t(g.next() % (1ull << shift));
       total += count[s];
     }
     count[0]++;
@@ -373,7 +376,7 @@ TEST(FseSameBytes, BlocksAndHeadersMatchTheFirstBuild) {
   }
   CodecUseAvx2 = has_avx2;
   EXPECT_EQ(blocks, 0x37cab5ea3073ecbeull);
-  EXPECT_EQ(counts, 0xd2ab6f97959cc5eaull);
+  EXPECT_EQ(counts, 0xe7525128b2d7eecfull);
 }
 
 // ---- Fuzz -------------------------------------------------------------------------
