@@ -27,6 +27,8 @@
 // bits; ... When a read runs past the start of the stream, the other state
 // gives the last symbol. The encoder therefore starts both states on the two
 // last symbols with cells that read at least one bit.
+#include <emmintrin.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -89,57 +91,80 @@ struct BitReader {
 
 // ---- Symbol spread ----------------------------------------------------------------
 
-// Fills `cell_symbol`; false if the counts don't spread into the table exactly.
-bool spread_symbols(uint8_t* cell_symbol, const int16_t* norm, unsigned max_symbol,
+// The coder's own normalised counts always have 256 entries, zero past the
+// largest symbol, so the table builders read them whole without a bound.
+using Counts = int16_t[FSE_MAX_SYMBOL_VALUE + 1];
+
+// Symbols of count -1 and symbols with points, as bit sets: the builders walk
+// them without a branch per symbol to mispredict.
+struct SymbolSets {
+  uint64_t below_one[4];
+  uint64_t with_points[4];
+};
+
+SymbolSets symbol_sets(const Counts& norm) {
+  SymbolSets sets;
+  const __m128i minus_one = _mm_set1_epi16(-1), zero = _mm_setzero_si128();
+  for (unsigned w = 0; w < 4; w++) {
+    uint64_t below = 0, with = 0;
+    for (unsigned k = 0; k < 64; k += 16) {
+      const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(norm + w * 64 + k));
+      const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(norm + w * 64 + k + 8));
+      const __m128i eq = _mm_packs_epi16(_mm_cmpeq_epi16(a, minus_one), _mm_cmpeq_epi16(b, minus_one));
+      const __m128i gt = _mm_packs_epi16(_mm_cmpgt_epi16(a, zero), _mm_cmpgt_epi16(b, zero));
+      below |= uint64_t(uint32_t(_mm_movemask_epi8(eq))) << k;
+      with |= uint64_t(uint32_t(_mm_movemask_epi8(gt))) << k;
+    }
+    sets.below_one[w] = below;
+    sets.with_points[w] = with;
+  }
+  return sets;
+}
+
+// Calls f(symbol) for each member of a set, in order.
+template <typename F>
+inline void for_each_symbol(const uint64_t (&set)[4], F&& f) {
+  for (unsigned w = 0; w < 4; w++)
+    for (uint64_t b = set[w]; b; b &= b - 1) f(w * 64 + unsigned(__builtin_ctzll(b)));
+}
+
+// Fills `cell_symbol` from counts that fill the table exactly (checked by the
+// caller).
+void spread_symbols(uint8_t* cell_symbol, const Counts& norm, const SymbolSets& sets,
                     unsigned table_log) {
   const unsigned size = 1u << table_log, mask = size - 1;
-  int high = int(size) - 1;
-  for (unsigned s = 0; s <= max_symbol; s++)
-    if (norm[s] == -1) {
-      if (high < 0) return false;
-      cell_symbol[high--] = uint8_t(s);
-    }
-  // The symbols in order, each repeated by its count, eight bytes a store; the
-  // scatter below then has no per-symbol branch to mispredict.
-  uint8_t order[(1u << FSE_MAX_TABLELOG) + 8];
+  // The symbols in order, each repeated by its count, sixteen bytes a store;
+  // the scatter below then has no per-symbol branch to mispredict.
+  uint8_t order[(1u << FSE_MAX_TABLELOG) + 16];
   unsigned n = 0;
-  for (unsigned s = 0; s <= max_symbol; s++) {
-    int c = norm[s];
-    if (c <= 0) continue;
-    if (n + unsigned(c) > unsigned(high + 1)) return false;
-    const uint64_t repeated = 0x0101010101010101ull * s;
-    for (int k = 0; k < c; k += 8) memcpy(order + n + unsigned(k), &repeated, 8);
-    n += unsigned(c);
-  }
+  for_each_symbol(sets.with_points, [&](unsigned s) {
+    const __m128i repeated = _mm_set1_epi8(char(s));
+    const unsigned c = unsigned(norm[s]);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(order + n), repeated);
+    for (unsigned k = 16; k < c; k += 16)
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(order + n + k), repeated);
+    n += c;
+  });
   const unsigned step = (size >> 1) + (size >> 3) + 3;
   // The step is odd, so the walk meets every cell once in `size` steps. Each
   // cell's place is computed on its own, which leaves no chain from one store
   // to the next.
-  if (high == int(mask)) {
-    for (unsigned i = 0; i < n; i++) cell_symbol[(i * step) & mask] = order[i];
-    return ((n * step) & mask) == 0;
+  if (n == size) {
+    for (unsigned i = 0; i < size; i++) cell_symbol[(i * step) & mask] = order[i];
+    return;
   }
-  if (n == unsigned(high + 1)) {
-    // Cells above `high` hold the -1 symbols: their turns store into a spare
-    // byte instead, without a branch.
-    uint8_t spare;
-    order[n] = 0;
-    unsigned i = 0;
-    for (unsigned k = 0; k < size; k++) {
-      const unsigned position = (k * step) & mask;
-      const bool free_cell = int(position) <= high;
-      *(free_cell ? cell_symbol + position : &spare) = order[i];
-      i += free_cell;
-    }
-    return true;
-  }
-  unsigned position = 0;
-  for (unsigned i = 0; i < n; i++) {
+  // Symbols of count -1 take the last cells, downward. The walk skips those
+  // cells: it stores into them too (without a branch) but doesn't move on in
+  // the order, and the -1 symbols are written over them afterwards.
+  const unsigned high = n - 1;
+  unsigned i = 0;
+  for (unsigned k = 0; k < size; k++) {
+    const unsigned position = (k * step) & mask;
     cell_symbol[position] = order[i];
-    do position = (position + step) & mask;
-    while (int(position) > high);
+    i += position <= high;
   }
-  return position == 0;
+  unsigned top = size - 1;
+  for_each_symbol(sets.below_one, [&](unsigned s) { cell_symbol[top--] = uint8_t(s); });
 }
 
 bool cpu_has_avx2_bmi2() {
@@ -147,47 +172,48 @@ bool cpu_has_avx2_bmi2() {
   return cpu_has_avx2() && __builtin_cpu_supports("bmi2");
 }
 
-// Points a count takes in the table.
-inline unsigned points(int16_t n) { return n == -1 ? 1u : unsigned(n); }
+// Points a count takes in the table, without a branch: -1 gives 1.
+inline unsigned points(int16_t n) { return unsigned(n + ((n >> 15) & 2)); }
 
 // Checks a normalised distribution before a table is built from it.
 bool counts_fill_table(const int16_t* norm, unsigned max_symbol, unsigned table_log) {
-  unsigned total = 0;
+  int total = 0;
+  bool bad = false;
   for (unsigned s = 0; s <= max_symbol; s++) {
-    if (norm[s] < -1) return false;
-    total += points(norm[s]);
+    bad |= norm[s] < -1;
+    total += int(points(norm[s]));
   }
-  return total == (1u << table_log);
+  return !bad && total == (1 << table_log);
 }
 
 // ---- Decoding table ---------------------------------------------------------------
 
-bool build_decode_table(DecodeCell* table, const int16_t* norm, unsigned max_symbol,
-                        unsigned table_log) {
+// From counts that fill the table.
+void build_decode_table(DecodeCell* table, const Counts& norm, unsigned table_log) {
   const unsigned size = 1u << table_log;
-  if (!counts_fill_table(norm, max_symbol, table_log)) return false;
+  const SymbolSets sets = symbol_sets(norm);
   uint8_t cell_symbol[1u << FSE_MAX_TABLELOG];
-  if (!spread_symbols(cell_symbol, norm, max_symbol, table_log)) return false;
+  spread_symbols(cell_symbol, norm, sets, table_log);
   uint16_t next[FSE_MAX_SYMBOL_VALUE + 1];
-  for (unsigned s = 0; s <= max_symbol; s++) next[s] = uint16_t(points(norm[s]));
+  for (unsigned s = 0; s <= FSE_MAX_SYMBOL_VALUE; s++) next[s] = uint16_t(points(norm[s]));
   for (unsigned u = 0; u < size; u++) {
-    unsigned s = cell_symbol[u];
-    unsigned n = next[s]++;
-    unsigned bits = table_log - highbit32(n);
+    const unsigned s = cell_symbol[u];
+    const unsigned n = next[s]++;
+    const unsigned bits = table_log - highbit32(n);
     table[u].base = uint16_t((n << bits) - size);
     table[u].symbol = uint8_t(s);
     table[u].bits = uint8_t(bits);
   }
-  return true;
 }
 
 // ---- Encoding table ---------------------------------------------------------------
 
-void build_encode_table(EncodeTable& t, const int16_t* norm, unsigned max_symbol,
+void build_encode_table(EncodeTable& t, const Counts& norm, unsigned max_symbol,
                         unsigned table_log) {
   const unsigned size = 1u << table_log;
+  const SymbolSets sets = symbol_sets(norm);
   uint8_t cell_symbol[1u << FSE_MAX_TABLELOG];
-  spread_symbols(cell_symbol, norm, max_symbol, table_log);
+  spread_symbols(cell_symbol, norm, sets, table_log);
   unsigned start[FSE_MAX_SYMBOL_VALUE + 2];
   start[0] = 0;
   for (unsigned s = 0; s <= max_symbol; s++) start[s + 1] = start[s] + points(norm[s]);
@@ -197,48 +223,53 @@ void build_encode_table(EncodeTable& t, const int16_t* norm, unsigned max_symbol
   for (unsigned u = 0; u < size; u++) t.state[fill[cell_symbol[u]]++] = uint16_t(size + u);
   t.table_log = table_log;
   for (unsigned s = 0; s <= max_symbol; s++) {
-    unsigned p = points(norm[s]);
-    if (norm[s] == 0) {
-      t.symbol[s] = {0, 0};
-      continue;
-    }
+    const unsigned p = points(norm[s]);
     // States at or above p << max_bits write max_bits, those below one fewer.
-    unsigned max_bits = p == 1 ? table_log : table_log - highbit32(p - 1);
-    t.symbol[s].delta_bits = (max_bits << 16) - (p << max_bits);
-    t.symbol[s].find_state = int32_t(start[s]) - int32_t(p);
+    // An absent symbol's entry is worked out as for one point (no shift out
+    // of range) and then dropped.
+    const unsigned max_bits = table_log - highbit32(p > 1 ? p - 1 : 1);
+    const EncodeSymbol e = {int32_t(start[s]) - int32_t(p), (max_bits << 16) - (p << max_bits)};
+    t.symbol[s] = norm[s] == 0 ? EncodeSymbol{0, 0} : e;
   }
 }
 
 // Number of times the largest symbol occurs; max_symbol becomes the largest present.
 uint32_t histogram(uint32_t* count, unsigned& max_symbol, const uint8_t* src, size_t size) {
-  uint32_t largest = 0;
-  max_symbol = 0;
-  // Short sources (most channel blocks) don't repay clearing and summing four
-  // tables.
-  if (size < 1024) {
-    memset(count, 0, 256 * sizeof(uint32_t));
-    for (size_t i = 0; i < size; i++) count[src[i]]++;
-    for (unsigned s = 0; s < 256; s++) {
-      if (count[s]) max_symbol = s;
-      largest = std::max(largest, count[s]);
-    }
-    return largest;
-  }
-  // Four tables break the store-to-load chains of runs of equal bytes.
-  uint32_t c[4][256] = {};
+  // Several tables break the store-to-load chains of runs of equal bytes;
+  // short sources (most channel blocks) don't repay clearing and summing more
+  // than two.
+  constexpr unsigned Tables = 4;
+  alignas(16) uint32_t c[Tables][256];
   size_t i = 0;
-  for (; i + 4 <= size; i += 4) {
-    c[0][src[i]]++;
-    c[1][src[i + 1]]++;
-    c[2][src[i + 2]]++;
-    c[3][src[i + 3]]++;
+  if (size < 1024) {
+    memset(c, 0, sizeof(uint32_t) * 256 * 2);
+    for (; i + 2 <= size; i += 2) {
+      c[0][src[i]]++;
+      c[1][src[i + 1]]++;
+    }
+    if (i < size) c[0][src[i]]++;
+    for (unsigned s = 0; s < 256; s++) count[s] = c[0][s] + c[1][s];
+  } else {
+    memset(c, 0, sizeof c);
+    for (; i + 8 <= size; i += 8) {
+      const uint64_t v = load_u64(src + i);
+      c[0][uint8_t(v)]++;
+      c[1][uint8_t(v >> 8)]++;
+      c[2][uint8_t(v >> 16)]++;
+      c[3][uint8_t(v >> 24)]++;
+      c[0][uint8_t(v >> 32)]++;
+      c[1][uint8_t(v >> 40)]++;
+      c[2][uint8_t(v >> 48)]++;
+      c[3][v >> 56]++;
+    }
+    for (; i < size; i++) c[0][src[i]]++;
+    for (unsigned s = 0; s < 256; s++) count[s] = c[0][s] + c[1][s] + c[2][s] + c[3][s];
   }
-  for (; i < size; i++) c[0][src[i]]++;
-  for (unsigned s = 0; s < 256; s++) {
-    count[s] = c[0][s] + c[1][s] + c[2][s] + c[3][s];
-    if (count[s]) max_symbol = s;
-    largest = std::max(largest, count[s]);
-  }
+  uint32_t largest = 0;
+  for (unsigned s = 0; s < 256; s++) largest = std::max(largest, count[s]);
+  unsigned top = 255;
+  while (top > 0 && count[top] == 0) top--;
+  max_symbol = top;
   return largest;
 }
 
@@ -315,19 +346,27 @@ int64_t FSE_normalizeCount(int16_t* norm, unsigned table_log, const uint32_t* co
   uint64_t rest_total = total;
   for (unsigned k = 0; k < present; k++) {
     const unsigned s = present_symbols[k];
-    if (uint64_t(count[s]) * size < total) {
-      norm[s] = -1;
-      left--;
-      rest_total -= count[s];
-    }
+    const bool below = uint64_t(count[s]) * size < total;
+    norm[s] = int16_t(-int(below));
+    left -= below;
+    rest_total -= below ? count[s] : 0;
   }
+  // floor(n / d) for n = 2 c left + rest, d = 2 rest, from a double estimate
+  // that is off by at most one, then made exact: no division per symbol. Both
+  // stay below 2^46, so the estimate is well within one.
+  const uint64_t d = 2 * rest_total;
+  const double inverse = 1.0 / double(d);
   int64_t given = 0;
   for (unsigned k = 0; k < present; k++) {
     const unsigned s = present_symbols[k];
-    if (norm[s] == -1) continue;
-    uint64_t p = (uint64_t(count[s]) * uint64_t(left) * 2 + rest_total) / (2 * rest_total);
-    norm[s] = int16_t(std::max<uint64_t>(1, p));
-    given += norm[s];
+    const uint64_t n = uint64_t(count[s]) * uint64_t(left) * 2 + rest_total;
+    uint64_t p = uint64_t(double(n) * inverse);
+    p -= p * d > n;
+    p += (p + 1) * d <= n;
+    p = std::max<uint64_t>(1, p);
+    const bool below = norm[s] == -1;
+    norm[s] = below ? int16_t(-1) : int16_t(p);
+    given += below ? 0 : int64_t(p);
   }
   // Settle the rounding where it costs least: a symbol of count c at p points
   // costs c * log2(size / p) bits. `change` is the cost of the next step of
@@ -335,35 +374,129 @@ int64_t FSE_normalizeCount(int16_t* norm, unsigned table_log, const uint32_t* co
   int64_t diff = left - given;
   if (diff == 0) return int64_t(table_log);
   const int direction = diff > 0 ? 1 : -1;
-  double change[FSE_MAX_SYMBOL_VALUE + 1];
-  // Only symbols with points can move; the list keeps symbol order, so ties
-  // still go to the lowest symbol.
-  uint8_t movable[FSE_MAX_SYMBOL_VALUE + 1];
-  unsigned movable_count = 0;
   const StepCosts& costs = step_costs();
   auto cost_of_step = [&](unsigned s) {
     const int p = norm[s];
     if (p <= 0 || (direction < 0 && p == 1)) return HUGE_VAL;
     return direction > 0 ? -double(count[s]) * costs.up[p] : double(count[s]) * costs.down[p];
   };
+  // Only symbols with points can move. Each step takes the cheapest, the
+  // lowest symbol among equals: a scan of the costs in symbol order, two at a
+  // time and without a branch until the first equal to the least is found.
+  alignas(16) double change[FSE_MAX_SYMBOL_VALUE + 4];
+  uint8_t movable[FSE_MAX_SYMBOL_VALUE + 4];
+  unsigned movable_count = 0;
   for (unsigned k = 0; k < present; k++) {
     const unsigned s = present_symbols[k];
-    change[s] = cost_of_step(s);
-    if (change[s] != HUGE_VAL) movable[movable_count++] = uint8_t(s);
+    change[movable_count] = cost_of_step(s);
+    movable[movable_count] = uint8_t(s);
+    movable_count += change[movable_count] != HUGE_VAL;
   }
   if (movable_count == 0) return fse_error(FSE_ERROR_GENERIC);
+  const unsigned padded = (movable_count + 3) & ~3u;
+  for (unsigned m = movable_count; m < padded; m++) change[m] = HUGE_VAL;
   for (; diff != 0; diff -= direction) {
-    unsigned best = movable[0];
-    for (unsigned m = 1; m < movable_count; m++)
-      if (change[movable[m]] < change[best]) best = movable[m];
-    if (change[best] == HUGE_VAL) return fse_error(FSE_ERROR_GENERIC);
+    __m128d low0 = _mm_load_pd(change), low1 = _mm_load_pd(change + 2);
+    for (unsigned m = 4; m < padded; m += 4) {
+      low0 = _mm_min_pd(low0, _mm_load_pd(change + m));
+      low1 = _mm_min_pd(low1, _mm_load_pd(change + m + 2));
+    }
+    low0 = _mm_min_pd(low0, low1);
+    low0 = _mm_min_pd(low0, _mm_unpackhi_pd(low0, low0));
+    const double least = _mm_cvtsd_f64(low0);
+    if (least == HUGE_VAL) return fse_error(FSE_ERROR_GENERIC);
+    const __m128d want = _mm_set1_pd(least);
+    unsigned m = 0;
+    for (;; m += 2) {
+      const int equal = _mm_movemask_pd(_mm_cmpeq_pd(_mm_load_pd(change + m), want));
+      if (equal) {
+        m += unsigned(__builtin_ctz(unsigned(equal)));
+        break;
+      }
+    }
+    const unsigned best = movable[m];
     norm[best] = int16_t(norm[best] + direction);
-    change[best] = cost_of_step(best);
+    change[m] = cost_of_step(best);
   }
   return int64_t(table_log);
 }
 
 // ---- Header ---------------------------------------------------------------------------
+
+namespace {
+
+// The header of counts that fill the table (checked by the caller, or made by
+// the normalisation): every field is in range and the points run out at the
+// last present symbol.
+int64_t write_header(void* dst, size_t dst_capacity, const int16_t* norm, unsigned max_symbol_value,
+                     unsigned table_log) {
+  // The header is made in a local buffer, 64 bits a store, and copied out if
+  // it fits: 256 fields of at most 13 bits and their zero flags take less
+  // than 512 bytes.
+  uint8_t header[512 + 8];
+  uint8_t* out = header;
+  uint64_t acc = table_log - FSE_MIN_TABLELOG;
+  unsigned count_bits = 4;
+  auto put = [&](uint32_t value, unsigned bits) {
+    acc |= uint64_t(value) << count_bits;
+    count_bits += bits;
+  };
+  auto flush = [&] {
+    memcpy(out, &acc, 8);
+    const unsigned bytes = count_bits >> 3;
+    out += bytes;
+    acc >>= bytes * 8;
+    count_bits &= 7;
+  };
+  // Only symbols with a count take a turn: the zeros before each go out as
+  // one zero field and its repeat flags, without a branch.
+  uint64_t with_count[4] = {};
+  for (unsigned s = 0; s <= max_symbol_value; s++) with_count[s >> 6] |= uint64_t(norm[s] != 0) << (s & 63);
+  int remaining = (1 << table_log) + 1;
+  unsigned next = 0;  // the first symbol not yet written
+  for (unsigned w = 0; w < 4; w++)
+    for (uint64_t b = with_count[w]; b; b &= b - 1) {
+      const unsigned s = w * 64 + unsigned(__builtin_ctzll(b));
+      // The threshold is the largest power of two not above `remaining`.
+      const unsigned bits = highbit32(uint32_t(remaining)) + 1;
+      const int threshold = 1 << (bits - 1);
+      const int small = 2 * threshold - 1 - remaining;
+      const unsigned gap = s - next;
+      if (gap > 36) {  // rare: long runs of flags of 3, twelve at a time
+        put(1, bits - (1 < small));
+        flush();
+        unsigned zeros = gap - 1;
+        for (; zeros >= 36; zeros -= 36) {
+          put(0xffffff, 24);
+          flush();
+        }
+        const unsigned threes = zeros / 3;
+        put(((1u << (2 * threes)) - 1) | ((zeros - 3 * threes) << (2 * threes)), 2 * threes + 2);
+      } else {
+        // A zero field (value 1) and 2 * threes + 2 flag bits, or nothing.
+        const unsigned zeros = gap - (gap > 0);
+        const unsigned threes = zeros / 3;
+        put(gap > 0, gap > 0 ? bits - (1 < small) : 0);
+        flush();
+        const uint32_t flags = ((1u << (2 * threes)) - 1) | ((zeros - 3 * threes) << (2 * threes));
+        put(flags, gap > 0 ? 2 * threes + 2 : 0);
+      }
+      flush();
+      const int count = norm[s];
+      const int value = count + 1;
+      put(uint32_t(value + (value >= threshold ? small : 0)), bits - (value < small));
+      flush();
+      remaining -= count < 0 ? -count : count;
+      next = s + 1;
+    }
+  if (count_bits > 0) *out++ = uint8_t(acc);
+  const size_t size = size_t(out - header);
+  if (size > dst_capacity) return fse_error(FSE_ERROR_dstSize_tooSmall);
+  memcpy(dst, header, size);
+  return int64_t(size);
+}
+
+}  // namespace
 
 int64_t FSE_writeNCount(void* dst, size_t dst_capacity, const int16_t* norm,
                         unsigned max_symbol_value, unsigned table_log) {
@@ -371,40 +504,7 @@ int64_t FSE_writeNCount(void* dst, size_t dst_capacity, const int16_t* norm,
   if (table_log < FSE_MIN_TABLELOG) return fse_error(FSE_ERROR_GENERIC);
   if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return fse_error(FSE_ERROR_maxSymbolValue_tooLarge);
   if (!counts_fill_table(norm, max_symbol_value, table_log)) return fse_error(FSE_ERROR_GENERIC);
-  uint8_t* out = static_cast<uint8_t*>(dst);
-  BitWriter w{out, out + dst_capacity};
-  w.put(table_log - FSE_MIN_TABLELOG, 4);
-  int remaining = (1 << table_log) + 1;
-  int threshold = 1 << table_log;
-  unsigned bits = table_log + 1;
-  unsigned s = 0;
-  while (remaining > 1) {
-    if (s > max_symbol_value) return fse_error(FSE_ERROR_GENERIC);
-    int count = norm[s++];
-    int value = count + 1;
-    int small = 2 * threshold - 1 - remaining;
-    if (value < small) {
-      w.put(uint32_t(value), bits - 1);
-    } else {
-      if (value >= threshold) value += small;
-      w.put(uint32_t(value), bits);
-    }
-    remaining -= count < 0 ? -count : count;
-    if (count == 0) {
-      unsigned zeros = 0;
-      while (s + zeros <= max_symbol_value && norm[s + zeros] == 0) zeros++;
-      s += zeros;
-      for (; zeros >= 3; zeros -= 3) w.put(3, 2);
-      w.put(zeros, 2);
-    }
-    while (remaining < threshold) {
-      bits--;
-      threshold >>= 1;
-    }
-  }
-  w.finish();
-  if (w.overflow) return fse_error(FSE_ERROR_dstSize_tooSmall);
-  return int64_t(w.out - out);
+  return write_header(dst, dst_capacity, norm, max_symbol_value, table_log);
 }
 
 int64_t FSE_readNCount(int16_t* norm, unsigned* max_symbol_value, unsigned* table_log,
@@ -476,10 +576,11 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
   if (largest < (src_size >> 7)) return 0;       // flat enough not to pay
 
   unsigned log = FSE_optimalTableLog(table_log, src_size, max_symbol);
-  int16_t norm[256];
+  Counts norm = {};
   int64_t r = FSE_normalizeCount(norm, log, count, src_size, max_symbol);
   if (FSE_isError(r)) return r;
-  int64_t header = FSE_writeNCount(out, dst_capacity, norm, max_symbol, log);
+  // The normalisation's counts fill the table: no need to check them again.
+  int64_t header = write_header(out, dst_capacity, norm, max_symbol, log);
   if (FSE_isError(header)) return header;
 
   // Most channel blocks are short, and many end up raw. Each coded symbol
@@ -487,10 +588,11 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
   // (table_log for one point); when the header and that bound already reach
   // the raw size, the result is 0 without building the table or coding.
   {
-    // No test on the count: an absent symbol's term is multiplied by 0.
+    // No test on the count: an absent symbol's term is multiplied by 0. One
+    // point gives log - 0 - 0 bits, without a branch.
     auto least_bits = [&](unsigned s) -> uint64_t {
-      unsigned p = points(norm[s]);
-      return p == 1 ? log : uint32_t(log - highbit32(p - 1) - 1);
+      const unsigned p = points(norm[s]);
+      return uint32_t(log - highbit32((p - 1) | 1) - (p > 1));
     };
     uint64_t bits = 2 * uint64_t(log) + 1;
     for (unsigned s = 0; s <= max_symbol; s++) bits += uint64_t(count[s]) * least_bits(s);
@@ -506,9 +608,11 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
   };
   const uint32_t state_last = start_state(in[src_size - 1]);
   const uint32_t state_prev = start_state(in[src_size - 2]);
-  // The encoding loop stays on the baseline build: with BMI2 it measured no faster.
-  size_t stream = encode_stream(out + header, dst_capacity - size_t(header), table, in, src_size,
-                                state_last, state_prev);
+  uint8_t* const stream_out = out + header;
+  const size_t room = dst_capacity - size_t(header);
+  size_t stream = CodecUseAvx2
+                      ? fse_encode_stream_bmi2(stream_out, room, table, in, src_size, state_last, state_prev)
+                      : encode_stream(stream_out, room, table, in, src_size, state_last, state_prev);
   if (stream == 0) return 0;
   size_t total = size_t(header) + stream;
   if (total >= src_size - 1) return 0;
@@ -521,13 +625,14 @@ int64_t FSE_compress(void* dst, size_t dst_capacity, const void* src, size_t src
 
 int64_t FSE_decompress(void* dst, size_t dst_capacity, const void* src, size_t src_size) {
   const uint8_t* in = static_cast<const uint8_t*>(src);
-  int16_t norm[256];
+  Counts norm = {};
   unsigned max_symbol = FSE_MAX_SYMBOL_VALUE, log;
   int64_t header = FSE_readNCount(norm, &max_symbol, &log, in, src_size);
   if (FSE_isError(header)) return header;
   if (size_t(header) >= src_size) return fse_error(FSE_ERROR_srcSize_wrong);
+  if (!counts_fill_table(norm, max_symbol, log)) return fse_error(FSE_ERROR_corruptionDetected);
   DecodeCell table[1u << FSE_MAX_TABLELOG];
-  if (!build_decode_table(table, norm, max_symbol, log)) return fse_error(FSE_ERROR_corruptionDetected);
+  build_decode_table(table, norm, log);
 
   uint8_t* out = static_cast<uint8_t*>(dst);
   const uint8_t* stream = in + header;

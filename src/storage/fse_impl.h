@@ -143,36 +143,49 @@ inline size_t encode_stream(uint8_t* dst, size_t capacity, const EncodeTable& ta
   const EncodeSymbol* sym = table.symbol;
   const unsigned log = table.table_log;
   StreamWriter w(dst, capacity);
+  // The writer's accumulator and count stay in locals through the loop; its
+  // overflow test runs once per four symbols.
+  uint64_t acc = 0;
+  unsigned count = 0;
   auto encode = [&](uint32_t& state, uint8_t s) {
     const EncodeSymbol e = sym[s];
-    unsigned bits = (state + e.delta_bits) >> 16;
-    w.put(state, bits);
+    const unsigned bits = (state + e.delta_bits) >> 16;
+    acc |= uint64_t(state & ((1u << bits) - 1)) << count;
+    count += bits;
     state = state_table[int32_t(state >> bits) + e.find_state];
   };
-  // State 1 carries the even positions.
+  auto flush = [&] {
+    w.acc = acc;
+    w.count = count;
+    w.flush();
+    acc = w.acc;
+    count = w.count;
+  };
+  // State 1 carries the even positions. Copies, not references to the
+  // arguments: the states must live in registers.
   const size_t k = src_size - 1;
-  uint32_t& state1 = (k & 1) ? state_prev : state_last;
-  uint32_t& state2 = (k & 1) ? state_last : state_prev;
+  uint32_t state1 = (k & 1) ? state_prev : state_last;
+  uint32_t state2 = (k & 1) ? state_last : state_prev;
   size_t i = src_size - 2;  // positions [0, i) remain
   if (i & 1) {
     encode(state1, in[--i]);  // position i is even
-    w.flush();
+    flush();
   }
   // Now i is even: pairs (i-1: state 2, i-2: state 1).
-  while (i >= 4) {
+  for (; i >= 4; i -= 4) {
     encode(state2, in[i - 1]);
     encode(state1, in[i - 2]);
     encode(state2, in[i - 3]);
     encode(state1, in[i - 4]);
-    w.flush();
-    i -= 4;
+    flush();
   }
   if (i >= 2) {
     encode(state2, in[i - 1]);
     encode(state1, in[i - 2]);
-    w.flush();
-    i -= 2;
+    flush();
   }
+  w.acc = acc;
+  w.count = count;
   w.put(state2, log);
   w.put(state1, log);
   w.flush();
@@ -196,12 +209,60 @@ inline int64_t decode_stream(uint8_t* dst, size_t dst_capacity, const DecodeCell
     return c.symbol;
   };
   // Far from the start a reload leaves at least 57 bits: four symbols.
-  while (end - out >= 4 && r.reload_fast()) {
-    out[0] = step(state1);
-    out[1] = step(state2);
-    out[2] = step(state1);
-    out[3] = step(state2);
-    out += 4;
+  if (end - out >= 4 && r.reload_fast()) {
+    // The reader's fields in locals, so that they stay in registers.
+    const uint8_t* const start = r.start;
+    const uint8_t* ptr = r.ptr;
+    uint64_t container = r.container;
+    unsigned consumed = r.consumed;
+    auto fast_step = [&](uint32_t& state) {
+      const DecodeCell c = table[state];
+      state = c.base + uint32_t(((container << consumed) >> 1) >> (63 - c.bits));
+      consumed += c.bits;
+      return c.symbol;
+    };
+    if (log <= 11) {
+      // Symbols of at most 11 bits: the next group's reload is taken after the
+      // third symbol, so that its load overlaps the fourth instead of holding
+      // up the next group. From the position after three symbols a reload
+      // leaves at least 57 bits: 11 for the fourth symbol and 44 for the next
+      // group's four.
+      for (;;) {
+        const bool more = end - out >= 8 && ptr - start >= 8;
+        out[0] = fast_step(state1);
+        out[1] = fast_step(state2);
+        out[2] = fast_step(state1);
+        const uint8_t* const next = more ? ptr - (consumed >> 3) : ptr;
+        const uint64_t next_container = load_u64(next);
+        const unsigned next_consumed = consumed & 7;
+        const unsigned before = consumed;
+        out[3] = fast_step(state2);
+        out += 4;
+        if (!more) break;
+        ptr = next;
+        container = next_container;
+        consumed = next_consumed + (consumed - before);
+      }
+    } else {
+      for (;;) {
+        out[0] = fast_step(state1);
+        out[1] = fast_step(state2);
+        out[2] = fast_step(state1);
+        out[3] = fast_step(state2);
+        out += 4;
+        if (!(end - out >= 4 && ptr - start >= 8)) break;
+        ptr -= consumed >> 3;
+        consumed &= 7;
+        container = load_u64(ptr);
+      }
+    }
+    r.ptr = ptr;
+    r.container = container;
+    r.consumed = consumed;
+    // The same position with the fewest bits used before the symbol-by-symbol
+    // end: up to 62 bits may be used here, too few left for another symbol.
+    // With at most 64 used, this never reports an overflow.
+    r.reload_overflowed();
   }
   for (;;) {
     if (out == end) return fse_error(FSE_ERROR_dstSize_tooSmall);
@@ -227,3 +288,7 @@ inline int64_t decode_stream(uint8_t* dst, size_t dst_capacity, const DecodeCell
 // The decoding loop built with BMI2 (fse_avx2.cpp); only for processors that have it.
 int64_t fse_decode_stream_bmi2(uint8_t* dst, size_t dst_capacity, const DecodeCell* table,
                                unsigned log, const uint8_t* src, size_t src_size);
+// The encoding loop built with BMI2 (fse_avx2.cpp).
+size_t fse_encode_stream_bmi2(uint8_t* dst, size_t capacity, const EncodeTable& table,
+                              const uint8_t* in, size_t src_size, uint32_t state_last,
+                              uint32_t state_prev);

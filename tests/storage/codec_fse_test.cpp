@@ -268,6 +268,117 @@ TEST(FseBlock, Bmi2DecoderMatchesBaseline) {
   CodecUseAvx2 = true;
 }
 
+// ---- Same bytes ---------------------------------------------------------------------
+
+// Stored tree files hold these blocks, so the encoder's bytes must never
+// change. The digests below were taken from the first, plain build of the
+// coder over blocks made by a generator of our own (the standard
+// distributions may differ between library versions).
+struct SplitMix {
+  uint64_t x;
+  uint64_t next() {
+    uint64_t z = (x += 0x9e3779b97f4a7c15ull);
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
+    z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
+    return z ^ (z >> 31);
+  }
+};
+
+uint64_t fnv(uint64_t h, const void* p, size_t n) {
+  for (size_t i = 0; i < n; i++) h = (h ^ static_cast<const uint8_t*>(p)[i]) * 0x100000001b3ull;
+  return h;
+}
+
+// Edge and random blocks: one symbol, two, 255 and 256 present, symbols at
+// the top of the range, rare symbols below one point, 2 to 65536 bytes.
+std::vector<Bytes> digest_blocks() {
+  std::vector<Bytes> blocks;
+  SplitMix g{15};
+  const size_t sizes[] = {2, 3, 5, 17, 64, 100, 255, 256, 700, 1023, 1024, 4096, 20000, 65536};
+  for (size_t n : sizes)
+    for (int kind = 0; kind < 8; kind++) {
+      Bytes b(n);
+      const unsigned shift = unsigned(g.next() % 7);
+      for (size_t i = 0; i < n; i++) {
+        const uint64_t r = g.next();
+        switch (kind) {
+          case 0: b[i] = uint8_t(r % 97 == 0); break;                        // two symbols, one rare
+          case 1: b[i] = uint8_t(i % 255); break;                              // 255 present, flat
+          case 2: b[i] = uint8_t(r % 256 < 200 ? 0 : r >> 8); break;          // 256 present, skewed
+          case 3: b[i] = uint8_t(255 - __builtin_ctzll(r | (1ull << 40)) * 3); break;  // near 255
+          case 4: b[i] = uint8_t((r >> 8) % (1u + (r & 255) % (2u << shift))); break;
+          case 5: b[i] = i == n / 2 ? 9 : 4; break;                            // one odd byte
+          case 6: b[i] = uint8_t(__builtin_ctzll(r) + (r % 1000 == 0 ? 200 : 0)); break;
+          default: b[i] = uint8_t(r % 3 ? 0 : __builtin_popcountll(r) * 5);
+        }
+      }
+      blocks.push_back(b);
+    }
+  blocks.push_back(Bytes(300, 42));
+  // Rare symbols at the end: the decoder's last groups read the most bits.
+  for (size_t n : {size_t(700), size_t(5000), size_t(65536)}) {
+    Bytes b(n);
+    for (size_t i = 0; i < n; i++) b[i] = i + 200 < n ? uint8_t(g.next() % 2) : uint8_t(2 + (n - i) % 250);
+    blocks.push_back(b);
+  }
+  return blocks;
+}
+
+TEST(FseSameBytes, BlocksAndHeadersMatchTheFirstBuild) {
+  const bool has_avx2 = CodecUseAvx2;
+  uint64_t blocks = 0xcbf29ce484222325ull, counts = blocks;
+  Bytes out(FSE_compressBound(65536)), back(65537);
+  for (const Bytes& src : digest_blocks())
+    for (unsigned log = 5; log <= 12; log++) {
+      const int64_t r = FSE_compress2(out.data(), out.size(), src.data(), src.size(), 255, log);
+      blocks = fnv(blocks, &r, sizeof r);
+      if (r <= 1) continue;
+      blocks = fnv(blocks, out.data(), size_t(r));
+      for (bool avx2 : {false, true}) {
+        CodecUseAvx2 = avx2 && has_avx2;
+        ASSERT_EQ(FSE_decompress(back.data(), src.size(), out.data(), size_t(r)), int64_t(src.size()));
+        ASSERT_TRUE(std::equal(src.begin(), src.end(), back.begin())) << src.size() << " " << log;
+        // Damaged, it fails or stops, and never writes past its room.
+        Bytes damaged(out.begin(), out.begin() + r);
+        damaged[size_t(r) / 2] ^= 0x24;
+        back[src.size()] = 0x5c;
+        const int64_t r2 = FSE_decompress(back.data(), src.size(), damaged.data(), damaged.size());
+        EXPECT_LE(r2, int64_t(src.size()));
+        EXPECT_EQ(back[src.size()], 0x5c);
+      }
+    }
+  // Normalisation and header alone, on totals far beyond a block.
+  SplitMix g{3};
+  for (int k = 0; k < 300; k++) {
+    uint32_t count[256] = {};
+    size_t total = 0;
+    const unsigned max_symbol = 1 + unsigned(g.next() % 255);
+    for (unsigned s = 0; s <= max_symbol; s++) {
+      // One draw a statement: the order of two draws in one expression is unspecified.
+      const uint64_t present = g.next() % 3;
+      const uint64_t shift = g.next() % 24;
+      count[s] = present == 0 ? 0 : uint32_t(g.next() % (1ull << shift));
+      total += count[s];
+    }
+    count[0]++;
+    count[max_symbol]++;
+    total += 2;
+    const unsigned log = 5 + unsigned(g.next() % 8);
+    int16_t norm[256];
+    const int64_t r = FSE_normalizeCount(norm, log, count, total, max_symbol);
+    counts = fnv(counts, &r, sizeof r);
+    if (r < 0) continue;
+    counts = fnv(counts, norm, sizeof(int16_t) * (max_symbol + 1));
+    uint8_t header[512];
+    const int64_t size = FSE_writeNCount(header, sizeof header, norm, max_symbol, log);
+    ASSERT_GT(size, 0);
+    counts = fnv(counts, header, size_t(size));
+  }
+  CodecUseAvx2 = has_avx2;
+  EXPECT_EQ(blocks, 0x37cab5ea3073ecbeull);
+  EXPECT_EQ(counts, 0xe7525128b2d7eecfull);
+}
+
 // ---- Fuzz -------------------------------------------------------------------------
 
 TEST(FseFuzz, CorruptTruncatedAndGarbageInput) {
