@@ -156,12 +156,7 @@ class FseEncoder final : public RowEncoder {
       if (__builtin_expect(v >= 65535, 0)) {
         fill[18] = uint32_t(low - staged[18]);
         fill[19] = uint32_t(high - staged[19]);
-        push(18, 255);
-        push(19, 255);
-        push(20, uint8_t(v));
-        push(21, uint8_t(v >> 8));
-        push(22, uint8_t(v >> 16));
-        push(23, uint8_t(v >> 24));
+        push_double_escape(v);
         low = staged[18] + fill[18];
         high = staged[19] + fill[19];
       } else {
@@ -212,14 +207,16 @@ class FseEncoder final : public RowEncoder {
         push(18, uint8_t(v));
         push(19, uint8_t(v >> 8));
       } else {
-        push(18, 255);
-        push(19, 255);
-        push(20, uint8_t(v));
-        push(21, uint8_t(v >> 8));
-        push(22, uint8_t(v >> 16));
-        push(23, uint8_t(v >> 24));
+        push_double_escape(v);
       }
     }
+  }
+
+  // 255, 255 in channels 18 and 19, then the value's four bytes.
+  void push_double_escape(uint32_t v) {
+    push(18, 255);
+    push(19, 255);
+    for (int b = 0; b < 4; b++) push(20 + b, uint8_t(v >> (8 * b)));
   }
 
   ChannelSink sink;

@@ -6,6 +6,7 @@
 #include "core/core.h"
 #include "storage/arena.h"
 #include "storage/codec.h"
+#include "storage/codec_transform_impl.h"
 
 // The AVX-512 form of the 16-bit transform (codec_transform_avx512.cpp).
 bool transform_row16_avx512(const uint16_t* row, const uint16_t* reference, int count,
@@ -48,37 +49,18 @@ void check_count(int count) {
 // Both widths share one body; T is the stored value type.
 template <typename T>
 bool transform_body(const T* x, const T* r, int n, uint32_t* a, uint32_t* b, bool halve_first) {
-  if (n <= 0) return false;
-  if (!r) {
-    a[0] = halve_first ? uint32_t(x[0]) * 2 : zigzag32(x[0]);
-    int i = 1;
-    for (; i + 4 <= n; i += 4)
-      store4(a + i, zigzag4(_mm_sub_epi32(load4(x + i), load4(x + i - 1))));
-    for (; i < n; i++) a[i] = zigzag32(uint32_t(x[i]) - uint32_t(x[i - 1]));
-    return false;
-  }
-  a[0] = b[0] = zigzag32(uint32_t(x[0]) - uint32_t(r[0]));
-  // Entry 0 is the same in both orders, so only the rest is counted.
-  int first_nonzero = 0, second_nonzero = 0;
-  int i = 1;
-  for (; i + 4 <= n; i += 4) {
-    __m128i dx = _mm_sub_epi32(load4(x + i), load4(x + i - 1));
-    __m128i dr = _mm_sub_epi32(load4(r + i), load4(r + i - 1));
-    __m128i fa = zigzag4(dx), fb = zigzag4(_mm_sub_epi32(dx, dr));
-    store4(a + i, fa);
-    store4(b + i, fb);
-    first_nonzero += nonzero4(fa);
-    second_nonzero += nonzero4(fb);
-  }
-  for (; i < n; i++) {
-    uint32_t dx = uint32_t(x[i]) - uint32_t(x[i - 1]);
-    uint32_t dr = uint32_t(r[i]) - uint32_t(r[i - 1]);
-    a[i] = zigzag32(dx);
-    b[i] = zigzag32(dx - dr);
-    first_nonzero += a[i] != 0;
-    second_nonzero += b[i] != 0;
-  }
-  return second_nonzero < first_nonzero;
+  return transform_frame<4>(
+      x, r, n, a, b, halve_first,
+      [&](int i) { store4(a + i, zigzag4(_mm_sub_epi32(load4(x + i), load4(x + i - 1)))); },
+      [&](int i, int& first_nonzero, int& second_nonzero) {
+        __m128i dx = _mm_sub_epi32(load4(x + i), load4(x + i - 1));
+        __m128i dr = _mm_sub_epi32(load4(r + i), load4(r + i - 1));
+        __m128i fa = zigzag4(dx), fb = zigzag4(_mm_sub_epi32(dx, dr));
+        store4(a + i, fa);
+        store4(b + i, fb);
+        first_nonzero += nonzero4(fa);
+        second_nonzero += nonzero4(fb);
+      });
 }
 
 // Prefix sum of the un-zigzagged values, plus per entry either the reference

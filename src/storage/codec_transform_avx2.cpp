@@ -3,6 +3,7 @@
 #include <immintrin.h>
 
 #include "storage/codec.h"
+#include "storage/codec_transform_impl.h"
 
 namespace {
 
@@ -118,37 +119,18 @@ inline int nonzero8(__m256i v) {
 // The 16-bit row transform eight values a vector; the same results as the
 // baseline form.
 bool transform_row16_avx2(const uint16_t* x, const uint16_t* r, int n, uint32_t* a, uint32_t* b) {
-  if (n <= 0) return false;
-  auto store = [](uint32_t* p, __m256i v) { store8(p, v); };
-  if (!r) {
-    a[0] = uint32_t(x[0]) * 2;
-    int i = 1;
-    for (; i + 8 <= n; i += 8) store(a + i, zigzag8(_mm256_sub_epi32(load8(x + i), load8(x + i - 1))));
-    for (; i < n; i++) a[i] = zigzag32(uint32_t(x[i]) - uint32_t(x[i - 1]));
-    return false;
-  }
-  a[0] = b[0] = zigzag32(uint32_t(x[0]) - uint32_t(r[0]));
-  // Entry 0 is the same in both orders, so only the rest is counted.
-  int first_nonzero = 0, second_nonzero = 0;
-  int i = 1;
-  for (; i + 8 <= n; i += 8) {
-    __m256i dx = _mm256_sub_epi32(load8(x + i), load8(x + i - 1));
-    __m256i dr = _mm256_sub_epi32(load8(r + i), load8(r + i - 1));
-    __m256i fa = zigzag8(dx), fb = zigzag8(_mm256_sub_epi32(dx, dr));
-    store(a + i, fa);
-    store(b + i, fb);
-    first_nonzero += nonzero8(fa);
-    second_nonzero += nonzero8(fb);
-  }
-  for (; i < n; i++) {
-    uint32_t dx = uint32_t(x[i]) - uint32_t(x[i - 1]);
-    uint32_t dr = uint32_t(r[i]) - uint32_t(r[i - 1]);
-    a[i] = zigzag32(dx);
-    b[i] = zigzag32(dx - dr);
-    first_nonzero += a[i] != 0;
-    second_nonzero += b[i] != 0;
-  }
-  return second_nonzero < first_nonzero;
+  return transform_frame<8>(
+      x, r, n, a, b, true,
+      [&](int i) { store8(a + i, zigzag8(_mm256_sub_epi32(load8(x + i), load8(x + i - 1)))); },
+      [&](int i, int& first_nonzero, int& second_nonzero) {
+        __m256i dx = _mm256_sub_epi32(load8(x + i), load8(x + i - 1));
+        __m256i dr = _mm256_sub_epi32(load8(r + i), load8(r + i - 1));
+        __m256i fa = zigzag8(dx), fb = zigzag8(_mm256_sub_epi32(dx, dr));
+        store8(a + i, fa);
+        store8(b + i, fb);
+        first_nonzero += nonzero8(fa);
+        second_nonzero += nonzero8(fb);
+      });
 }
 
 void untransform_row32_avx2(uint32_t* row, const uint32_t* reference, const uint32_t* transformed,

@@ -3,6 +3,7 @@
 #include <immintrin.h>
 
 #include "storage/codec.h"
+#include "storage/codec_transform_impl.h"
 
 namespace {
 
@@ -20,34 +21,16 @@ inline __m512i load16(const uint16_t* p) {
 
 bool transform_row16_avx512(const uint16_t* x, const uint16_t* r, int n, uint32_t* a,
                             uint32_t* b) {
-  if (n <= 0) return false;
-  if (!r) {
-    a[0] = uint32_t(x[0]) * 2;
-    int i = 1;
-    for (; i + 16 <= n; i += 16)
-      _mm512_storeu_si512(a + i, zigzag16(_mm512_sub_epi32(load16(x + i), load16(x + i - 1))));
-    for (; i < n; i++) a[i] = zigzag32(uint32_t(x[i]) - uint32_t(x[i - 1]));
-    return false;
-  }
-  a[0] = b[0] = zigzag32(uint32_t(x[0]) - uint32_t(r[0]));
-  int first_nonzero = 0, second_nonzero = 0;
-  int i = 1;
-  for (; i + 16 <= n; i += 16) {
-    __m512i dx = _mm512_sub_epi32(load16(x + i), load16(x + i - 1));
-    __m512i dr = _mm512_sub_epi32(load16(r + i), load16(r + i - 1));
-    __m512i fa = zigzag16(dx), fb = zigzag16(_mm512_sub_epi32(dx, dr));
-    _mm512_storeu_si512(a + i, fa);
-    _mm512_storeu_si512(b + i, fb);
-    first_nonzero += __builtin_popcount(_mm512_test_epi32_mask(fa, fa));
-    second_nonzero += __builtin_popcount(_mm512_test_epi32_mask(fb, fb));
-  }
-  for (; i < n; i++) {
-    uint32_t dx = uint32_t(x[i]) - uint32_t(x[i - 1]);
-    uint32_t dr = uint32_t(r[i]) - uint32_t(r[i - 1]);
-    a[i] = zigzag32(dx);
-    b[i] = zigzag32(dx - dr);
-    first_nonzero += a[i] != 0;
-    second_nonzero += b[i] != 0;
-  }
-  return second_nonzero < first_nonzero;
+  return transform_frame<16>(
+      x, r, n, a, b, true,
+      [&](int i) { _mm512_storeu_si512(a + i, zigzag16(_mm512_sub_epi32(load16(x + i), load16(x + i - 1)))); },
+      [&](int i, int& first_nonzero, int& second_nonzero) {
+        __m512i dx = _mm512_sub_epi32(load16(x + i), load16(x + i - 1));
+        __m512i dr = _mm512_sub_epi32(load16(r + i), load16(r + i - 1));
+        __m512i fa = zigzag16(dx), fb = zigzag16(_mm512_sub_epi32(dx, dr));
+        _mm512_storeu_si512(a + i, fa);
+        _mm512_storeu_si512(b + i, fb);
+        first_nonzero += __builtin_popcount(_mm512_test_epi32_mask(fa, fa));
+        second_nonzero += __builtin_popcount(_mm512_test_epi32_mask(fb, fb));
+      });
 }
