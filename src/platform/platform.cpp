@@ -1,5 +1,6 @@
 #include "platform/platform.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cpuid.h>
 #include <cstdio>
@@ -146,6 +147,42 @@ static uint64_t status_field_kb(const char* name) {
 
 uint64_t peak_resident_bytes() { return status_field_kb("VmHWM:") * 1024; }
 uint64_t current_resident_bytes() { return status_field_kb("VmRSS:") * 1024; }
+
+ResidentFigures resident_figures() {
+  ResidentFigures r;
+  std::ifstream f("/proc/self/status");
+  std::string line;
+  auto field = [&](const char* name, uint64_t& out) {
+    size_t n = strlen(name);
+    if (line.compare(0, n, name) == 0) out = std::strtoull(line.c_str() + n, nullptr, 10) * 1024;
+  };
+  while (std::getline(f, line)) {
+    field("VmRSS:", r.resident);
+    field("VmHWM:", r.peak);
+    field("RssAnon:", r.anonymous);
+    field("RssFile:", r.file);
+    field("RssShmem:", r.shared);
+  }
+  return r;
+}
+
+uint64_t resident_bytes_in(const void* base, size_t bytes) {
+  if (!base || bytes == 0) return 0;
+  const size_t page = page_size();
+  uintptr_t first = reinterpret_cast<uintptr_t>(base) & ~(uintptr_t(page) - 1);
+  uintptr_t end = reinterpret_cast<uintptr_t>(base) + bytes;
+  size_t pages = (end - first + page - 1) / page;
+  // A few pages at a time keeps the vector small for regions of any size.
+  unsigned char marks[4096];
+  uint64_t resident = 0;
+  for (size_t done = 0; done < pages;) {
+    size_t n = std::min(pages - done, sizeof marks);
+    if (mincore(reinterpret_cast<void*>(first + done * page), n * page, marks) != 0) return resident;
+    for (size_t i = 0; i < n; i++) resident += marks[i] & 1;
+    done += n;
+  }
+  return resident * page;
+}
 
 std::vector<std::string> running_process_names() {
   std::vector<std::string> names;

@@ -423,6 +423,19 @@ void open_river_group(const RiverStoreRef* stores, size_t count, int32_t group);
 // back and the write passes are ended, without it the buffers are dropped.
 void close_river_group(const RiverStoreRef* stores, size_t count, int32_t group, bool keep);
 
+// ---- Memory of a store --------------------------------------------------------------
+
+// The bytes that hold a store's values: blocks and regions count what is in
+// physical memory (a committed page never touched is not), buffers what was
+// asked of the allocator. `scalable` is the part held from the scalable
+// allocator, `heap` the part from the C heap.
+struct StoreMemory {
+  int64_t bytes = 0;
+  int64_t scalable = 0;
+  int64_t heap = 0;
+};
+void add_store_memory(Store* store, StoreMemory& total);
+
 // ---- Making the stores of a node -------------------------------------------------------
 
 // The compression classes in force: the first number for river regrets, the
