@@ -166,6 +166,32 @@ ResidentFigures resident_figures() {
   return r;
 }
 
+uint64_t thread_stack_resident() {
+  std::ifstream f("/proc/self/smaps");
+  std::string line;
+  uint64_t total = 0;
+  uintptr_t guard_end = 0;  // end of the last one-page inaccessible mapping
+  bool in_stack = false;
+  while (std::getline(f, line)) {
+    unsigned long start = 0, end = 0;
+    char perms[8] = {};
+    unsigned long long offset = 0;
+    char dev[16] = {};
+    unsigned long inode = 1;
+    int name_at = 0;
+    if (sscanf(line.c_str(), "%lx-%lx %7s %llx %15s %lu %n", &start, &end, perms, &offset, dev, &inode, &name_at) >= 6) {
+      std::string name = name_at > 0 ? line.substr(size_t(name_at)) : std::string();
+      bool anonymous = inode == 0 && (name.empty() || name == "[stack]");
+      in_stack = anonymous && perms[0] == 'r' && perms[1] == 'w' &&
+                 (name == "[stack]" || (guard_end != 0 && start == guard_end));
+      guard_end = (perms[0] == '-' && perms[1] == '-' && end - start == page_size()) ? end : 0;
+      continue;
+    }
+    if (in_stack && line.compare(0, 4, "Rss:") == 0) total += std::strtoull(line.c_str() + 4, nullptr, 10) * 1024;
+  }
+  return total;
+}
+
 uint64_t resident_bytes_in(const void* base, size_t bytes) {
   if (!base || bytes == 0) return 0;
   const size_t page = page_size();

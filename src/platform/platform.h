@@ -47,6 +47,9 @@ struct ResidentFigures {
   uint64_t shared = 0;
 };
 ResidentFigures resident_figures();
+// Resident bytes of the stacks of all threads: the main stack and every
+// anonymous mapping that sits right above a one-page guard.
+uint64_t thread_stack_resident();
 // Bytes of [base, base + bytes) that are in physical memory; a committed page
 // that was never touched is not.
 uint64_t resident_bytes_in(const void* base, size_t bytes);

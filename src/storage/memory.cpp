@@ -344,6 +344,7 @@ std::vector<MemoryPart> memory_breakdown(int64_t& resident, int64_t& peak) {
                   std::max<int64_t>(0, a.heap_in_use - heap_named);
   parts.push_back({"other working memory", other, 0, 0});
   parts.push_back({"heap free blocks", a.heap_free, 0, 0});
+  parts.push_back({"thread stacks", int64_t(thread_stack_resident()), 0, 0});
   parts.push_back({"code and libraries", int64_t(r.file + r.shared), 0, 0});
   resident = int64_t(r.resident);
   peak = int64_t(r.peak);
