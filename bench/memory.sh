@@ -38,14 +38,16 @@ for g in $games; do
       /^maxrss / { peak = $2 / 1024 }
       /^#memory total/ { resident = $6 }
       /^#memory / && !/^#memory total/ {
+        has = 1
         v = $(NF - 1); name = $0; sub(/^#memory /, "", name); sub(/ [0-9.]+ MB$/, "", name); part[name] = v
       }
       END {
-        split("river regrets|river sums|turn and flop stores|hole sets|tree and tables|row pools|channel buffers|other working memory|heap free blocks|code and libraries", names, "|")
+        part["other"] = part["other rows"] + part["other heap objects"]
+        split("river regrets|river sums|turn and flop stores|hole sets|tree and tables|row pools|channel buffers|other|heap free blocks|code and libraries", names, "|")
         line = sprintf("%-5s %5s %6s %7.1f %7s |", game, level, it, peak, resident == "" ? "-" : resident)
         total = 0
         for (i = 1; i <= 10; i++) {
-          v = names[i] in part ? part[names[i]] : "-"
+          v = has && names[i] in part ? part[names[i]] : "-"
           line = line sprintf(" %7s", v)
           if (v != "-") total += v
         }

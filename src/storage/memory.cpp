@@ -340,9 +340,8 @@ std::vector<MemoryPart> memory_breakdown(int64_t& resident, int64_t& peak) {
   scalable_named += a.row_pool_blocks + a.channel_buffers;
   // What the allocators hold beyond the parts named: working rows, the walk's
   // lists and everything small.
-  int64_t other = std::max<int64_t>(0, a.scalable_in_use - scalable_named) +
-                  std::max<int64_t>(0, a.heap_in_use - heap_named);
-  parts.push_back({"other working memory", other, 0, 0});
+  parts.push_back({"other rows", std::max<int64_t>(0, a.scalable_in_use - scalable_named), 0, 0});
+  parts.push_back({"other heap objects", std::max<int64_t>(0, a.heap_in_use - heap_named), 0, 0});
   parts.push_back({"heap free blocks", a.heap_free, 0, 0});
   parts.push_back({"thread stacks", int64_t(thread_stack_resident()), 0, 0});
   parts.push_back({"code and libraries", int64_t(r.file + r.shared), 0, 0});
