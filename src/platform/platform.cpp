@@ -195,17 +195,34 @@ uint64_t thread_stack_resident() {
 uint64_t resident_bytes_in(const void* base, size_t bytes) {
   if (!base || bytes == 0) return 0;
   const size_t page = page_size();
-  uintptr_t first = reinterpret_cast<uintptr_t>(base) & ~(uintptr_t(page) - 1);
-  uintptr_t end = reinterpret_cast<uintptr_t>(base) + bytes;
-  size_t pages = (end - first + page - 1) / page;
-  // A few pages at a time keeps the vector small for regions of any size.
-  unsigned char marks[4096];
+  uintptr_t first = reinterpret_cast<uintptr_t>(base) / page;
+  uintptr_t last = (reinterpret_cast<uintptr_t>(base) + bytes + page - 1) / page;
+  // The page map tells a page of our own from the shared zero page that a
+  // read of untouched memory maps: only the first takes physical memory.
+  // Without it, mincore counts both.
+  static int pagemap = open("/proc/self/pagemap", O_RDONLY | O_CLOEXEC);
   uint64_t resident = 0;
-  for (size_t done = 0; done < pages;) {
-    size_t n = std::min(pages - done, sizeof marks);
-    if (mincore(reinterpret_cast<void*>(first + done * page), n * page, marks) != 0) return resident;
+  if (pagemap >= 0) {
+    uint64_t entries[512];
+    for (uintptr_t at = first; at < last;) {
+      size_t n = std::min<size_t>(last - at, 512);
+      ssize_t got = pread(pagemap, entries, n * 8, off_t(at * 8));
+      if (got <= 0) break;
+      n = size_t(got) / 8;
+      for (size_t i = 0; i < n; i++) {
+        const uint64_t present = uint64_t(1) << 63, exclusive = uint64_t(1) << 56;
+        resident += (entries[i] & (present | exclusive)) == (present | exclusive);
+      }
+      at += n;
+    }
+    return resident * page;
+  }
+  unsigned char marks[4096];
+  for (uintptr_t at = first; at < last;) {
+    size_t n = std::min<size_t>(last - at, sizeof marks);
+    if (mincore(reinterpret_cast<void*>(at * page), n * page, marks) != 0) break;
     for (size_t i = 0; i < n; i++) resident += marks[i] & 1;
-    done += n;
+    at += n;
   }
   return resident * page;
 }
