@@ -101,6 +101,9 @@ void* scalable_take(size_t bytes, size_t alignment);
 void scalable_give(void* p);
 void* scalable_regrow(void* p, size_t bytes, size_t alignment);
 void count_channel_buffer_bytes(int64_t delta);
+// Bytes the scalable allocator really gives a block of scalable_take (its size
+// class, at least what was asked).
+int64_t scalable_block_bytes(const void* p);
 
 // What the two allocators hold for the program, in bytes.
 struct AllocatorFigures {

@@ -116,6 +116,8 @@ void* scalable_regrow(void* p, size_t bytes, size_t alignment) {
   return grown;
 }
 
+int64_t scalable_block_bytes(const void* p) { return p ? int64_t(scalable_msize(const_cast<void*>(p))) : 0; }
+
 void count_channel_buffer_bytes(int64_t delta) { ChannelBufferBytes.fetch_add(delta, std::memory_order_relaxed); }
 
 AllocatorFigures allocator_figures() {

@@ -197,6 +197,9 @@ class RowStore : public Store {
   int32_t length;
   std::vector<HandVector> rows;
   CellLock lock;
+  // The rows lie in a block of the CompositeStore that owns this store: they
+  // are never freed or resized one by one.
+  bool borrowed = false;
 
   RowStore(int32_t actions, int32_t length);
   ~RowStore() override;
@@ -223,6 +226,10 @@ class RowStore : public Store {
 class CompositeStore : public Store {
  public:
   std::vector<RowStore*> parts;  // owned
+  // The rows of all parts in one block, each padded to four values: one block
+  // per node instead of a small one per row, which the allocator would round
+  // up to its next size class (up to two fifths more).
+  float* block = nullptr;
 
   CompositeStore(int32_t actions, const std::vector<int32_t>& lengths);
   ~CompositeStore() override;

@@ -256,8 +256,8 @@ static int64_t hole_set_bytes(const BoardTree& b) {
 
 static void add_hand_vector(const HandVector& v, MemoryPart& p) {
   if (!v.data || v.pooled) return;
-  p.bytes += int64_t(v.count) * 4;
-  p.scalable += int64_t(v.count) * 4;
+  p.bytes += scalable_block_bytes(v.data);
+  p.scalable += scalable_block_bytes(v.data);
 }
 
 static void add_heap_bytes(MemoryPart& p, int64_t bytes) {
