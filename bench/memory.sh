@@ -27,6 +27,7 @@ printf "%-5s %5s %6s %7s %7s | %7s %7s %7s %7s %7s %7s %7s %7s %7s %7s | %7s\n" 
   regrets sums upper holes tables pools chans other "free" "code" total
 for g in $games; do
   script="$dir/$g.txt"
+  [ -f "$script" ] || { echo "no bench game $script" >&2; exit 1; }
   if [ "$g" = flop ]; then ls="$flop_levels"; n="$flop_steps"; else ls="$levels"; n="$steps"; fi
   for level in $ls; do
     go="go"
