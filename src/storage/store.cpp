@@ -235,14 +235,14 @@ static void add_locks(const std::vector<CellLock>& locks, StoreMemory& m) {
   for (const CellLock& l : locks) add_heap(m, l.mask_length);
 }
 
-void add_store_memory(Store* store, StoreMemory& m) {
+void add_store_memory(Store* store, StoreMemory& m, bool settled) {
   if (!store) return;
   if (auto r = dynamic_cast<RowStore*>(store)) {
     for (const HandVector& row : r->rows)
       if (row.data && !row.pooled && !r->borrowed) add_scalable(m, scalable_block_bytes(row.data));
     add_heap(m, vector_bytes(r->rows) + r->lock.mask_length);
   } else if (auto c = dynamic_cast<CompositeStore*>(store)) {
-    for (RowStore* part : c->parts) add_store_memory(part, m);
+    for (RowStore* part : c->parts) add_store_memory(part, m, settled);
     add_heap(m, vector_bytes(c->parts));
     add_scalable(m, scalable_block_bytes(c->block));
   } else if (auto f = dynamic_cast<FlatStore*>(store)) {
@@ -251,13 +251,21 @@ void add_store_memory(Store* store, StoreMemory& m) {
     if (auto w = dynamic_cast<Word16FlatStore*>(store)) add_heap(m, vector_bytes(w->cell_factors));
   } else if (auto w = dynamic_cast<WideningStore*>(store)) {
     for (size_t g = 0; g < w->data.size(); g++) {
-      add_scalable(m, scalable_block_bytes(w->data[g]));
+      int64_t span = w->shape->group_spans[g].span;
+      if (settled)
+        add_scalable(m, scalable_block_bytes(w->data[g]));
+      else if (w->data[g])
+        add_scalable(m, w->wide[g] ? span * 3 + 11 : span * 2 + 16);
     }
     add_heap(m, vector_bytes(w->data) + vector_bytes(w->wide) + vector_bytes(w->peaks));
     add_locks(w->locks, m);
   } else if (auto p = dynamic_cast<PackedStore*>(store)) {
     for (size_t g = 0; g < p->buffers.size(); g++) {
-      add_scalable(m, scalable_block_bytes(p->buffers[g]));
+      void* buffer = p->buffers[g];
+      if (settled)
+        add_scalable(m, scalable_block_bytes(buffer));
+      else if (buffer)
+        add_scalable(m, int64_t(p->shape->group_spans[g].span) * p->bytes_per_value());
       if (p->arenas[g]) {
         m.bytes += region_bytes(p->arenas[g]);
         add_heap(m, p->level == 1 ? int64_t(sizeof(PackedArena)) : int64_t(sizeof(EntropyArena)));

@@ -435,13 +435,15 @@ void close_river_group(const RiverStoreRef* stores, size_t count, int32_t group,
 // The bytes that hold a store's values: blocks and regions count what is in
 // physical memory (a committed page never touched is not), buffers what was
 // asked of the allocator. `scalable` is the part held from the scalable
-// allocator, `heap` the part from the C heap.
+// allocator, `heap` the part from the C heap. While the solver runs, groups
+// open and close under the caller: `settled` false counts their buffers by
+// size instead of asking the allocator about blocks that may be gone.
 struct StoreMemory {
   int64_t bytes = 0;
   int64_t scalable = 0;
   int64_t heap = 0;
 };
-void add_store_memory(Store* store, StoreMemory& total);
+void add_store_memory(Store* store, StoreMemory& total, bool settled);
 
 // ---- Making the stores of a node -------------------------------------------------------
 

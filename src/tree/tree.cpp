@@ -254,10 +254,11 @@ static int64_t hole_set_bytes(const BoardTree& b) {
   return n;
 }
 
-static void add_hand_vector(const HandVector& v, MemoryPart& p) {
+static void add_hand_vector(const HandVector& v, MemoryPart& p, bool settled) {
   if (!v.data || v.pooled) return;
-  p.bytes += scalable_block_bytes(v.data);
-  p.scalable += scalable_block_bytes(v.data);
+  int64_t bytes = settled ? scalable_block_bytes(v.data) : int64_t(v.count) * 4;
+  p.bytes += bytes;
+  p.scalable += bytes;
 }
 
 static void add_heap_bytes(MemoryPart& p, int64_t bytes) {
@@ -267,7 +268,7 @@ static void add_heap_bytes(MemoryPart& p, int64_t bytes) {
 
 static MemoryPart as_part(const char* name, const StoreMemory& m) { return {name, m.bytes, m.scalable, m.heap}; }
 
-std::vector<MemoryPart> tree_memory_parts() {
+std::vector<MemoryPart> tree_memory_parts(bool settled) {
   std::vector<MemoryPart> parts;
   const Tree* t = ActiveTree;
   if (!t) return parts;
@@ -277,19 +278,19 @@ std::vector<MemoryPart> tree_memory_parts() {
   for (const Node& n : t->nodes) {
     add_heap_bytes(tables, capacity_bytes(n.children));
     if (n.street == 3) {
-      add_store_memory(n.regretStore, regrets);
-      add_store_memory(n.strategyStore, sums);
+      add_store_memory(n.regretStore, regrets, settled);
+      add_store_memory(n.strategyStore, sums, settled);
     } else {
-      add_store_memory(n.regretStore, upper);
-      add_store_memory(n.strategyStore, upper);
+      add_store_memory(n.regretStore, upper, settled);
+      add_store_memory(n.strategyStore, upper, settled);
     }
     if (n.turn_locks) add_heap_bytes(tables, int64_t(sizeof(std::mutex)) * TurnCardSlots);
     for (int32_t k = 0; k < n.street_record_count; k++) {
       const SubgameResults& r = n.street_records[k];
       for (int p = 0; p < 2; p++) {
-        add_hand_vector(r.reach[p], tables);
-        add_hand_vector(r.value[p], tables);
-        add_hand_vector(r.br_value[p], tables);
+        add_hand_vector(r.reach[p], tables, settled);
+        add_hand_vector(r.value[p], tables, settled);
+        add_hand_vector(r.br_value[p], tables, settled);
       }
     }
     if (n.street_records) add_heap_bytes(tables, int64_t(sizeof(SubgameResults)) * n.street_record_count);
