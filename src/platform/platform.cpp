@@ -1,5 +1,6 @@
 #include "platform/platform.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cpuid.h>
 #include <cstdio>
@@ -146,6 +147,85 @@ static uint64_t status_field_kb(const char* name) {
 
 uint64_t peak_resident_bytes() { return status_field_kb("VmHWM:") * 1024; }
 uint64_t current_resident_bytes() { return status_field_kb("VmRSS:") * 1024; }
+
+ResidentFigures resident_figures() {
+  ResidentFigures r;
+  std::ifstream f("/proc/self/status");
+  std::string line;
+  auto field = [&](const char* name, uint64_t& out) {
+    size_t n = strlen(name);
+    if (line.compare(0, n, name) == 0) out = std::strtoull(line.c_str() + n, nullptr, 10) * 1024;
+  };
+  while (std::getline(f, line)) {
+    field("VmRSS:", r.resident);
+    field("VmHWM:", r.peak);
+    field("RssAnon:", r.anonymous);
+    field("RssFile:", r.file);
+    field("RssShmem:", r.shared);
+  }
+  return r;
+}
+
+uint64_t thread_stack_resident() {
+  std::ifstream f("/proc/self/smaps");
+  std::string line;
+  uint64_t total = 0;
+  uintptr_t guard_end = 0;  // end of the last one-page inaccessible mapping
+  bool in_stack = false;
+  while (std::getline(f, line)) {
+    unsigned long start = 0, end = 0;
+    char perms[8] = {};
+    unsigned long long offset = 0;
+    char dev[16] = {};
+    unsigned long inode = 1;
+    int name_at = 0;
+    if (sscanf(line.c_str(), "%lx-%lx %7s %llx %15s %lu %n", &start, &end, perms, &offset, dev, &inode, &name_at) >= 6) {
+      std::string name = name_at > 0 ? line.substr(size_t(name_at)) : std::string();
+      bool anonymous = inode == 0 && (name.empty() || name == "[stack]");
+      in_stack = anonymous && perms[0] == 'r' && perms[1] == 'w' &&
+                 (name == "[stack]" || (guard_end != 0 && start == guard_end));
+      guard_end = (perms[0] == '-' && perms[1] == '-' && end - start == page_size()) ? end : 0;
+      continue;
+    }
+    if (in_stack && line.compare(0, 4, "Rss:") == 0) total += std::strtoull(line.c_str() + 4, nullptr, 10) * 1024;
+  }
+  return total;
+}
+
+uint64_t resident_bytes_in(const void* base, size_t bytes) {
+  if (!base || bytes == 0) return 0;
+  const size_t page = page_size();
+  uintptr_t first = reinterpret_cast<uintptr_t>(base) / page;
+  uintptr_t last = (reinterpret_cast<uintptr_t>(base) + bytes + page - 1) / page;
+  // The page map tells a page of our own from the shared zero page that a
+  // read of untouched memory maps: only the first takes physical memory.
+  // Without it, mincore counts both.
+  static int pagemap = open("/proc/self/pagemap", O_RDONLY | O_CLOEXEC);
+  uint64_t resident = 0;
+  if (pagemap >= 0) {
+    uint64_t entries[512];
+    for (uintptr_t at = first; at < last;) {
+      size_t n = std::min<size_t>(last - at, 512);
+      ssize_t got = pread(pagemap, entries, n * 8, off_t(at * 8));
+      if (got <= 0) break;
+      n = size_t(got) / 8;
+      for (size_t i = 0; i < n; i++) {
+        const uint64_t present = uint64_t(1) << 63, exclusive = uint64_t(1) << 56;
+        resident += (entries[i] & (present | exclusive)) == (present | exclusive);
+      }
+      at += n;
+    }
+    return resident * page;
+  }
+  unsigned char marks[4096];
+  for (uintptr_t at = first; at < last;) {
+    size_t n = std::min<size_t>(last - at, sizeof marks);
+    if (mincore(reinterpret_cast<void*>(at * page), n * page, marks) != 0) break;
+    for (size_t i = 0; i < n; i++) resident += marks[i] & 1;
+    at += n;
+  }
+  return resident * page;
+}
 
 std::vector<std::string> running_process_names() {
   std::vector<std::string> names;

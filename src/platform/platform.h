@@ -39,6 +39,20 @@ struct MemoryStatus {
 MemoryStatus memory_status();
 uint64_t peak_resident_bytes();
 uint64_t current_resident_bytes();
+// Resident bytes of the process by kind, from the system's own count.
+struct ResidentFigures {
+  uint64_t resident = 0, peak = 0;
+  uint64_t anonymous = 0;  // private memory: heaps, stacks, stores
+  uint64_t file = 0;       // mapped files: the program and its libraries
+  uint64_t shared = 0;
+};
+ResidentFigures resident_figures();
+// Resident bytes of the stacks of all threads: the main stack and every
+// anonymous mapping that sits right above a one-page guard.
+uint64_t thread_stack_resident();
+// Bytes of [base, base + bytes) that are in physical memory; a committed page
+// that was never touched is not.
+uint64_t resident_bytes_in(const void* base, size_t bytes);
 
 // ---- Processes and threads ------------------------------------------------
 // Executable file names of the running processes.

@@ -178,4 +178,5 @@ static void empty_subgame_queue() {
 void install_solver_hooks() {
   SolverHooks.empty_subgame_queue = empty_subgame_queue;
   SolverHooks.reset_report_log = reset_report_log;
+  TreeMemoryParts = [] { return tree_memory_parts(!solver_running()); };
 }

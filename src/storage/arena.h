@@ -95,6 +95,26 @@ constexpr size_t GroupAlignment = 128;  // decompressed store groups
 // The scalable allocator's aligned malloc and free; null on failure.
 void* aligned_alloc_bytes(size_t bytes, size_t alignment);
 void aligned_free_bytes(void* p);
+// The same three calls of the scalable allocator, counted for show_memory;
+// every block of it that the program holds goes through these.
+void* scalable_take(size_t bytes, size_t alignment);
+void scalable_give(void* p);
+void* scalable_regrow(void* p, size_t bytes, size_t alignment);
+void count_channel_buffer_bytes(int64_t delta);
+// Bytes the scalable allocator really gives a block of scalable_take (its size
+// class, at least what was asked).
+int64_t scalable_block_bytes(const void* p);
+
+// What the two allocators hold for the program, in bytes.
+struct AllocatorFigures {
+  int64_t scalable_in_use = 0;  // blocks the program holds from the scalable allocator
+  int64_t row_pool_blocks = 0;  // of those, blocks of the row pools, idle or in use
+  int64_t channel_buffers = 0;  // of those, staging buffers of entropy write passes
+  int64_t heap_held = 0;        // the C heap's memory from the system
+  int64_t heap_in_use = 0;      // of that, blocks in use
+  int64_t heap_free = 0;        // of that, free blocks kept for reuse
+};
+AllocatorFigures allocator_figures();
 // Hands the allocators' cached free memory back to the system, after a
 // large release (a forgotten street).
 void return_free_memory();
@@ -278,6 +298,23 @@ void empty_row_pool(RowPool& pool);
 void empty_all_row_pools();
 // Idle blocks on a pool's free list (for tests).
 int64_t row_pool_idle_blocks(const RowPool& pool);
+
+// ---- Memory report ------------------------------------------------------------
+// One line of the breakdown: bytes in all, and how many of them the scalable
+// allocator and the C heap hold (the rest is mapped directly).
+struct MemoryPart {
+  const char* name;
+  int64_t bytes = 0;
+  int64_t scalable = 0;
+  int64_t heap = 0;
+};
+// The parts that the present tree owns (stores, hole sets, tables); installed
+// by the layer that knows the tree. Null or empty without a tree.
+extern std::vector<MemoryPart> (*TreeMemoryParts)();
+// The whole breakdown, every line "#memory ...", ending with the components'
+// total beside the resident size the system counts.
+std::vector<MemoryPart> memory_breakdown(int64_t& resident, int64_t& peak);
+void print_memory_breakdown();
 
 // ---- Commands ---------------------------------------------------------------
 void cmd_show_memory(const Tokens& t);

@@ -6,8 +6,6 @@
 // each channel, and a read pass finds the channels by walking those lengths.
 // The staging buffers are recycled through a per-thread stack, so a write pass
 // allocates nothing once a thread has run a few.
-#include <tbb/scalable_allocator.h>
-
 #include <cstring>
 #include <stdexcept>
 
@@ -28,7 +26,10 @@ struct ChannelBufferStack {
   std::vector<ChannelBuffers*> idle;
   ~ChannelBufferStack() {
     for (ChannelBuffers* b : idle) {
-      for (int c = 0; c < ChannelCount; c++) scalable_aligned_free(b->data[c]);
+      for (int c = 0; c < ChannelCount; c++) {
+        count_channel_buffer_bytes(-int64_t(b->capacity[c]));
+        scalable_give(b->data[c]);
+      }
       delete b;
     }
   }
@@ -67,8 +68,9 @@ static void sink_write(void* context, int channel, const uint8_t* bytes, size_t 
     int64_t step = channel_step(channel);
     int64_t allocation = (end + step - 1) / step * step;
     if (allocation > int64_t(b.capacity[channel])) {
-      void* grown = scalable_aligned_realloc(b.data[channel], size_t(allocation), RowAlignment);
+      void* grown = scalable_regrow(b.data[channel], size_t(allocation), RowAlignment);
       if (!grown) storage_fatal("out of memory");
+      count_channel_buffer_bytes(allocation - int64_t(b.capacity[channel]));
       b.data[channel] = static_cast<uint8_t*>(grown);
       b.capacity[channel] = uint32_t(allocation);
     }

@@ -3,9 +3,12 @@
 #include <malloc.h>
 #include <tbb/scalable_allocator.h>
 
+#include <atomic>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 #include <mutex>
 #include <stdexcept>
 
@@ -62,15 +65,78 @@ StorageThroughput storage_throughput(double elapsed_seconds) {
   return {rate(StorageBytesRead.load()), rate(StorageBytesWritten.load())};
 }
 
+// ---- Allocation counts ----------------------------------------------------------
+
+// Bytes the program holds from the scalable allocator, for show_memory. Every
+// thread adds to a slot of its own, so that counting costs no shared cache line.
+namespace {
+
+struct alignas(64) CountSlot {
+  std::atomic<int64_t> bytes{0};
+};
+constexpr int CountSlots = 16;
+CountSlot ScalableCount[CountSlots];
+std::atomic<int32_t> NextCountSlot{0};
+thread_local int32_t OwnCountSlot = -1;
+std::atomic<int64_t> PoolBlockBytes{0};
+std::atomic<int64_t> ChannelBufferBytes{0};
+
+inline void count_scalable(int64_t delta) {
+  if (OwnCountSlot < 0) OwnCountSlot = NextCountSlot.fetch_add(1) % CountSlots;
+  ScalableCount[OwnCountSlot].bytes.fetch_add(delta, std::memory_order_relaxed);
+}
+
+// A pool block freed to the allocator (an idle one, or one that can't go back
+// to a pool).
+void free_pool_block(void* block) {
+  int64_t bytes = int64_t(scalable_msize(block));
+  count_scalable(-bytes);
+  PoolBlockBytes.fetch_sub(bytes, std::memory_order_relaxed);
+  scalable_aligned_free(block);
+}
+
+}  // namespace
+
+void* scalable_take(size_t bytes, size_t alignment) {
+  void* p = scalable_aligned_malloc(bytes, alignment);
+  if (p) count_scalable(int64_t(scalable_msize(p)));
+  return p;
+}
+
+void scalable_give(void* p) {
+  if (!p) return;
+  count_scalable(-int64_t(scalable_msize(p)));
+  scalable_aligned_free(p);
+}
+
+void* scalable_regrow(void* p, size_t bytes, size_t alignment) {
+  int64_t before = p ? int64_t(scalable_msize(p)) : 0;
+  void* grown = scalable_aligned_realloc(p, bytes, alignment);
+  if (grown) count_scalable(int64_t(scalable_msize(grown)) - before);
+  return grown;
+}
+
+int64_t scalable_block_bytes(const void* p) { return p ? int64_t(scalable_msize(const_cast<void*>(p))) : 0; }
+
+void count_channel_buffer_bytes(int64_t delta) { ChannelBufferBytes.fetch_add(delta, std::memory_order_relaxed); }
+
+AllocatorFigures allocator_figures() {
+  AllocatorFigures f;
+  for (const CountSlot& c : ScalableCount) f.scalable_in_use += c.bytes.load(std::memory_order_relaxed);
+  f.row_pool_blocks = PoolBlockBytes.load(std::memory_order_relaxed);
+  f.channel_buffers = ChannelBufferBytes.load(std::memory_order_relaxed);
+  struct mallinfo2 m = mallinfo2();
+  f.heap_held = int64_t(m.arena + m.hblkhd);
+  f.heap_in_use = int64_t(m.uordblks + m.hblkhd);
+  f.heap_free = int64_t(m.fordblks);
+  return f;
+}
+
 // ---- Aligned allocation -------------------------------------------------------
 
-void* aligned_alloc_bytes(size_t bytes, size_t alignment) {
-  return scalable_aligned_malloc(bytes, alignment);
-}
+void* aligned_alloc_bytes(size_t bytes, size_t alignment) { return scalable_take(bytes, alignment); }
 
-void aligned_free_bytes(void* p) {
-  if (p) scalable_aligned_free(p);
-}
+void aligned_free_bytes(void* p) { scalable_give(p); }
 
 void return_free_memory() {
   empty_all_row_pools();
@@ -145,7 +211,7 @@ void empty_row_pool(RowPool& pool) {
   PoolBlock* b = static_cast<PoolBlock*>(pool.free_list);
   while (b) {
     PoolBlock* next = b->next;
-    scalable_aligned_free(b);
+    free_pool_block(b);
     b = next;
   }
   pool.free_list = nullptr;
@@ -189,7 +255,7 @@ HandVector& HandVector::operator=(HandVector&& other) noexcept {
 static void give_back_buffer(float* data, bool pooled) {
   if (!data) return;
   if (!pooled) {
-    scalable_aligned_free(data);
+    scalable_give(data);
     return;
   }
   PoolBlock* block = reinterpret_cast<PoolBlock*>(reinterpret_cast<uint8_t*>(data) - 8);
@@ -198,7 +264,7 @@ static void give_back_buffer(float* data, bool pooled) {
     block->next = static_cast<PoolBlock*>(pool->free_list);
     pool->free_list = block;
   } else {
-    scalable_aligned_free(block);
+    free_pool_block(block);
   }
 }
 
@@ -217,19 +283,20 @@ void HandVector::resize(int32_t length, bool allow_pool) {
     if (block) {
       pool->free_list = block->next;
     } else {
-      block = static_cast<PoolBlock*>(scalable_aligned_malloc(size_t(pool->block_size) + 8, 8));
+      block = static_cast<PoolBlock*>(scalable_take(size_t(pool->block_size) + 8, 8));
       if (!block) {
         write_direct("out of memory\n");
         fflush(stdout);
         std::abort();
       }
+      PoolBlockBytes.fetch_add(int64_t(scalable_msize(block)), std::memory_order_relaxed);
     }
     block->block_size = pool->block_size;
     data = reinterpret_cast<float*>(reinterpret_cast<uint8_t*>(block) + 8);
     pooled = true;
     return;
   }
-  data = static_cast<float*>(scalable_aligned_malloc(size_t(bytes), RowAlignment));
+  data = static_cast<float*>(scalable_take(size_t(bytes), RowAlignment));
   if (!data) {
     write_direct("out of memory\n");
     fflush(stdout);
@@ -254,4 +321,46 @@ void print_memory_report(uint64_t total_physical, uint32_t load_percent) {
   shell_print("Total Physical Memory: %d MB\n", int32_t(uint32_t(total_mb)));
   shell_print("Available Phys Memory: %d MB\n", int32_t(uint32_t(available_mb)));
   shell_print("END\n");
+}
+
+// ---- Breakdown ------------------------------------------------------------------
+
+std::vector<MemoryPart> (*TreeMemoryParts)() = nullptr;
+
+std::vector<MemoryPart> memory_breakdown(int64_t& resident, int64_t& peak) {
+  std::vector<MemoryPart> parts;
+  if (TreeMemoryParts) parts = TreeMemoryParts();
+  AllocatorFigures a = allocator_figures();
+  ResidentFigures r = resident_figures();
+  int64_t scalable_named = 0, heap_named = 0;
+  for (const MemoryPart& p : parts) {
+    scalable_named += p.scalable;
+    heap_named += p.heap;
+  }
+  parts.push_back({"row pools", a.row_pool_blocks, a.row_pool_blocks, 0});
+  parts.push_back({"channel buffers", a.channel_buffers, a.channel_buffers, 0});
+  scalable_named += a.row_pool_blocks + a.channel_buffers;
+  // What the allocators hold beyond the parts named: working rows, the walk's
+  // lists and everything small.
+  parts.push_back({"other rows", std::max<int64_t>(0, a.scalable_in_use - scalable_named), 0, 0});
+  parts.push_back({"other heap objects", std::max<int64_t>(0, a.heap_in_use - heap_named), 0, 0});
+  parts.push_back({"heap free blocks", a.heap_free, 0, 0});
+  parts.push_back({"thread stacks", int64_t(thread_stack_resident()), 0, 0});
+  parts.push_back({"code and libraries", int64_t(r.file + r.shared), 0, 0});
+  resident = int64_t(r.resident);
+  peak = int64_t(r.peak);
+  return parts;
+}
+
+void print_memory_breakdown() {
+  int64_t resident = 0, peak = 0;
+  std::vector<MemoryPart> parts = memory_breakdown(resident, peak);
+  const double mb = 1024.0 * 1024.0;
+  int64_t total = 0;
+  for (const MemoryPart& p : parts) {
+    shell_print("#memory %s %.1f MB\n", p.name, double(p.bytes) / mb);
+    total += p.bytes;
+  }
+  shell_print("#memory total %.1f MB, resident %.1f MB, peak %.1f MB\n", double(total) / mb, double(resident) / mb,
+              double(peak) / mb);
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "platform/platform.h"
 #include "storage/store_cells.h"
 
 int32_t RegretIteration = 0;
@@ -205,4 +206,72 @@ void makeNodeStores(const StoreNode& node, const BoardCells& board_table, const 
 void Store::unsupported(const char* operation) {
   assert(!"a store operation its class does not support");
   storage_fatal((std::string("store operation ") + operation + " not supported").c_str());
+}
+
+// ---- Memory of a store ------------------------------------------------------------
+
+static int64_t region_bytes(const Arena* a) {
+  if (auto p = dynamic_cast<const PackedArena*>(a)) return int64_t(resident_bytes_in(p->base, size_t(p->committed)));
+  if (auto e = dynamic_cast<const EntropyArena*>(a)) return int64_t(resident_bytes_in(e->base, size_t(e->committed)));
+  return 0;
+}
+
+template <typename T>
+static int64_t vector_bytes(const std::vector<T>& v) {
+  return int64_t(v.capacity() * sizeof(T));
+}
+
+static void add_scalable(StoreMemory& m, int64_t bytes) {
+  m.bytes += bytes;
+  m.scalable += bytes;
+}
+static void add_heap(StoreMemory& m, int64_t bytes) {
+  m.bytes += bytes;
+  m.heap += bytes;
+}
+
+static void add_locks(const std::vector<CellLock>& locks, StoreMemory& m) {
+  add_heap(m, vector_bytes(locks));
+  for (const CellLock& l : locks) add_heap(m, l.mask_length);
+}
+
+void add_store_memory(Store* store, StoreMemory& m, bool settled) {
+  if (!store) return;
+  if (auto r = dynamic_cast<RowStore*>(store)) {
+    for (const HandVector& row : r->rows)
+      if (row.data && !row.pooled && !r->borrowed) add_scalable(m, scalable_block_bytes(row.data));
+    add_heap(m, vector_bytes(r->rows) + r->lock.mask_length);
+  } else if (auto c = dynamic_cast<CompositeStore*>(store)) {
+    for (RowStore* part : c->parts) add_store_memory(part, m, settled);
+    add_heap(m, vector_bytes(c->parts));
+    add_scalable(m, scalable_block_bytes(c->block));
+  } else if (auto f = dynamic_cast<FlatStore*>(store)) {
+    m.bytes += int64_t(resident_bytes_in(f->data, f->data_bytes));
+    add_locks(f->locks, m);
+    if (auto w = dynamic_cast<Word16FlatStore*>(store)) add_heap(m, vector_bytes(w->cell_factors));
+  } else if (auto w = dynamic_cast<WideningStore*>(store)) {
+    for (size_t g = 0; g < w->data.size(); g++) {
+      int64_t span = w->shape->group_spans[g].span;
+      if (settled)
+        add_scalable(m, scalable_block_bytes(w->data[g]));
+      else if (w->data[g])
+        add_scalable(m, w->wide[g] ? span * 3 + 11 : span * 2 + 16);
+    }
+    add_heap(m, vector_bytes(w->data) + vector_bytes(w->wide) + vector_bytes(w->peaks));
+    add_locks(w->locks, m);
+  } else if (auto p = dynamic_cast<PackedStore*>(store)) {
+    for (size_t g = 0; g < p->buffers.size(); g++) {
+      void* buffer = p->buffers[g];
+      if (settled)
+        add_scalable(m, scalable_block_bytes(buffer));
+      else if (buffer)
+        add_scalable(m, int64_t(p->shape->group_spans[g].span) * p->bytes_per_value());
+      if (p->arenas[g]) {
+        m.bytes += region_bytes(p->arenas[g]);
+        add_heap(m, p->level == 1 ? int64_t(sizeof(PackedArena)) : int64_t(sizeof(EntropyArena)));
+      }
+    }
+    add_heap(m, vector_bytes(p->buffers) + vector_bytes(p->arenas) + vector_bytes(p->cell_factors));
+    add_locks(p->locks, m);
+  }
 }

@@ -197,6 +197,9 @@ class RowStore : public Store {
   int32_t length;
   std::vector<HandVector> rows;
   CellLock lock;
+  // The rows lie in a block of the CompositeStore that owns this store: they
+  // are never freed or resized one by one.
+  bool borrowed = false;
 
   RowStore(int32_t actions, int32_t length);
   ~RowStore() override;
@@ -223,6 +226,10 @@ class RowStore : public Store {
 class CompositeStore : public Store {
  public:
   std::vector<RowStore*> parts;  // owned
+  // The rows of all parts in one block, each padded to four values: one block
+  // per node instead of a small one per row, which the allocator would round
+  // up to its next size class (up to two fifths more).
+  float* block = nullptr;
 
   CompositeStore(int32_t actions, const std::vector<int32_t>& lengths);
   ~CompositeStore() override;
@@ -422,6 +429,21 @@ void open_river_group(const RiverStoreRef* stores, size_t count, int32_t group);
 // Closes `group` in every store of the list; with `keep` the group is written
 // back and the write passes are ended, without it the buffers are dropped.
 void close_river_group(const RiverStoreRef* stores, size_t count, int32_t group, bool keep);
+
+// ---- Memory of a store --------------------------------------------------------------
+
+// The bytes that hold a store's values: blocks and regions count what is in
+// physical memory (a committed page never touched is not), buffers what was
+// asked of the allocator. `scalable` is the part held from the scalable
+// allocator, `heap` the part from the C heap. While the solver runs, groups
+// open and close under the caller: `settled` false counts their buffers by
+// size instead of asking the allocator about blocks that may be gone.
+struct StoreMemory {
+  int64_t bytes = 0;
+  int64_t scalable = 0;
+  int64_t heap = 0;
+};
+void add_store_memory(Store* store, StoreMemory& total, bool settled);
 
 // ---- Making the stores of a node -------------------------------------------------------
 

@@ -12,7 +12,15 @@ RowStore::RowStore(int32_t actions_, int32_t length_) : actions(actions_), lengt
   rows.resize(size_t(actions));
 }
 
-RowStore::~RowStore() { free_lock_mask(lock); }
+RowStore::~RowStore() {
+  if (borrowed) {
+    for (HandVector& row : rows) {
+      row.data = nullptr;
+      row.count = 0;
+    }
+  }
+  free_lock_mask(lock);
+}
 
 bool RowStore::materialise() {
   for (HandVector& row : rows) {
@@ -86,9 +94,31 @@ CompositeStore::CompositeStore(int32_t actions, const std::vector<int32_t>& leng
 
 CompositeStore::~CompositeStore() {
   for (RowStore* p : parts) delete p;
+  aligned_free_bytes(block);
 }
 
 bool CompositeStore::materialise() {
+  if (!block) {
+    int64_t values = 0;
+    for (RowStore* p : parts)
+      if (p->length > 0) values += int64_t(p->actions) * align4(p->length);
+    if (values > 0) {
+      block = static_cast<float*>(aligned_alloc_bytes(size_t(values) * sizeof(float), RowAlignment));
+      if (!block) return false;
+      float* at = block;
+      for (RowStore* p : parts) {
+        if (p->length <= 0) continue;
+        for (HandVector& row : p->rows) {
+          row.release();
+          row.data = at;
+          row.count = p->length;
+          at += align4(p->length);
+        }
+        p->borrowed = true;
+      }
+    }
+  }
+  // Each part clears its rows, as a fresh store starts at zero.
   for (RowStore* p : parts)
     if (!p->materialise()) return false;
   return true;

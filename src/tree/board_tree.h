@@ -68,7 +68,7 @@ struct BoardRecord {
   int32_t variants = 1;  // real cards this record stands for
   std::vector<CardMask> holes;        // alive pairs, ascending strength
   std::vector<uint16_t> packed;       // the same pairs packed
-  std::vector<uint16_t> pairPosition; // 1326: PairIndex -> position in holes
+  std::vector<uint16_t> pairPosition; // 1326: PairIndex -> position in holes; empty on a river board
   std::vector<HandValue> strength;    // value of each entry of holes
   // One list per variant: for each entry of holes its position in the
   // parent's holes; in variant k > 0 the position of the hand with the dealt
@@ -208,7 +208,11 @@ struct BoardView {
   const uint16_t* packed;
   const uint16_t* pairPosition;
   const BoardRecord* record;  // null at the root
+  // A river board's table, made for this view (the record keeps none).
+  std::shared_ptr<const std::vector<uint16_t>> own_positions;
 };
+// PairIndex -> position in `holes`, NoPosition where absent.
+std::vector<uint16_t> pair_positions(const std::vector<CardMask>& holes);
 BoardView board_view(const BoardTree& tree, int32_t turn_cell, int32_t river_cell);
 
 // Turn and river cells of canonical cards (-1 for no card); false when a card

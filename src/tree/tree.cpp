@@ -227,3 +227,93 @@ void reset_tree_state() {
 }
 
 // ---- Commands -------------------------------------------------------------------
+
+// ---- Memory of the tree ----------------------------------------------------------
+
+template <typename V>
+static int64_t capacity_bytes(const V& v) {
+  return int64_t(v.capacity() * sizeof(typename V::value_type));
+}
+
+static int64_t record_bytes(const BoardRecord& r) {
+  int64_t n = capacity_bytes(r.holes) + capacity_bytes(r.packed) + capacity_bytes(r.pairPosition) +
+              capacity_bytes(r.strength) + capacity_bytes(r.parentPosition) + capacity_bytes(r.children) +
+              capacity_bytes(r.childHoleCount) + capacity_bytes(r.groups) + capacity_bytes(r.group_table8) +
+              capacity_bytes(r.group_table16);
+  for (const std::vector<uint16_t>& p : r.parentPosition) n += capacity_bytes(p);
+  for (const BoardRecord& c : r.children) n += record_bytes(c);
+  return n;
+}
+
+static int64_t hole_set_bytes(const BoardTree& b) {
+  int64_t n = int64_t(sizeof(BoardTree)) + capacity_bytes(b.holes) + capacity_bytes(b.packed) +
+              capacity_bytes(b.pairPosition) + capacity_bytes(b.children) + capacity_bytes(b.childHoleCount) +
+              capacity_bytes(b.childRiverCounts);
+  for (const std::vector<int32_t>& c : b.childRiverCounts) n += capacity_bytes(c);
+  for (const BoardRecord& r : b.children) n += record_bytes(r);
+  return n;
+}
+
+static void add_hand_vector(const HandVector& v, MemoryPart& p, bool settled) {
+  if (!v.data || v.pooled) return;
+  int64_t bytes = settled ? scalable_block_bytes(v.data) : int64_t(v.count) * 4;
+  p.bytes += bytes;
+  p.scalable += bytes;
+}
+
+static void add_heap_bytes(MemoryPart& p, int64_t bytes) {
+  p.bytes += bytes;
+  p.heap += bytes;
+}
+
+static MemoryPart as_part(const char* name, const StoreMemory& m) { return {name, m.bytes, m.scalable, m.heap}; }
+
+std::vector<MemoryPart> tree_memory_parts(bool settled) {
+  std::vector<MemoryPart> parts;
+  const Tree* t = ActiveTree;
+  if (!t) return parts;
+  StoreMemory regrets, sums, upper;
+  MemoryPart tables{"tree and tables"};
+  add_heap_bytes(tables, int64_t(sizeof(Tree)) + capacity_bytes(t->nodes));
+  for (const Node& n : t->nodes) {
+    add_heap_bytes(tables, capacity_bytes(n.children));
+    if (n.street == 3) {
+      add_store_memory(n.regretStore, regrets, settled);
+      add_store_memory(n.strategyStore, sums, settled);
+    } else {
+      add_store_memory(n.regretStore, upper, settled);
+      add_store_memory(n.strategyStore, upper, settled);
+    }
+    if (n.turn_locks) add_heap_bytes(tables, int64_t(sizeof(std::mutex)) * TurnCardSlots);
+    for (int32_t k = 0; k < n.street_record_count; k++) {
+      const SubgameResults& r = n.street_records[k];
+      for (int p = 0; p < 2; p++) {
+        add_hand_vector(r.reach[p], tables, settled);
+        add_hand_vector(r.value[p], tables, settled);
+        add_hand_vector(r.br_value[p], tables, settled);
+      }
+    }
+    if (n.street_records) add_heap_bytes(tables, int64_t(sizeof(SubgameResults)) * n.street_record_count);
+  }
+  for (int p = 0; p < 2; p++) add_heap_bytes(tables, capacity_bytes(t->reach_weights[p]) + capacity_bytes(t->norm_weights[p]));
+  if (t->shapes) {
+    for (const std::vector<StoreShape>& street : t->shapes->by_street) {
+      for (const StoreShape& s : street)
+        add_heap_bytes(tables, capacity_bytes(s.groups) + capacity_bytes(s.cells) + capacity_bytes(s.group_spans));
+    }
+  }
+  MemoryPart holes{"hole sets"};
+  if (t->boards) {
+    const BoardTree& b = *t->boards;
+    add_heap_bytes(holes, hole_set_bytes(b));
+    for (int p = 0; p < 2; p++) add_heap_bytes(tables, capacity_bytes(b.reach_weights[p]) + capacity_bytes(b.norm_weights[p]));
+    for (const ActionLayout& l : b.layouts)
+      add_heap_bytes(tables, capacity_bytes(l.turn_rows) + capacity_bytes(l.river_rows) + capacity_bytes(l.turn_spans));
+  }
+  parts.push_back(as_part("river regrets", regrets));
+  parts.push_back(as_part("river sums", sums));
+  parts.push_back(as_part("turn and flop stores", upper));
+  parts.push_back(holes);
+  parts.push_back(tables);
+  return parts;
+}

@@ -204,6 +204,10 @@ void make_tree(const std::vector<LineRecord>& records, const Card flop[3], int t
 
 constexpr double RegretScaleBase = 125.0;
 
+// The memory the present tree owns, by part, for show_memory; `settled` false
+// while the solver runs (see add_store_memory).
+std::vector<MemoryPart> tree_memory_parts(bool settled);
+
 // ---- Statistics -------------------------------------------------------------
 // Counts of node_count, indexed by absolute street 1..3; slot 0 holds the total.
 struct NodeCounts {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <sstream>
 
 #include "run_binary.h"
@@ -136,4 +137,44 @@ TEST(Solver, TimeoutReason) {
   game.replace(game.find("add_line 0 0\n"), 13, "add_line 0 0 0 0\nadd_line 0 0 50 50\n");
   RunResult r = run_binary({"-k"}, game + "go 1 seconds\nwait_for_solver\n");
   EXPECT_NE(r.out.find("SOLVER: stopped (timeout reached)\n"), std::string::npos) << r.out;
+}
+
+// show_memory's breakdown of the process: side lines that reach the client only
+// with the comment flag, before the two protocol lines, and parts that add up
+// to within a tenth of the resident size the system counts.
+TEST(Solver, MemoryBreakdownMatchesResidentSize) {
+  const std::string script = river_game() + "go 60 steps\nwait_for_solver\nshow_memory\n";
+  RunResult plain = run_binary({"-k"}, script);
+  EXPECT_EQ(plain.out.find("#memory"), std::string::npos);
+  EXPECT_NE(plain.out.find("SOLVER: stopped (required number of steps done)\nTotal Physical Memory: "),
+            std::string::npos);
+
+  RunResult r = run_binary({"-k", "-m"}, script);
+  ASSERT_EQ(r.rc, 0);
+  double sum = 0, total = -1, resident = -1, peak = -1;
+  int parts = 0;
+  std::vector<std::string> lines = lines_of(r.out);
+  size_t last = 0;
+  for (size_t i = 0; i < lines.size(); i++) {
+    const std::string& l = lines[i];
+    if (l.rfind("#memory total ", 0) == 0) {
+      ASSERT_EQ(sscanf(l.c_str(), "#memory total %lf MB, resident %lf MB, peak %lf MB", &total, &resident, &peak), 3);
+      last = i;
+    } else if (l.rfind("#memory ", 0) == 0) {
+      size_t mb = l.rfind(" MB");
+      ASSERT_EQ(mb, l.size() - 3) << l;
+      sum += std::stod(l.substr(l.rfind(' ', mb - 1) + 1));
+      parts++;
+    }
+  }
+  EXPECT_EQ(parts, 12);
+  EXPECT_NEAR(sum, total, 0.05 * parts + 1e-9);  // each line rounds to 0.1 MB
+  EXPECT_GT(resident, 1.0);
+  EXPECT_GE(peak, resident);
+  EXPECT_GE(total, 0.9 * resident);
+  EXPECT_LE(total, 1.1 * resident);
+  ASSERT_LT(last + 3, lines.size());
+  EXPECT_EQ(lines[last + 1].rfind("Total Physical Memory: ", 0), 0u);
+  EXPECT_EQ(lines[last + 2].rfind("Available Phys Memory: ", 0), 0u);
+  EXPECT_EQ(lines[last + 3], "END");
 }

@@ -119,9 +119,10 @@ TEST_P(IsomorphicBoards, EveryRealCardAgreesWithItsRepresentative) {
       auto river_swap = [&](CardMask m) { return swap_suits(turn_swap(m), r.suit_a, r.suit_b); };
       ASSERT_EQ(rep_river.board, river_swap(real_river.board));
       ASSERT_EQ(rep_river.holes.size(), real_river.holes.size());
+      const std::vector<uint16_t> positions = pair_positions(rep_river.holes);
       for (size_t j = 0; j < real_river.holes.size(); j++) {
         CardMask h = real_river.holes[j];
-        uint16_t pos = rep_river.pairPosition[size_t(pair_of(river_swap(h)))];
+        uint16_t pos = positions[size_t(pair_of(river_swap(h)))];
         ASSERT_NE(pos, NoPosition);
         ASSERT_EQ(rep_river.strength[pos], real_river.strength[j]);
         // River variant, then turn variant, lead back to the real hand.
@@ -169,7 +170,8 @@ TEST_F(IsomorphicCardLists, QueriesInRealCardsFindTheirBoardAndExpandBack) {
   auto check = [&](const BoardRecord& rec, CardMask real_board, const SuitMap& map) {
     ASSERT_EQ(rec.board, apply_suit_map(real_board, map));
     strength.assign(rec.strength.begin(), rec.strength.end());
-    expand_board_list(strength.data(), rec.pairPosition.data(), map, -1.0, expanded.data());
+    const std::vector<uint16_t> positions = rec.pairPosition.empty() ? pair_positions(rec.holes) : rec.pairPosition;
+    expand_board_list(strength.data(), positions.data(), map, -1.0, expanded.data());
     for (int p = 0; p < 1326; p++) {
       bool live = !(PairMasks[p] & real_board) && (r0[size_t(p)] > 0 || r1[size_t(p)] > 0);
       double expected = live ? double(value_on(real_board, PairMasks[p])) : -1.0;
