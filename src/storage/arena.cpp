@@ -54,8 +54,10 @@ int64_t entropy_reservation(int64_t values) { return round_to_granule(2 * values
 constexpr int32_t PackSlack = 64;
 constexpr size_t StagingBytes = MaxRowValues * 5 + 2 * PackSlack;
 
-static int32_t packed_bound(int32_t count, int32_t width) {
-  return int32_t(width == 4 ? pack_bound32(count) : pack_bound16(count));
+// At least pack_bound32/16 (a control byte per eight values covers one per
+// block and each tail group's), worked out inline: it is asked for every row.
+static inline int32_t packed_bound(int32_t count, int32_t width) {
+  return count * width + (count + 7) / 8;
 }
 
 PackedArena::PackedArena(int64_t values, int32_t value_width)

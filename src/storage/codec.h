@@ -57,7 +57,8 @@ void untransform_row16(uint16_t* row, const uint16_t* reference, const uint32_t*
 
 // ---- Packed block format ----------------------------------------------------
 // Writers return the end of their output; `dst` must hold pack_bound*(count)
-// bytes. pack24 stores the low 24 bits of each value.
+// bytes, and the bytes between the end and the bound may be overwritten.
+// pack24 stores the low 24 bits of each value.
 uint8_t* pack32(uint8_t* dst, const uint32_t* row, int count);
 uint8_t* pack16(uint8_t* dst, const uint16_t* row, int count);
 uint8_t* pack24(uint8_t* dst, const uint32_t* row, int count);
@@ -108,8 +109,8 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
                       unsigned max_symbol_value, unsigned table_log);
 // Returns the number of bytes regenerated, at most `dst_capacity`.
 int64_t FSE_decompress(void* dst, size_t dst_capacity, const void* src, size_t src_size);
-// Whether the FSE decoding loop and the inverse row transform run their
-// AVX2/BMI2 builds: set at start-up where the processor has both; tests turn
+// Whether the FSE decoding loop, the inverse row transform and the 16- and
+// 32-bit packed forms run their AVX2/BMI2 builds: set at start-up where the processor has both; tests turn
 // it off to compare with the baseline builds.
 extern bool CodecUseAvx2;
 

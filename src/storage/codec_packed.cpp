@@ -87,9 +87,16 @@ int64_t measure(const uint8_t* src, size_t size, int count, const int* widths) {
 
 }  // namespace
 
+// The builds for processors with AVX2 (codec_packed_avx2.cpp), same bytes.
+uint8_t* pack32_avx2(uint8_t* dst, const uint32_t* row, int count);
+uint8_t* pack16_avx2(uint8_t* dst, const uint16_t* row, int count);
+const uint8_t* unpack32_avx2(uint32_t* row, int count, const uint8_t* src);
+const uint8_t* unpack16_avx2(uint16_t* row, int count, const uint8_t* src);
+
 // ---- 32-bit form --------------------------------------------------------------
 
 uint8_t* pack32(uint8_t* d, const uint32_t* x, int n) {
+  if (CodecUseAvx2) return pack32_avx2(d, x, n);
   int i = 0;
   for (; i + 32 <= n; i += 32) {
     uint8_t* control = d++;
@@ -132,6 +139,7 @@ uint8_t* pack32(uint8_t* d, const uint32_t* x, int n) {
 }
 
 const uint8_t* unpack32(uint32_t* x, int n, const uint8_t* s) {
+  if (CodecUseAvx2) return unpack32_avx2(x, n, s);
   int i = 0;
   for (; i + 32 <= n; i += 32) {
     uint8_t c = *s++;
@@ -196,6 +204,7 @@ const uint8_t* unpack32(uint32_t* x, int n, const uint8_t* s) {
 // ---- 16-bit form --------------------------------------------------------------
 
 uint8_t* pack16(uint8_t* d, const uint16_t* x, int n) {
+  if (CodecUseAvx2) return pack16_avx2(d, x, n);
   int i = 0;
   for (; i + 32 <= n; i += 32) {
     uint8_t* control = d++;
@@ -238,6 +247,7 @@ uint8_t* pack16(uint8_t* d, const uint16_t* x, int n) {
 }
 
 const uint8_t* unpack16(uint16_t* x, int n, const uint8_t* s) {
+  if (CodecUseAvx2) return unpack16_avx2(x, n, s);
   int i = 0;
   for (; i + 32 <= n; i += 32) {
     uint8_t c = *s++;

@@ -177,6 +177,65 @@ TEST(PackedFormat, RoundTripsRandom) {
   }
 }
 
+// A row whose groups of eight each take a random class of `borders`, with
+// values at both ends of the class among random ones.
+std::vector<uint32_t> classed_row(std::mt19937& rng, int n, const std::vector<uint32_t>& borders) {
+  std::vector<uint32_t> row(size_t(n), 0);
+  for (int g = 0; g < n; g += 8) {
+    size_t k = rng() % borders.size();
+    uint32_t low = k ? borders[k - 1] + 1 : 0, high = borders[k];
+    for (int i = g; i < n && i < g + 8; i++) {
+      uint32_t r = rng() % 4;
+      row[size_t(i)] = r == 0 ? low : r == 1 ? high : low + rng() % (high - low + 1);
+    }
+  }
+  return row;
+}
+
+// The vector builds write the baseline's bytes, read them back to the same
+// row, and stay inside the row's bytes and values.
+TEST(PackedFormat, VectorBuildsAgree) {
+  if (!CodecUseAvx2) GTEST_SKIP() << "no AVX2 on this processor";
+  auto agree = [](const auto& f, const auto& row) {
+    using T = typename std::decay_t<decltype(row)>::value_type;
+    const int n = int(row.size());
+    CodecUseAvx2 = false;
+    Bytes base = packed(f, row);
+    CodecUseAvx2 = true;
+    Bytes fast = packed(f, row);
+    ASSERT_EQ(fast, base) << "length " << n;
+    for (bool vector : {false, true}) {
+      CodecUseAvx2 = vector;
+      std::vector<T> back(size_t(n) + 1, T(0x5a5a5a5a));
+      ASSERT_EQ(f.unpack(back.data(), n, base.data()), base.data() + base.size());
+      ASSERT_EQ(back.back(), T(0x5a5a5a5a)) << "wrote past the row";
+      back.pop_back();
+      ASSERT_EQ(back, row) << "length " << n << (vector ? " vector" : " baseline");
+    }
+  };
+  std::mt19937 rng(9);
+  const std::vector<uint32_t> borders32 = {0, 255, 65535, 0xffffffff};
+  for (int n = 0; n <= 4 * 32 + 31; n++) {
+    for (int k = 0; k < 12; k++) {
+      agree(F32, classed_row(rng, n, borders32));
+      std::vector<uint32_t> row16 = classed_row(rng, n, {0, 255, 4095, 65535});
+      agree(F16, std::vector<uint16_t>(row16.begin(), row16.end()));
+    }
+  }
+  // Every control byte of a block, ahead of a tail.
+  for (uint32_t c = 0; c < 256; c++) {
+    std::vector<uint32_t> row32(45), row16(45);
+    for (int i = 0; i < 45; i++) {
+      uint32_t k = i < 32 ? (c >> (i / 8 * 2)) & 3 : uint32_t(i % 4);
+      row32[size_t(i)] = i % 3 ? borders32[k] : borders32[k] >> 1;
+      row16[size_t(i)] = (i % 3 ? std::vector<uint32_t>{0, 255, 4095, 65535}[k] : k ? 1u << (4 * k + 3) : 0);
+    }
+    agree(F32, row32);
+    agree(F16, std::vector<uint16_t>(row16.begin(), row16.end()));
+  }
+  CodecUseAvx2 = true;
+}
+
 TEST(PackedFormat, BoundsAreTight) {
   // Every value at full width reaches the bound exactly.
   for (int n : test_lengths()) {
