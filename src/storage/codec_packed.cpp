@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "storage/codec.h"
+#include "storage/codec_packed_impl.h"
 
 namespace {
 
@@ -230,19 +231,7 @@ uint8_t* pack16(uint8_t* d, const uint16_t* x, int n) {
     }
     *control = uint8_t(c);
   }
-  for (; i < n; i += 8) {
-    int m = n - i < 8 ? n - i : 8;
-    uint32_t o = 0;
-    for (int j = 0; j < m; j++) o |= x[i + j];
-    if (o < 256) {
-      *d++ = 1;
-      for (int j = 0; j < m; j++) *d++ = uint8_t(x[i + j]);
-    } else {
-      *d++ = 3;
-      memcpy(d, x + i, size_t(m) * 2);
-      d += m * 2;
-    }
-  }
+  for (; i < n; i += 8) d = pack16_tail_group(d, x + i, n - i < 8 ? n - i : 8);
   return d;
 }
 

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "storage/codec.h"
+#include "storage/codec_packed_impl.h"
 
 namespace {
 
@@ -211,19 +212,7 @@ uint8_t* pack16_avx2(uint8_t* d, const uint16_t* x, int n) {
     store16b(d, _mm256_castsi256_si128(gather16(_mm256_castsi128_si256(v), k)));
     d += Width16[k];
   }
-  if (i < n) {
-    int m = n - i;
-    uint32_t o = 0;
-    for (int j = 0; j < m; j++) o |= x[i + j];
-    if (o < 256) {
-      *d++ = 1;
-      for (int j = 0; j < m; j++) *d++ = uint8_t(x[i + j]);
-    } else {
-      *d++ = 3;
-      memcpy(d, x + i, size_t(m) * 2);
-      d += m * 2;
-    }
-  }
+  if (i < n) d = pack16_tail_group(d, x + i, n - i);
   return d;
 }
 
