@@ -339,9 +339,7 @@ class FseDecoder final : public RowDecoder {
   }
 
   void refill(int c) {
-    uint8_t head[8];
-    read_exact(c, head, 8);
-    load_block(c, head);
+    if (!refill_if_any(c)) fse_failure();
   }
 
   void load_block(int c, const uint8_t* head) {

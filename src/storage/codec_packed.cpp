@@ -121,21 +121,7 @@ uint8_t* pack32(uint8_t* d, const uint32_t* x, int n) {
     }
     *control = uint8_t(c);
   }
-  for (; i < n; i += 8) {
-    int m = n - i < 8 ? n - i : 8;
-    uint32_t o = 0;
-    for (int j = 0; j < m; j++) o |= x[i + j];
-    uint8_t c = uint8_t((o >= 256 ? 1 : 0) | (o >= 65536 ? 2 : 0));
-    *d++ = c;
-    if (c & 2) {
-      memcpy(d, x + i, size_t(m) * 4);
-      d += m * 4;
-    } else if (c & 1) {
-      for (int j = 0; j < m; j++, d += 2) store_u16(d, uint16_t(x[i + j]));
-    } else {
-      for (int j = 0; j < m; j++) *d++ = uint8_t(x[i + j]);
-    }
-  }
+  for (; i < n; i += 8) d = pack32_tail_group(d, x + i, n - i < 8 ? n - i : 8);
   return d;
 }
 

@@ -287,24 +287,7 @@ uint8_t* pack32_avx2(uint8_t* d, const uint32_t* x, int n) {
     store32b(d, gather32(v, k));
     d += Width32[k];
   }
-  if (i < n) {
-    int m = n - i;
-    uint32_t o = 0;
-    for (int j = 0; j < m; j++) o |= x[i + j];
-    uint8_t c = uint8_t((o >= 256 ? 1 : 0) | (o >= 65536 ? 2 : 0));
-    *d++ = c;
-    if (c & 2) {
-      memcpy(d, x + i, size_t(m) * 4);
-      d += m * 4;
-    } else if (c & 1) {
-      for (int j = 0; j < m; j++, d += 2) {
-        uint16_t v = uint16_t(x[i + j]);
-        memcpy(d, &v, 2);
-      }
-    } else {
-      for (int j = 0; j < m; j++) *d++ = uint8_t(x[i + j]);
-    }
-  }
+  if (i < n) d = pack32_tail_group(d, x + i, n - i);
   return d;
 }
 
