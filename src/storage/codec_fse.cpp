@@ -17,6 +17,7 @@
 // bytes otherwise (0, or an error code).
 #include <nmmintrin.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "storage/arena.h"
@@ -76,10 +77,8 @@ class FseEncoder final : public RowEncoder {
   }
 
   ~FseEncoder() override {
-    for (int c = 0; c < CodecChannelCount; c++) {
-      if (staged[c] && fill[c] > 0) cut_block(c);
-      aligned_free_bytes(staged[c]);
-    }
+    flush_all();
+    for (uint8_t* b : staged) aligned_free_bytes(b);
     aligned_free_bytes(coded);
   }
 
@@ -240,18 +239,61 @@ class FseEncoder final : public RowEncoder {
   void cut_block(int c) {
     if (!coded) coded = allocate(CodedBytes);
     const uint32_t size = fill[c];
-    int64_t r = FSE_compress(coded, CodedBytes, staged[c], size);
+    write_block(c, FSE_compress(coded, CodedBytes, staged[c], size), coded);
+  }
+
+  // The block's head, then its coded bytes, its one byte or its raw bytes.
+  void write_block(int c, int64_t r, const uint8_t* coded_bytes) {
+    const uint32_t size = fill[c];
     uint8_t head[8];
     put_u32(head, size);
     put_u32(head + 4, uint32_t(int32_t(r)));
     sink.write(sink.context, c, head, 8);
     if (r > 1)
-      sink.write(sink.context, c, coded, size_t(r));
+      sink.write(sink.context, c, coded_bytes, size_t(r));
     else if (r == 1)
       sink.write(sink.context, c, staged[c], 1);
     else
       sink.write(sink.context, c, staged[c], size);
     fill[c] = 0;
+  }
+
+  // The last blocks of all channels, coded two at a time, the largest with
+  // the next largest so that the paired loops run side by side for longest,
+  // then written in channel order. Each channel's coded bytes get the bound
+  // of its own size: a block that is kept coded fits in it, so the results
+  // are those of cut_block's larger room.
+  void flush_all() {
+    int order[CodecChannelCount];
+    int n = 0;
+    size_t offset[CodecChannelCount + 1] = {};
+    for (int c = 0; c < CodecChannelCount; c++) {
+      offset[c + 1] = offset[c];
+      if (!staged[c] || fill[c] == 0) continue;
+      order[n++] = c;
+      offset[c + 1] += FSE_compressBound(fill[c]);
+    }
+    if (n == 0) return;
+    uint8_t* area = allocate(offset[CodecChannelCount]);
+    std::sort(order, order + n, [&](int a, int b) { return fill[a] > fill[b] || (fill[a] == fill[b] && a < b); });
+    int64_t result[CodecChannelCount];
+    auto block = [&](int c) {
+      return FseBlock{area + offset[c], FSE_compressBound(fill[c]), staged[c], fill[c]};
+    };
+    int k = 0;
+    for (; k + 1 < n; k += 2) {
+      int64_t pair[2];
+      FSE_compressPair({block(order[k]), block(order[k + 1])}, pair);
+      result[order[k]] = pair[0];
+      result[order[k + 1]] = pair[1];
+    }
+    if (k < n) {
+      const FseBlock b = block(order[k]);
+      result[order[k]] = FSE_compress(b.dst, b.dst_capacity, b.src, b.src_size);
+    }
+    for (int c = 0; c < CodecChannelCount; c++)
+      if (staged[c] && fill[c] > 0) write_block(c, result[c], area + offset[c]);
+    aligned_free_bytes(area);
   }
 };
 
@@ -264,6 +306,7 @@ class FseDecoder final : public RowDecoder {
   ~FseDecoder() override {
     for (uint8_t* b : buffer) aligned_free_bytes(b);
     aligned_free_bytes(coded);
+    aligned_free_bytes(first_coded);
   }
 
   void decode32(uint32_t* row, const uint32_t* reference, int count) override { decode(row, reference, count); }
@@ -328,8 +371,99 @@ class FseDecoder final : public RowDecoder {
     return b;
   }
 
+  // The first blocks of all channels are read at the first refill of any, so
+  // that their bitstreams can be decoded two at a time. A block read that way
+  // waits in its buffer until its channel asks for it; a block found bad
+  // waits as a failure, so that the process ends where it would have ended
+  // had the block been read then.
+  enum : uint8_t { Nothing, Waiting, Bad };
+  bool first_read = false;
+  uint8_t first_block[CodecChannelCount] = {};
+  uint32_t first_size[CodecChannelCount] = {};
+  uint8_t* first_coded = nullptr;
+
+  void read_first_blocks() {
+    first_read = true;
+    int32_t coded_size[CodecChannelCount] = {};
+    size_t offset[CodecChannelCount + 1] = {};
+    int order[CodecChannelCount];
+    int n = 0;
+    for (int c = 0; c < CodecChannelCount; c++) {
+      offset[c + 1] = offset[c];
+      uint8_t head[8];
+      const size_t got = source.read(source.context, c, head, 8);
+      if (got == 0) continue;  // no block: the channel's refill says so itself
+      first_block[c] = Bad;
+      if (got != 8) continue;
+      const uint32_t source_size = get_u32(head);
+      coded_size[c] = int32_t(get_u32(head + 4));
+      if (source_size == 0 || source_size > BlockBytes) continue;
+      if (coded_size[c] > 1 && size_t(coded_size[c]) > CodedBytes) continue;
+      if (!buffer[c]) {
+        buffer[c] = allocate(BufferBytes);
+        memset(buffer[c] + BlockBytes, 0, BufferBytes - BlockBytes);
+      }
+      first_size[c] = source_size;
+      if (coded_size[c] > 1) {
+        order[n++] = c;
+        offset[c + 1] += size_t(coded_size[c]);
+        first_block[c] = Waiting;
+      } else if (coded_size[c] == 1) {
+        uint8_t b;
+        if (source.read(source.context, c, &b, 1) != 1) continue;
+        memset(buffer[c], b, source_size);
+        first_block[c] = Waiting;
+      } else {
+        if (source.read(source.context, c, buffer[c], source_size) != source_size) continue;
+        first_block[c] = Waiting;
+      }
+    }
+    if (n == 0) return;
+    first_coded = allocate(offset[CodecChannelCount]);
+    int ready = 0;
+    for (int k = 0; k < n; k++) {
+      const int c = order[k];
+      const size_t size = size_t(coded_size[c]);
+      if (source.read(source.context, c, first_coded + offset[c], size) != size)
+        first_block[c] = Bad;
+      else
+        order[ready++] = c;
+    }
+    std::sort(order, order + ready,
+              [&](int a, int b) { return coded_size[a] > coded_size[b] || (coded_size[a] == coded_size[b] && a < b); });
+    auto block = [&](int c) {
+      return FseBlock{buffer[c], BlockBytes, first_coded + offset[c], size_t(coded_size[c])};
+    };
+    auto check = [&](int c, int64_t r) {
+      if (r != int64_t(first_size[c])) first_block[c] = Bad;
+    };
+    int k = 0;
+    for (; k + 1 < ready; k += 2) {
+      int64_t r[2];
+      FSE_decompressPair({block(order[k]), block(order[k + 1])}, r);
+      check(order[k], r[0]);
+      check(order[k + 1], r[1]);
+    }
+    if (k < ready) {
+      const FseBlock b = block(order[k]);
+      check(order[k], FSE_decompress(b.dst, b.dst_capacity, b.src, b.src_size));
+    }
+  }
+
+  // Hands over a first block read ahead: true if there was one.
+  bool take_first_block(int c) {
+    if (first_block[c] == Nothing) return false;
+    if (first_block[c] == Bad) fse_failure();
+    first_block[c] = Nothing;
+    cursor[c] = buffer[c];
+    end[c] = buffer[c] + first_size[c];
+    return true;
+  }
+
   // Loads the channel's next block, or says there is none.
   bool refill_if_any(int c) {
+    if (__builtin_expect(!first_read, 0)) read_first_blocks();
+    if (take_first_block(c)) return true;
     uint8_t head[8];
     const size_t got = source.read(source.context, c, head, 8);
     if (got == 0) return false;

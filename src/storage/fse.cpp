@@ -556,32 +556,49 @@ int64_t FSE_readNCount(int16_t* norm, unsigned* max_symbol_value, unsigned* tabl
 
 // ---- Blocks ---------------------------------------------------------------------------
 
-int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t src_size,
-                      unsigned max_symbol_value, unsigned table_log) {
+namespace {
+
+// A block made ready for its bitstream: header written, table built, start
+// states chosen.
+struct BlockPlan {
+  size_t header;
+  EncodeTable table;
+  uint32_t state_last, state_prev;
+};
+
+// Everything of a block before its bitstream: false when `result` is already
+// the block's result (an error, raw, one byte), true when the bitstream must
+// follow the header.
+bool plan_block(BlockPlan& plan, int64_t& result, void* dst, size_t dst_capacity, const void* src,
+                size_t src_size, unsigned max_symbol_value, unsigned table_log) {
   const uint8_t* in = static_cast<const uint8_t*>(src);
   uint8_t* out = static_cast<uint8_t*>(dst);
-  if (src_size <= 1) return 0;
+  auto final = [&](int64_t r) {
+    result = r;
+    return false;
+  };
+  if (src_size <= 1) return final(0);
   if (max_symbol_value == 0) max_symbol_value = FSE_MAX_SYMBOL_VALUE;
-  if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return fse_error(FSE_ERROR_maxSymbolValue_tooLarge);
+  if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return final(fse_error(FSE_ERROR_maxSymbolValue_tooLarge));
   if (table_log == 0) table_log = FSE_DEFAULT_TABLELOG;
-  if (table_log > FSE_MAX_TABLELOG) return fse_error(FSE_ERROR_tableLog_tooLarge);
-  if (src_size > 0xffffffffu) return fse_error(FSE_ERROR_srcSize_wrong);
+  if (table_log > FSE_MAX_TABLELOG) return final(fse_error(FSE_ERROR_tableLog_tooLarge));
+  if (src_size > 0xffffffffu) return final(fse_error(FSE_ERROR_srcSize_wrong));
 
   uint32_t count[256];
   unsigned max_symbol;
   uint32_t largest = histogram(count, max_symbol, in, src_size);
-  if (max_symbol > max_symbol_value) return fse_error(FSE_ERROR_maxSymbolValue_tooSmall);
-  if (largest == src_size) return 1;             // one repeated byte
-  if (largest == 1) return 0;                    // no byte twice: nothing to gain
-  if (largest < (src_size >> 7)) return 0;       // flat enough not to pay
+  if (max_symbol > max_symbol_value) return final(fse_error(FSE_ERROR_maxSymbolValue_tooSmall));
+  if (largest == src_size) return final(1);        // one repeated byte
+  if (largest == 1) return final(0);               // no byte twice: nothing to gain
+  if (largest < (src_size >> 7)) return final(0);  // flat enough not to pay
 
   unsigned log = FSE_optimalTableLog(table_log, src_size, max_symbol);
   Counts norm = {};
   int64_t r = FSE_normalizeCount(norm, log, count, src_size, max_symbol);
-  if (FSE_isError(r)) return r;
+  if (FSE_isError(r)) return final(r);
   // The normalisation's counts fill the table: no need to check them again.
   int64_t header = write_header(out, dst_capacity, norm, max_symbol, log);
-  if (FSE_isError(header)) return header;
+  if (FSE_isError(header)) return final(header);
 
   // Most channel blocks are short, and many end up raw. Each coded symbol
   // writes at least table_log - highbit(p - 1) - 1 bits for p > 1 points
@@ -597,46 +614,130 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
     uint64_t bits = 2 * uint64_t(log) + 1;
     for (unsigned s = 0; s <= max_symbol; s++) bits += uint64_t(count[s]) * least_bits(s);
     bits -= least_bits(in[src_size - 1]) + least_bits(in[src_size - 2]);
-    if (uint64_t(header) + (bits + 7) / 8 >= src_size - 1) return 0;
+    if (uint64_t(header) + (bits + 7) / 8 >= src_size - 1) return final(0);
   }
 
-  EncodeTable table;
+  EncodeTable& table = plan.table;
   build_encode_table(table, norm, max_symbol, log);
   // Each state starts at the first cell of its symbol, which reads at least one bit.
   auto start_state = [&](uint8_t s) {
     return uint32_t(table.state[table.symbol[s].find_state + int32_t(points(norm[s]))]);
   };
-  const uint32_t state_last = start_state(in[src_size - 1]);
-  const uint32_t state_prev = start_state(in[src_size - 2]);
-  uint8_t* const stream_out = out + header;
-  const size_t room = dst_capacity - size_t(header);
-  size_t stream = CodecUseAvx2
-                      ? fse_encode_stream_bmi2(stream_out, room, table, in, src_size, state_last, state_prev)
-                      : encode_stream(stream_out, room, table, in, src_size, state_last, state_prev);
+  plan.state_last = start_state(in[src_size - 1]);
+  plan.state_prev = start_state(in[src_size - 2]);
+  plan.header = size_t(header);
+  return true;
+}
+
+EncodeJob stream_job(const BlockPlan& plan, void* dst, size_t dst_capacity, const void* src, size_t src_size) {
+  return {static_cast<uint8_t*>(dst) + plan.header, dst_capacity - plan.header, &plan.table,
+          static_cast<const uint8_t*>(src), src_size, plan.state_last, plan.state_prev};
+}
+
+// The block's result from its header and bitstream sizes.
+int64_t block_result(size_t header, size_t stream, size_t src_size) {
   if (stream == 0) return 0;
-  size_t total = size_t(header) + stream;
+  const size_t total = header + stream;
   if (total >= src_size - 1) return 0;
   return int64_t(total);
+}
+
+}  // namespace
+
+int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t src_size,
+                      unsigned max_symbol_value, unsigned table_log) {
+  BlockPlan plan;
+  int64_t result;
+  if (!plan_block(plan, result, dst, dst_capacity, src, src_size, max_symbol_value, table_log)) return result;
+  const EncodeJob j = stream_job(plan, dst, dst_capacity, src, src_size);
+  const size_t stream =
+      CodecUseAvx2 ? fse_encode_stream_bmi2(j.dst, j.capacity, plan.table, j.in, src_size, j.state_last, j.state_prev)
+                   : encode_stream(j.dst, j.capacity, plan.table, j.in, src_size, j.state_last, j.state_prev);
+  return block_result(plan.header, stream, src_size);
 }
 
 int64_t FSE_compress(void* dst, size_t dst_capacity, const void* src, size_t src_size) {
   return FSE_compress2(dst, dst_capacity, src, src_size, FSE_MAX_SYMBOL_VALUE, FSE_DEFAULT_TABLELOG);
 }
 
-int64_t FSE_decompress(void* dst, size_t dst_capacity, const void* src, size_t src_size) {
-  const uint8_t* in = static_cast<const uint8_t*>(src);
+void FSE_compressPair(const FseBlock (&blocks)[2], int64_t results[2]) {
+  BlockPlan plans[2];
+  bool coded[2];
+  for (int k = 0; k < 2; k++)
+    coded[k] = plan_block(plans[k], results[k], blocks[k].dst, blocks[k].dst_capacity, blocks[k].src,
+                          blocks[k].src_size, FSE_MAX_SYMBOL_VALUE, FSE_DEFAULT_TABLELOG);
+  if (coded[0] && coded[1]) {
+    EncodeJob jobs[2];
+    for (int k = 0; k < 2; k++)
+      jobs[k] = stream_job(plans[k], blocks[k].dst, blocks[k].dst_capacity, blocks[k].src, blocks[k].src_size);
+    size_t streams[2];
+    if (CodecUseAvx2)
+      fse_encode_streams2_bmi2(jobs, streams);
+    else
+      encode_streams2(jobs, streams);
+    for (int k = 0; k < 2; k++) results[k] = block_result(plans[k].header, streams[k], blocks[k].src_size);
+    return;
+  }
+  // At most one bitstream: nothing to pair.
+  for (int k = 0; k < 2; k++)
+    if (coded[k]) results[k] = FSE_compress(blocks[k].dst, blocks[k].dst_capacity, blocks[k].src, blocks[k].src_size);
+}
+
+namespace {
+
+// Reads a block's header and builds its decoding table: the header's size,
+// or an error.
+int64_t read_block_table(DecodeCell* table, unsigned& log, const uint8_t* in, size_t src_size) {
   Counts norm = {};
-  unsigned max_symbol = FSE_MAX_SYMBOL_VALUE, log;
+  unsigned max_symbol = FSE_MAX_SYMBOL_VALUE;
   int64_t header = FSE_readNCount(norm, &max_symbol, &log, in, src_size);
   if (FSE_isError(header)) return header;
   if (size_t(header) >= src_size) return fse_error(FSE_ERROR_srcSize_wrong);
   if (!counts_fill_table(norm, max_symbol, log)) return fse_error(FSE_ERROR_corruptionDetected);
-  DecodeCell table[1u << FSE_MAX_TABLELOG];
   build_decode_table(table, norm, log);
+  return header;
+}
 
+}  // namespace
+
+int64_t FSE_decompress(void* dst, size_t dst_capacity, const void* src, size_t src_size) {
+  const uint8_t* in = static_cast<const uint8_t*>(src);
+  DecodeCell table[1u << FSE_MAX_TABLELOG];
+  unsigned log;
+  const int64_t header = read_block_table(table, log, in, src_size);
+  if (FSE_isError(header)) return header;
   uint8_t* out = static_cast<uint8_t*>(dst);
   const uint8_t* stream = in + header;
   const size_t stream_size = src_size - size_t(header);
   return CodecUseAvx2 ? fse_decode_stream_bmi2(out, dst_capacity, table, log, stream, stream_size)
               : decode_stream(out, dst_capacity, table, log, stream, stream_size);
+}
+
+void FSE_decompressPair(const FseBlock (&blocks)[2], int64_t results[2]) {
+  DecodeCell tables[2][1u << FSE_MAX_TABLELOG];
+  DecodeJob jobs[2];
+  bool good = true;
+  for (int k = 0; k < 2; k++) {
+    const uint8_t* in = static_cast<const uint8_t*>(blocks[k].src);
+    unsigned log = 0;
+    results[k] = read_block_table(tables[k], log, in, blocks[k].src_size);
+    good &= !FSE_isError(results[k]);
+    const size_t header = FSE_isError(results[k]) ? 0 : size_t(results[k]);
+    jobs[k] = {static_cast<uint8_t*>(blocks[k].dst), blocks[k].dst_capacity, tables[k], log, in + header,
+               blocks[k].src_size - header};
+  }
+  if (good) {
+    if (CodecUseAvx2)
+      fse_decode_streams2_bmi2(jobs, results);
+    else
+      decode_streams2(jobs, results);
+    return;
+  }
+  // A bad header leaves at most one bitstream to decode.
+  for (int k = 0; k < 2; k++)
+    if (!FSE_isError(results[k]))
+      results[k] = CodecUseAvx2 ? fse_decode_stream_bmi2(jobs[k].dst, jobs[k].dst_capacity, jobs[k].table,
+                                                         jobs[k].log, jobs[k].src, jobs[k].src_size)
+                                : decode_stream(jobs[k].dst, jobs[k].dst_capacity, jobs[k].table, jobs[k].log,
+                                                jobs[k].src, jobs[k].src_size);
 }

@@ -12,3 +12,9 @@ size_t fse_encode_stream_bmi2(uint8_t* dst, size_t capacity, const EncodeTable& 
                               uint32_t state_prev) {
   return encode_stream(dst, capacity, table, in, src_size, state_last, state_prev);
 }
+
+void fse_decode_streams2_bmi2(const DecodeJob (&jobs)[2], int64_t results[2]) {
+  decode_streams2(jobs, results);
+}
+
+void fse_encode_streams2_bmi2(const EncodeJob (&jobs)[2], size_t sizes[2]) { encode_streams2(jobs, sizes); }

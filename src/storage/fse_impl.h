@@ -27,6 +27,26 @@ struct EncodeTable {
   EncodeSymbol symbol[FSE_MAX_SYMBOL_VALUE + 1];
 };
 
+// One block for the two-block loops: its bitstream and where it goes.
+struct DecodeJob {
+  uint8_t* dst;
+  size_t dst_capacity;
+  const DecodeCell* table;
+  unsigned log;
+  const uint8_t* src;
+  size_t src_size;
+};
+
+// src_size >= 2; the start states of the last two symbols.
+struct EncodeJob {
+  uint8_t* dst;
+  size_t capacity;
+  const EncodeTable* table;
+  const uint8_t* in;
+  size_t src_size;
+  uint32_t state_last, state_prev;
+};
+
 namespace {
 
 inline unsigned highbit32(uint32_t v) { return 31u - unsigned(__builtin_clz(v)); }
@@ -133,137 +153,259 @@ struct StreamReader {
 };
 
 
-// Codes in[0 .. src_size), src_size >= 2, into dst; `state_last` and
-// `state_prev` are the start states of the last two symbols. Returns the
-// stream's size, 0 if it didn't fit.
-inline size_t encode_stream(uint8_t* dst, size_t capacity, const EncodeTable& table,
-                            const uint8_t* in, size_t src_size, uint32_t state_last,
-                            uint32_t state_prev) {
-  const uint16_t* state_table = table.state;
-  const EncodeSymbol* sym = table.symbol;
-  const unsigned log = table.table_log;
-  StreamWriter w(dst, capacity);
-  // The writer's accumulator and count stay in locals through the loop; its
-  // overflow test runs once per four symbols.
-  uint64_t acc = 0;
-  unsigned count = 0;
-  auto encode = [&](uint32_t& state, uint8_t s) {
-    const EncodeSymbol e = sym[s];
-    const unsigned bits = (state + e.delta_bits) >> 16;
-    acc |= uint64_t(state & ((1u << bits) - 1)) << count;
-    count += bits;
-    state = state_table[int32_t(state >> bits) + e.find_state];
-  };
-  auto flush = [&] {
-    w.acc = acc;
-    w.count = count;
-    w.flush();
-    acc = w.acc;
-    count = w.count;
-  };
-  // State 1 carries the even positions. Copies, not references to the
-  // arguments: the states must live in registers.
+// ---- Encoding ------------------------------------------------------------------------
+
+// One block's bitstream being written, from its last symbol towards its
+// first: the writer, its accumulator and count, the two states and the
+// positions [0, i) still to code.
+struct StreamEncode {
+  StreamWriter w;
+  uint64_t acc;
+  unsigned count;
+  uint32_t state1, state2;  // state 1 carries the even positions
+  size_t i;
+  const uint8_t* in;
+  const EncodeTable* table;
+};
+
+// Starts in[0 .. src_size), src_size >= 2, into dst; `state_last` and
+// `state_prev` are the start states of the last two symbols. After it, i is
+// even, and groups of four follow.
+inline StreamEncode encode_open(uint8_t* dst, size_t capacity, const EncodeTable& table,
+                                const uint8_t* in, size_t src_size, uint32_t state_last,
+                                uint32_t state_prev) {
   const size_t k = src_size - 1;
-  uint32_t state1 = (k & 1) ? state_prev : state_last;
-  uint32_t state2 = (k & 1) ? state_last : state_prev;
-  size_t i = src_size - 2;  // positions [0, i) remain
-  if (i & 1) {
-    encode(state1, in[--i]);  // position i is even
-    flush();
-  }
-  // Now i is even: pairs (i-1: state 2, i-2: state 1).
-  for (; i >= 4; i -= 4) {
-    encode(state2, in[i - 1]);
-    encode(state1, in[i - 2]);
-    encode(state2, in[i - 3]);
-    encode(state1, in[i - 4]);
-    flush();
-  }
-  if (i >= 2) {
-    encode(state2, in[i - 1]);
-    encode(state1, in[i - 2]);
-    flush();
-  }
+  StreamEncode e{StreamWriter(dst, capacity), 0, 0, (k & 1) ? state_prev : state_last,
+                 (k & 1) ? state_last : state_prev, src_size - 2, in, &table};
+  return e;
+}
+
+__attribute__((always_inline)) inline void encode_symbol(uint64_t& acc, unsigned& count, uint32_t& state,
+                                                         uint8_t s, const EncodeSymbol* sym,
+                                                         const uint16_t* state_table) {
+  const EncodeSymbol e = sym[s];
+  const unsigned bits = (state + e.delta_bits) >> 16;
+  acc |= uint64_t(state & ((1u << bits) - 1)) << count;
+  count += bits;
+  state = state_table[int32_t(state >> bits) + e.find_state];
+}
+
+// The writer's flush on the accumulator and count held outside it.
+__attribute__((always_inline)) inline void encode_flush(StreamWriter& w, uint64_t& acc, unsigned& count) {
   w.acc = acc;
   w.count = count;
-  w.put(state2, log);
-  w.put(state1, log);
+  w.flush();
+  acc = w.acc;
+  count = w.count;
+}
+
+// Symbols i-1 .. i-4 (states 2, 1, 2, 1), then a flush.
+__attribute__((always_inline)) inline void encode_group(StreamEncode& e, uint64_t& acc, unsigned& count,
+                                                        uint32_t& state1, uint32_t& state2, size_t i) {
+  const EncodeSymbol* sym = e.table->symbol;
+  const uint16_t* st = e.table->state;
+  encode_symbol(acc, count, state2, e.in[i - 1], sym, st);
+  encode_symbol(acc, count, state1, e.in[i - 2], sym, st);
+  encode_symbol(acc, count, state2, e.in[i - 3], sym, st);
+  encode_symbol(acc, count, state1, e.in[i - 4], sym, st);
+  encode_flush(e.w, acc, count);
+}
+
+// The odd symbol in front of the groups, if any.
+inline void encode_start(StreamEncode& e) {
+  if (e.i & 1) {
+    encode_symbol(e.acc, e.count, e.state1, e.in[--e.i], e.table->symbol, e.table->state);
+    encode_flush(e.w, e.acc, e.count);
+  }
+}
+
+// The remaining groups, the last pair, the states and the end mark: the
+// stream's size, 0 if it didn't fit. The accumulator, count and states live
+// in locals through the loop, so that they stay in registers.
+inline size_t encode_close(StreamEncode& e) {
+  uint64_t acc = e.acc;
+  unsigned count = e.count;
+  uint32_t state1 = e.state1, state2 = e.state2;
+  size_t i = e.i;
+  for (; i >= 4; i -= 4) encode_group(e, acc, count, state1, state2, i);
+  if (i >= 2) {
+    encode_symbol(acc, count, state2, e.in[i - 1], e.table->symbol, e.table->state);
+    encode_symbol(acc, count, state1, e.in[i - 2], e.table->symbol, e.table->state);
+    encode_flush(e.w, acc, count);
+  }
+  StreamWriter& w = e.w;
+  w.acc = acc;
+  w.count = count;
+  w.put(state2, e.table->table_log);
+  w.put(state1, e.table->table_log);
   w.flush();
   return w.close();
 }
 
-// Decodes a block's bitstream into dst: the decoded size, or an error.
-inline int64_t decode_stream(uint8_t* dst, size_t dst_capacity, const DecodeCell* table,
-                             unsigned log, const uint8_t* src, size_t src_size) {
-  StreamReader r;
-  if (!r.init(src, src_size)) return fse_error(FSE_ERROR_corruptionDetected);
-  uint8_t* out = dst;
-  uint8_t* const end = out + dst_capacity;
-  uint32_t state1 = r.read(log);
-  uint32_t state2 = r.read(log);
-  if (r.reload_overflowed()) return fse_error(FSE_ERROR_corruptionDetected);
+// Codes in[0 .. src_size), src_size >= 2, into dst. Returns the stream's
+// size, 0 if it didn't fit.
+inline size_t encode_stream(uint8_t* dst, size_t capacity, const EncodeTable& table,
+                            const uint8_t* in, size_t src_size, uint32_t state_last,
+                            uint32_t state_prev) {
+  StreamEncode e = encode_open(dst, capacity, table, in, src_size, state_last, state_prev);
+  encode_start(e);
+  return encode_close(e);
+}
 
+// Two blocks at once: each state chain waits on its table load, so the
+// groups of the two blocks run side by side while both have four symbols
+// left; each block then ends alone. The bytes are those of encode_stream.
+inline void encode_streams2(const EncodeJob (&jobs)[2], size_t sizes[2]) {
+  auto open = [](const EncodeJob& j) {
+    return encode_open(j.dst, j.capacity, *j.table, j.in, j.src_size, j.state_last, j.state_prev);
+  };
+  StreamEncode a = open(jobs[0]), b = open(jobs[1]);
+  encode_start(a);
+  encode_start(b);
+  {
+    uint64_t acc_a = a.acc, acc_b = b.acc;
+    unsigned count_a = a.count, count_b = b.count;
+    uint32_t a1 = a.state1, a2 = a.state2, b1 = b.state1, b2 = b.state2;
+    size_t ia = a.i, ib = b.i;
+    for (; ia >= 4 && ib >= 4; ia -= 4, ib -= 4) {
+      encode_group(a, acc_a, count_a, a1, a2, ia);
+      encode_group(b, acc_b, count_b, b1, b2, ib);
+    }
+    a.acc = acc_a, a.count = count_a, a.state1 = a1, a.state2 = a2, a.i = ia;
+    b.acc = acc_b, b.count = count_b, b.state1 = b1, b.state2 = b2, b.i = ib;
+  }
+  sizes[0] = encode_close(a);
+  sizes[1] = encode_close(b);
+}
+
+// ---- Decoding ------------------------------------------------------------------------
+
+// One block's bitstream being read: the reader, the two states, the output.
+struct StreamDecode {
+  StreamReader r;
+  uint32_t state1, state2;
+  uint8_t* dst;
+  uint8_t* out;
+  uint8_t* end;
+  const DecodeCell* table;
+  unsigned log;
+};
+
+// Reads the start states; false for a stream that can't be decoded.
+inline bool decode_open(StreamDecode& d, uint8_t* dst, size_t dst_capacity, const DecodeCell* table,
+                        unsigned log, const uint8_t* src, size_t src_size) {
+  d.r = StreamReader{};
+  d.dst = d.out = dst;
+  d.end = dst + dst_capacity;
+  d.table = table;
+  d.log = log;
+  d.state1 = d.state2 = 0;
+  if (!d.r.init(src, src_size)) return false;
+  d.state1 = d.r.read(log);
+  d.state2 = d.r.read(log);
+  return !d.r.reload_overflowed();
+}
+
+// Whether the fast loop may start: room for four symbols, and far from the
+// start a reload leaves at least 57 bits.
+inline bool decode_can_run_fast(StreamDecode& d) { return d.end - d.out >= 4 && d.r.reload_fast(); }
+
+// The reader's fields and the states in one place, copied to locals by the
+// loops so that they stay in registers.
+struct FastDecode {
+  const uint8_t* start;
+  const uint8_t* ptr;
+  uint64_t container;
+  unsigned consumed;
+  uint32_t state1, state2;
+  uint8_t* out;
+  uint8_t* end;
+};
+
+inline FastDecode fast_from(const StreamDecode& d) {
+  return {d.r.start, d.r.ptr, d.r.container, d.r.consumed, d.state1, d.state2, d.out, d.end};
+}
+
+inline void fast_back(StreamDecode& d, const FastDecode& f) {
+  d.r.ptr = f.ptr;
+  d.r.container = f.container;
+  d.r.consumed = f.consumed;
+  d.state1 = f.state1;
+  d.state2 = f.state2;
+  d.out = f.out;
+}
+
+__attribute__((always_inline)) inline uint8_t fast_step(FastDecode& f, uint32_t& state,
+                                                        const DecodeCell* table) {
+  const DecodeCell c = table[state];
+  state = c.base + uint32_t(((f.container << f.consumed) >> 1) >> (63 - c.bits));
+  f.consumed += c.bits;
+  return c.symbol;
+}
+
+// One group of four symbols of at most 11 bits; false when the stream
+// leaves the fast loop after it. The next group's reload is taken after the
+// third symbol, so that its load overlaps the fourth instead of holding up
+// the next group. From the position after three symbols a reload leaves at
+// least 57 bits: 11 for the fourth symbol and 44 for the next group's four.
+__attribute__((always_inline)) inline bool fast_group11(FastDecode& f, const DecodeCell* table) {
+  const bool more = f.end - f.out >= 8 && f.ptr - f.start >= 8;
+  f.out[0] = fast_step(f, f.state1, table);
+  f.out[1] = fast_step(f, f.state2, table);
+  f.out[2] = fast_step(f, f.state1, table);
+  const uint8_t* const next = more ? f.ptr - (f.consumed >> 3) : f.ptr;
+  const uint64_t next_container = load_u64(next);
+  const unsigned next_consumed = f.consumed & 7;
+  const unsigned before = f.consumed;
+  f.out[3] = fast_step(f, f.state2, table);
+  f.out += 4;
+  if (!more) return false;
+  f.ptr = next;
+  f.container = next_container;
+  f.consumed = next_consumed + (f.consumed - before);
+  return true;
+}
+
+// The fast loop of a stream that may run it (decode_can_run_fast).
+inline void decode_fast(StreamDecode& d) {
+  const DecodeCell* const table = d.table;
+  FastDecode f = fast_from(d);
+  if (d.log <= 11) {
+    while (fast_group11(f, table)) {
+    }
+  } else {
+    for (;;) {
+      f.out[0] = fast_step(f, f.state1, table);
+      f.out[1] = fast_step(f, f.state2, table);
+      f.out[2] = fast_step(f, f.state1, table);
+      f.out[3] = fast_step(f, f.state2, table);
+      f.out += 4;
+      if (!(f.end - f.out >= 4 && f.ptr - f.start >= 8)) break;
+      f.ptr -= f.consumed >> 3;
+      f.consumed &= 7;
+      f.container = load_u64(f.ptr);
+    }
+  }
+  fast_back(d, f);
+}
+
+// Symbol by symbol to the end: the decoded size, or an error. `after_fast`
+// says the fast loop ran.
+inline int64_t decode_close(StreamDecode& d, bool after_fast) {
+  StreamReader& r = d.r;
+  // The same position with the fewest bits used before the symbol-by-symbol
+  // end: up to 62 bits may be used here, too few left for another symbol.
+  // With at most 64 used, this never reports an overflow.
+  if (after_fast) r.reload_overflowed();
+  const DecodeCell* const table = d.table;
+  uint8_t* out = d.out;
+  uint8_t* const end = d.end;
+  uint32_t state1 = d.state1, state2 = d.state2;
   auto step = [&](uint32_t& state) {
     DecodeCell c = table[state];
     state = c.base + r.read(c.bits);
     return c.symbol;
   };
-  // Far from the start a reload leaves at least 57 bits: four symbols.
-  if (end - out >= 4 && r.reload_fast()) {
-    // The reader's fields in locals, so that they stay in registers.
-    const uint8_t* const start = r.start;
-    const uint8_t* ptr = r.ptr;
-    uint64_t container = r.container;
-    unsigned consumed = r.consumed;
-    auto fast_step = [&](uint32_t& state) {
-      const DecodeCell c = table[state];
-      state = c.base + uint32_t(((container << consumed) >> 1) >> (63 - c.bits));
-      consumed += c.bits;
-      return c.symbol;
-    };
-    if (log <= 11) {
-      // Symbols of at most 11 bits: the next group's reload is taken after the
-      // third symbol, so that its load overlaps the fourth instead of holding
-      // up the next group. From the position after three symbols a reload
-      // leaves at least 57 bits: 11 for the fourth symbol and 44 for the next
-      // group's four.
-      for (;;) {
-        const bool more = end - out >= 8 && ptr - start >= 8;
-        out[0] = fast_step(state1);
-        out[1] = fast_step(state2);
-        out[2] = fast_step(state1);
-        const uint8_t* const next = more ? ptr - (consumed >> 3) : ptr;
-        const uint64_t next_container = load_u64(next);
-        const unsigned next_consumed = consumed & 7;
-        const unsigned before = consumed;
-        out[3] = fast_step(state2);
-        out += 4;
-        if (!more) break;
-        ptr = next;
-        container = next_container;
-        consumed = next_consumed + (consumed - before);
-      }
-    } else {
-      for (;;) {
-        out[0] = fast_step(state1);
-        out[1] = fast_step(state2);
-        out[2] = fast_step(state1);
-        out[3] = fast_step(state2);
-        out += 4;
-        if (!(end - out >= 4 && ptr - start >= 8)) break;
-        ptr -= consumed >> 3;
-        consumed &= 7;
-        container = load_u64(ptr);
-      }
-    }
-    r.ptr = ptr;
-    r.container = container;
-    r.consumed = consumed;
-    // The same position with the fewest bits used before the symbol-by-symbol
-    // end: up to 62 bits may be used here, too few left for another symbol.
-    // With at most 64 used, this never reports an overflow.
-    r.reload_overflowed();
-  }
   for (;;) {
     if (out == end) return fse_error(FSE_ERROR_dstSize_tooSmall);
     *out++ = step(state1);
@@ -280,7 +422,60 @@ inline int64_t decode_stream(uint8_t* dst, size_t dst_capacity, const DecodeCell
       break;
     }
   }
-  return int64_t(out - dst);
+  return int64_t(out - d.dst);
+}
+
+// Decodes a block's bitstream into dst: the decoded size, or an error.
+inline int64_t decode_stream(uint8_t* dst, size_t dst_capacity, const DecodeCell* table,
+                             unsigned log, const uint8_t* src, size_t src_size) {
+  StreamDecode d;
+  if (!decode_open(d, dst, dst_capacity, table, log, src, src_size))
+    return fse_error(FSE_ERROR_corruptionDetected);
+  const bool fast = decode_can_run_fast(d);
+  if (fast) decode_fast(d);
+  return decode_close(d, fast);
+}
+
+// Two streams at once: both fast loops run side by side, four states and
+// two readers, while both go on; each then ends alone. The results are
+// those of decode_stream on each.
+inline void decode_streams2(const DecodeJob (&jobs)[2], int64_t results[2]) {
+  StreamDecode a, b;
+  auto open = [](StreamDecode& d, const DecodeJob& j) {
+    return decode_open(d, j.dst, j.dst_capacity, j.table, j.log, j.src, j.src_size);
+  };
+  const bool open_a = open(a, jobs[0]), open_b = open(b, jobs[1]);
+  if (!open_a || !open_b) {
+    results[0] = open_a ? decode_stream(jobs[0].dst, jobs[0].dst_capacity, jobs[0].table, jobs[0].log,
+                                        jobs[0].src, jobs[0].src_size)
+                        : fse_error(FSE_ERROR_corruptionDetected);
+    results[1] = open_b ? decode_stream(jobs[1].dst, jobs[1].dst_capacity, jobs[1].table, jobs[1].log,
+                                        jobs[1].src, jobs[1].src_size)
+                        : fse_error(FSE_ERROR_corruptionDetected);
+    return;
+  }
+  const bool fast_a = decode_can_run_fast(a);
+  const bool fast_b = decode_can_run_fast(b);
+  if (fast_a && fast_b && a.log <= 11 && b.log <= 11) {
+    FastDecode fa = fast_from(a), fb = fast_from(b);
+    const DecodeCell* const ta = a.table;
+    const DecodeCell* const tb = b.table;
+    bool go_a, go_b;
+    do {
+      go_a = fast_group11(fa, ta);
+      go_b = fast_group11(fb, tb);
+    } while (go_a & go_b);
+    fast_back(a, fa);
+    fast_back(b, fb);
+    // The one still going goes on alone, as it would have.
+    if (go_a) decode_fast(a);
+    if (go_b) decode_fast(b);
+  } else {
+    if (fast_a) decode_fast(a);
+    if (fast_b) decode_fast(b);
+  }
+  results[0] = decode_close(a, fast_a);
+  results[1] = decode_close(b, fast_b);
 }
 
 }  // namespace
@@ -292,3 +487,6 @@ int64_t fse_decode_stream_bmi2(uint8_t* dst, size_t dst_capacity, const DecodeCe
 size_t fse_encode_stream_bmi2(uint8_t* dst, size_t capacity, const EncodeTable& table,
                               const uint8_t* in, size_t src_size, uint32_t state_last,
                               uint32_t state_prev);
+// The two-block loops built with BMI2: decode_streams2 and encode_streams2.
+void fse_decode_streams2_bmi2(const DecodeJob (&jobs)[2], int64_t results[2]);
+void fse_encode_streams2_bmi2(const EncodeJob (&jobs)[2], size_t sizes[2]);
