@@ -109,17 +109,21 @@ int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t sr
                       unsigned max_symbol_value, unsigned table_log);
 // Returns the number of bytes regenerated, at most `dst_capacity`.
 int64_t FSE_decompress(void* dst, size_t dst_capacity, const void* src, size_t src_size);
-// Two blocks at once, each with the result and bytes FSE_compress or
-// FSE_decompress would give it alone: the two blocks' coding loops run side
-// by side, which hides the latency of each one's table loads.
+// Blocks coded two at a time, each with the result and bytes FSE_compress
+// or FSE_decompress would give it alone (FSE_compress2 with `table_log` when
+// it isn't 0): the coding loops of two blocks run side by side, which hides
+// the latency of each one's table loads, and a block that ends is followed
+// by the next. Longest first pairs them best.
 struct FseBlock {
   void* dst;
   size_t dst_capacity;
   const void* src;
   size_t src_size;
+  unsigned table_log = 0;
 };
-void FSE_compressPair(const FseBlock (&blocks)[2], int64_t results[2]);
-void FSE_decompressPair(const FseBlock (&blocks)[2], int64_t results[2]);
+constexpr int FSE_MAX_BLOCKS = 64;  // a larger list goes in parts of this many
+void FSE_compressBlocks(const FseBlock* blocks, int n, int64_t* results);
+void FSE_decompressBlocks(const FseBlock* blocks, int n, int64_t* results);
 // Whether the FSE decoding loop, the inverse row transform and the 16- and
 // 32-bit packed forms run their AVX2/BMI2 builds: set at start-up where the processor has both; tests turn
 // it off to compare with the baseline builds.

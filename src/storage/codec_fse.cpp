@@ -258,11 +258,10 @@ class FseEncoder final : public RowEncoder {
     fill[c] = 0;
   }
 
-  // The last blocks of all channels, coded two at a time, the largest with
-  // the next largest so that the paired loops run side by side for longest,
-  // then written in channel order. Each channel's coded bytes get the bound
-  // of its own size: a block that is kept coded fits in it, so the results
-  // are those of cut_block's larger room.
+  // The last blocks of all channels, coded two at a time from the largest
+  // down (FSE_compressBlocks), then written in channel order. Each channel's
+  // coded bytes get the bound of its own size: a block that is kept coded
+  // fits in it, so the results are those of cut_block's larger room.
   void flush_all() {
     int order[CodecChannelCount];
     int n = 0;
@@ -276,21 +275,14 @@ class FseEncoder final : public RowEncoder {
     if (n == 0) return;
     uint8_t* area = allocate(offset[CodecChannelCount]);
     std::sort(order, order + n, [&](int a, int b) { return fill[a] > fill[b] || (fill[a] == fill[b] && a < b); });
-    int64_t result[CodecChannelCount];
-    auto block = [&](int c) {
-      return FseBlock{area + offset[c], FSE_compressBound(fill[c]), staged[c], fill[c]};
-    };
-    int k = 0;
-    for (; k + 1 < n; k += 2) {
-      int64_t pair[2];
-      FSE_compressPair({block(order[k]), block(order[k + 1])}, pair);
-      result[order[k]] = pair[0];
-      result[order[k + 1]] = pair[1];
+    FseBlock blocks[CodecChannelCount];
+    for (int k = 0; k < n; k++) {
+      const int c = order[k];
+      blocks[k] = {area + offset[c], FSE_compressBound(fill[c]), staged[c], fill[c]};
     }
-    if (k < n) {
-      const FseBlock b = block(order[k]);
-      result[order[k]] = FSE_compress(b.dst, b.dst_capacity, b.src, b.src_size);
-    }
+    int64_t sorted[CodecChannelCount], result[CodecChannelCount];
+    FSE_compressBlocks(blocks, n, sorted);
+    for (int k = 0; k < n; k++) result[order[k]] = sorted[k];
     for (int c = 0; c < CodecChannelCount; c++)
       if (staged[c] && fill[c] > 0) write_block(c, result[c], area + offset[c]);
     aligned_free_bytes(area);
@@ -429,25 +421,18 @@ class FseDecoder final : public RowDecoder {
       else
         order[ready++] = c;
     }
+    // Longest first: the decoding loop runs once per source byte.
     std::sort(order, order + ready,
-              [&](int a, int b) { return coded_size[a] > coded_size[b] || (coded_size[a] == coded_size[b] && a < b); });
-    auto block = [&](int c) {
-      return FseBlock{buffer[c], BlockBytes, first_coded + offset[c], size_t(coded_size[c])};
-    };
-    auto check = [&](int c, int64_t r) {
-      if (r != int64_t(first_size[c])) first_block[c] = Bad;
-    };
-    int k = 0;
-    for (; k + 1 < ready; k += 2) {
-      int64_t r[2];
-      FSE_decompressPair({block(order[k]), block(order[k + 1])}, r);
-      check(order[k], r[0]);
-      check(order[k + 1], r[1]);
+              [&](int a, int b) { return first_size[a] > first_size[b] || (first_size[a] == first_size[b] && a < b); });
+    FseBlock blocks[CodecChannelCount];
+    for (int k = 0; k < ready; k++) {
+      const int c = order[k];
+      blocks[k] = {buffer[c], BlockBytes, first_coded + offset[c], size_t(coded_size[c])};
     }
-    if (k < ready) {
-      const FseBlock b = block(order[k]);
-      check(order[k], FSE_decompress(b.dst, b.dst_capacity, b.src, b.src_size));
-    }
+    int64_t results[CodecChannelCount];
+    FSE_decompressBlocks(blocks, ready, results);
+    for (int k = 0; k < ready; k++)
+      if (results[k] != int64_t(first_size[order[k]])) first_block[order[k]] = Bad;
   }
 
   // Hands over a first block read ahead: true if there was one.

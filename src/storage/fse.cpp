@@ -660,27 +660,48 @@ int64_t FSE_compress(void* dst, size_t dst_capacity, const void* src, size_t src
   return FSE_compress2(dst, dst_capacity, src, src_size, FSE_MAX_SYMBOL_VALUE, FSE_DEFAULT_TABLELOG);
 }
 
-void FSE_compressPair(const FseBlock (&blocks)[2], int64_t results[2]) {
+namespace {
+
+// The blocks of FSE_compressBlocks and each lane's plan.
+struct CompressLanes {
+  const FseBlock* blocks;
+  int64_t* results;
   BlockPlan plans[2];
-  bool coded[2];
-  for (int k = 0; k < 2; k++)
-    coded[k] = plan_block(plans[k], results[k], blocks[k].dst, blocks[k].dst_capacity, blocks[k].src,
-                          blocks[k].src_size, FSE_MAX_SYMBOL_VALUE, FSE_DEFAULT_TABLELOG);
-  if (coded[0] && coded[1]) {
-    EncodeJob jobs[2];
-    for (int k = 0; k < 2; k++)
-      jobs[k] = stream_job(plans[k], blocks[k].dst, blocks[k].dst_capacity, blocks[k].src, blocks[k].src_size);
-    size_t streams[2];
-    if (CodecUseAvx2)
-      fse_encode_streams2_bmi2(jobs, streams);
-    else
-      encode_streams2(jobs, streams);
-    for (int k = 0; k < 2; k++) results[k] = block_result(plans[k].header, streams[k], blocks[k].src_size);
+  size_t header[FSE_MAX_BLOCKS];
+};
+
+bool plan_for_lane(void* context, int k, int lane, EncodeJob& job) {
+  CompressLanes& c = *static_cast<CompressLanes*>(context);
+  const FseBlock& b = c.blocks[k];
+  BlockPlan& plan = c.plans[lane];
+  if (!plan_block(plan, c.results[k], b.dst, b.dst_capacity, b.src, b.src_size, FSE_MAX_SYMBOL_VALUE,
+                  b.table_log ? b.table_log : FSE_DEFAULT_TABLELOG))
+    return false;
+  c.header[k] = plan.header;
+  job = stream_job(plan, b.dst, b.dst_capacity, b.src, b.src_size);
+  return true;
+}
+
+}  // namespace
+
+void FSE_compressBlocks(const FseBlock* blocks, int n, int64_t* results) {
+  if (n > FSE_MAX_BLOCKS) {
+    for (; n > 0; n -= FSE_MAX_BLOCKS, blocks += FSE_MAX_BLOCKS, results += FSE_MAX_BLOCKS)
+      FSE_compressBlocks(blocks, std::min(n, FSE_MAX_BLOCKS), results);
     return;
   }
-  // At most one bitstream: nothing to pair.
-  for (int k = 0; k < 2; k++)
-    if (coded[k]) results[k] = FSE_compress(blocks[k].dst, blocks[k].dst_capacity, blocks[k].src, blocks[k].src_size);
+  CompressLanes c;
+  c.blocks = blocks;
+  c.results = results;
+  // A stream size for each block that gets one: 0 means "didn't fit".
+  size_t streams[FSE_MAX_BLOCKS];
+  for (int k = 0; k < n; k++) streams[k] = SIZE_MAX;
+  if (CodecUseAvx2)
+    fse_encode_lanes_bmi2(n, plan_for_lane, &c, streams);
+  else
+    encode_lanes(n, plan_for_lane, &c, streams);
+  for (int k = 0; k < n; k++)
+    if (streams[k] != SIZE_MAX) results[k] = block_result(c.header[k], streams[k], blocks[k].src_size);
 }
 
 namespace {
@@ -713,31 +734,35 @@ int64_t FSE_decompress(void* dst, size_t dst_capacity, const void* src, size_t s
               : decode_stream(out, dst_capacity, table, log, stream, stream_size);
 }
 
-void FSE_decompressPair(const FseBlock (&blocks)[2], int64_t results[2]) {
+namespace {
+
+struct DecompressLanes {
+  const FseBlock* blocks;
   DecodeCell tables[2][1u << FSE_MAX_TABLELOG];
-  DecodeJob jobs[2];
-  bool good = true;
-  for (int k = 0; k < 2; k++) {
-    const uint8_t* in = static_cast<const uint8_t*>(blocks[k].src);
-    unsigned log = 0;
-    results[k] = read_block_table(tables[k], log, in, blocks[k].src_size);
-    good &= !FSE_isError(results[k]);
-    const size_t header = FSE_isError(results[k]) ? 0 : size_t(results[k]);
-    jobs[k] = {static_cast<uint8_t*>(blocks[k].dst), blocks[k].dst_capacity, tables[k], log, in + header,
-               blocks[k].src_size - header};
+};
+
+bool open_for_lane(void* context, int k, int lane, DecodeJob& job, int64_t& result) {
+  DecompressLanes& c = *static_cast<DecompressLanes*>(context);
+  const FseBlock& b = c.blocks[k];
+  const uint8_t* in = static_cast<const uint8_t*>(b.src);
+  unsigned log = 0;
+  const int64_t header = read_block_table(c.tables[lane], log, in, b.src_size);
+  if (FSE_isError(header)) {
+    result = header;
+    return false;
   }
-  if (good) {
-    if (CodecUseAvx2)
-      fse_decode_streams2_bmi2(jobs, results);
-    else
-      decode_streams2(jobs, results);
-    return;
-  }
-  // A bad header leaves at most one bitstream to decode.
-  for (int k = 0; k < 2; k++)
-    if (!FSE_isError(results[k]))
-      results[k] = CodecUseAvx2 ? fse_decode_stream_bmi2(jobs[k].dst, jobs[k].dst_capacity, jobs[k].table,
-                                                         jobs[k].log, jobs[k].src, jobs[k].src_size)
-                                : decode_stream(jobs[k].dst, jobs[k].dst_capacity, jobs[k].table, jobs[k].log,
-                                                jobs[k].src, jobs[k].src_size);
+  job = {static_cast<uint8_t*>(b.dst), b.dst_capacity, c.tables[lane], log, in + header,
+         b.src_size - size_t(header)};
+  return true;
+}
+
+}  // namespace
+
+void FSE_decompressBlocks(const FseBlock* blocks, int n, int64_t* results) {
+  DecompressLanes c;
+  c.blocks = blocks;
+  if (CodecUseAvx2)
+    fse_decode_lanes_bmi2(n, open_for_lane, &c, results);
+  else
+    decode_lanes(n, open_for_lane, &c, results);
 }

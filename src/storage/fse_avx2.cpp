@@ -13,8 +13,10 @@ size_t fse_encode_stream_bmi2(uint8_t* dst, size_t capacity, const EncodeTable& 
   return encode_stream(dst, capacity, table, in, src_size, state_last, state_prev);
 }
 
-void fse_decode_streams2_bmi2(const DecodeJob (&jobs)[2], int64_t results[2]) {
-  decode_streams2(jobs, results);
+void fse_decode_lanes_bmi2(int n, DecodeOpener open, void* context, int64_t* results) {
+  decode_lanes(n, open, context, results);
 }
 
-void fse_encode_streams2_bmi2(const EncodeJob (&jobs)[2], size_t sizes[2]) { encode_streams2(jobs, sizes); }
+void fse_encode_lanes_bmi2(int n, EncodePlanner plan, void* context, size_t* streams) {
+  encode_lanes(n, plan, context, streams);
+}

@@ -47,6 +47,11 @@ struct EncodeJob {
   uint32_t state_last, state_prev;
 };
 
+// The callbacks of the two-lane loops, in the baseline build: block k made
+// ready for a lane, whose table it may replace.
+using DecodeOpener = bool (*)(void* context, int k, int lane, DecodeJob& job, int64_t& result);
+using EncodePlanner = bool (*)(void* context, int k, int lane, EncodeJob& job);
+
 namespace {
 
 inline unsigned highbit32(uint32_t v) { return 31u - unsigned(__builtin_clz(v)); }
@@ -63,12 +68,13 @@ inline uint64_t load_u64(const uint8_t* p) {
 
 // Writes forwards in 64-bit steps; the decoder reads the result from its end.
 struct StreamWriter {
-  uint8_t* start;
-  uint8_t* out;
-  uint8_t* limit;  // last position where a whole 8-byte store still fits
+  uint8_t* start = nullptr;
+  uint8_t* out = nullptr;
+  uint8_t* limit = nullptr;  // last position where a whole 8-byte store still fits
   uint64_t acc = 0;
   unsigned count = 0;
   bool overflow = false;
+  StreamWriter() = default;
   StreamWriter(uint8_t* dst, size_t capacity)
       : start(dst), out(dst), limit(capacity >= 8 ? dst + capacity - 8 : dst) {
     overflow = capacity < 8;
@@ -252,17 +258,32 @@ inline size_t encode_stream(uint8_t* dst, size_t capacity, const EncodeTable& ta
   return encode_close(e);
 }
 
-// Two blocks at once: each state chain waits on its table load, so the
-// groups of the two blocks run side by side while both have four symbols
-// left; each block then ends alone. The bytes are those of encode_stream.
-inline void encode_streams2(const EncodeJob (&jobs)[2], size_t sizes[2]) {
-  auto open = [](const EncodeJob& j) {
-    return encode_open(j.dst, j.capacity, *j.table, j.in, j.src_size, j.state_last, j.state_prev);
+// Blocks in two lanes: each state chain waits on its table loads, so the
+// groups of two blocks run side by side while both have four symbols left;
+// a lane whose block ends takes the next block that needs a bitstream.
+// `plan` makes block k ready for `lane` (its table in the lane's place) and
+// says whether it needs a bitstream; streams[k] gets the size of each one
+// coded, as encode_stream gives it.
+inline void encode_lanes(int n, EncodePlanner plan, void* context, size_t* streams) {
+  StreamEncode lane[2];
+  int current[2] = {-1, -1};
+  int next = 0;
+  auto start = [&](int l) {
+    while (next < n) {
+      const int k = next++;
+      EncodeJob j;
+      if (!plan(context, k, l, j)) continue;
+      lane[l] = encode_open(j.dst, j.capacity, *j.table, j.in, j.src_size, j.state_last, j.state_prev);
+      encode_start(lane[l]);
+      current[l] = k;
+      return true;
+    }
+    return false;
   };
-  StreamEncode a = open(jobs[0]), b = open(jobs[1]);
-  encode_start(a);
-  encode_start(b);
-  {
+  bool have0 = start(0), have1 = have0 && start(1);
+  while (have0 && have1) {
+    StreamEncode& a = lane[0];
+    StreamEncode& b = lane[1];
     uint64_t acc_a = a.acc, acc_b = b.acc;
     unsigned count_a = a.count, count_b = b.count;
     uint32_t a1 = a.state1, a2 = a.state2, b1 = b.state1, b2 = b.state2;
@@ -273,9 +294,18 @@ inline void encode_streams2(const EncodeJob (&jobs)[2], size_t sizes[2]) {
     }
     a.acc = acc_a, a.count = count_a, a.state1 = a1, a.state2 = a2, a.i = ia;
     b.acc = acc_b, b.count = count_b, b.state1 = b1, b.state2 = b2, b.i = ib;
+    if (ia < 4) {
+      streams[current[0]] = encode_close(a);
+      have0 = start(0);
+    }
+    if (ib < 4) {
+      streams[current[1]] = encode_close(b);
+      have1 = start(1);
+    }
   }
-  sizes[0] = encode_close(a);
-  sizes[1] = encode_close(b);
+  // One lane left, or none.
+  for (int l = 0; l < 2; l++)
+    if (l == 0 ? have0 : have1) streams[current[l]] = encode_close(lane[l]);
 }
 
 // ---- Decoding ------------------------------------------------------------------------
@@ -436,46 +466,64 @@ inline int64_t decode_stream(uint8_t* dst, size_t dst_capacity, const DecodeCell
   return decode_close(d, fast);
 }
 
-// Two streams at once: both fast loops run side by side, four states and
-// two readers, while both go on; each then ends alone. The results are
-// those of decode_stream on each.
-inline void decode_streams2(const DecodeJob (&jobs)[2], int64_t results[2]) {
-  StreamDecode a, b;
-  auto open = [](StreamDecode& d, const DecodeJob& j) {
-    return decode_open(d, j.dst, j.dst_capacity, j.table, j.log, j.src, j.src_size);
+// Blocks in two lanes: both fast loops run side by side, four states and
+// two readers, while both go on; a lane whose block leaves its fast loop
+// ends that block alone and takes the next. `open` reads block k's header
+// and builds its table in the lane's place, or sets results[k] to its error.
+// The results are those of decode_stream on each block.
+inline void decode_lanes(int n, DecodeOpener open, void* context, int64_t* results) {
+  StreamDecode lane[2];
+  int current[2] = {-1, -1};
+  int next = 0;
+  // A lane's next block that runs the fast loop of at most 11 bits; the
+  // others are decoded on the spot.
+  auto start = [&](int l) {
+    while (next < n) {
+      const int k = next++;
+      DecodeJob j;
+      if (!open(context, k, l, j, results[k])) continue;
+      StreamDecode& d = lane[l];
+      if (!decode_open(d, j.dst, j.dst_capacity, j.table, j.log, j.src, j.src_size)) {
+        results[k] = fse_error(FSE_ERROR_corruptionDetected);
+        continue;
+      }
+      const bool fast = decode_can_run_fast(d);
+      if (fast && d.log <= 11) {
+        current[l] = k;
+        return true;
+      }
+      if (fast) decode_fast(d);
+      results[k] = decode_close(d, fast);
+    }
+    return false;
   };
-  const bool open_a = open(a, jobs[0]), open_b = open(b, jobs[1]);
-  if (!open_a || !open_b) {
-    results[0] = open_a ? decode_stream(jobs[0].dst, jobs[0].dst_capacity, jobs[0].table, jobs[0].log,
-                                        jobs[0].src, jobs[0].src_size)
-                        : fse_error(FSE_ERROR_corruptionDetected);
-    results[1] = open_b ? decode_stream(jobs[1].dst, jobs[1].dst_capacity, jobs[1].table, jobs[1].log,
-                                        jobs[1].src, jobs[1].src_size)
-                        : fse_error(FSE_ERROR_corruptionDetected);
-    return;
-  }
-  const bool fast_a = decode_can_run_fast(a);
-  const bool fast_b = decode_can_run_fast(b);
-  if (fast_a && fast_b && a.log <= 11 && b.log <= 11) {
-    FastDecode fa = fast_from(a), fb = fast_from(b);
-    const DecodeCell* const ta = a.table;
-    const DecodeCell* const tb = b.table;
+  bool have0 = start(0), have1 = have0 && start(1);
+  while (have0 && have1) {
+    FastDecode fa = fast_from(lane[0]), fb = fast_from(lane[1]);
+    const DecodeCell* const ta = lane[0].table;
+    const DecodeCell* const tb = lane[1].table;
     bool go_a, go_b;
     do {
       go_a = fast_group11(fa, ta);
       go_b = fast_group11(fb, tb);
     } while (go_a & go_b);
-    fast_back(a, fa);
-    fast_back(b, fb);
-    // The one still going goes on alone, as it would have.
-    if (go_a) decode_fast(a);
-    if (go_b) decode_fast(b);
-  } else {
-    if (fast_a) decode_fast(a);
-    if (fast_b) decode_fast(b);
+    fast_back(lane[0], fa);
+    fast_back(lane[1], fb);
+    if (!go_a) {
+      results[current[0]] = decode_close(lane[0], true);
+      have0 = start(0);
+    }
+    if (!go_b) {
+      results[current[1]] = decode_close(lane[1], true);
+      have1 = start(1);
+    }
   }
-  results[0] = decode_close(a, fast_a);
-  results[1] = decode_close(b, fast_b);
+  // One lane left, or none: it goes on alone, as it would have.
+  for (int l = 0; l < 2; l++)
+    if (l == 0 ? have0 : have1) {
+      decode_fast(lane[l]);
+      results[current[l]] = decode_close(lane[l], true);
+    }
 }
 
 }  // namespace
@@ -487,6 +535,6 @@ int64_t fse_decode_stream_bmi2(uint8_t* dst, size_t dst_capacity, const DecodeCe
 size_t fse_encode_stream_bmi2(uint8_t* dst, size_t capacity, const EncodeTable& table,
                               const uint8_t* in, size_t src_size, uint32_t state_last,
                               uint32_t state_prev);
-// The two-block loops built with BMI2: decode_streams2 and encode_streams2.
-void fse_decode_streams2_bmi2(const DecodeJob (&jobs)[2], int64_t results[2]);
-void fse_encode_streams2_bmi2(const EncodeJob (&jobs)[2], size_t sizes[2]);
+// The two-lane loops built with BMI2.
+void fse_decode_lanes_bmi2(int n, DecodeOpener open, void* context, int64_t* results);
+void fse_encode_lanes_bmi2(int n, EncodePlanner plan, void* context, size_t* streams);
