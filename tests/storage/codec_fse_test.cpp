@@ -268,6 +268,92 @@ TEST(FseBlock, Bmi2DecoderMatchesBaseline) {
   CodecUseAvx2 = true;
 }
 
+// ---- Blocks in lanes -----------------------------------------------------------------
+
+// The two-lane coder against the one-block coder, on both builds: blocks of
+// 2 to 65536 bytes and table logs 5 to 12, one raw and one of a single byte,
+// in an order that makes the lanes swap blocks unevenly; then damaged blocks
+// among good ones fail alone.
+TEST(FseBlocks, LanesGiveTheBytesAndResultsOfSingleBlocks) {
+  const bool has_avx2 = CodecUseAvx2;
+  std::mt19937 rng(21);
+  std::vector<Bytes> sources;
+  std::vector<unsigned> logs;
+  for (size_t n : {65536, 2, 300, 20000, 3, 1500, 7, 65536, 900, 4096, 64, 12000}) {
+    sources.push_back(skewed(rng, n, 2 + int(rng() % 60), 0.3 + 0.1 * double(rng() % 7)));
+    logs.push_back(5 + unsigned(sources.size() % 8));
+  }
+  sources[4] = Bytes(5000, 9);  // one byte
+  sources[6].resize(3000);
+  for (uint8_t& b : sources[6]) b = uint8_t(rng());  // raw
+  for (size_t k = 0; k < sources.size(); k++) {
+    if (k == 6) continue;
+    for (size_t i = 0; i < sources[k].size(); i++) sources[k][i] = uint8_t(sources[k][i] * 5);
+  }
+  const size_t n = sources.size();
+  for (bool avx2 : {false, true}) {
+    CodecUseAvx2 = avx2 && has_avx2;
+    std::vector<Bytes> coded(n);
+    std::vector<FseBlock> blocks(n);
+    for (size_t k = 0; k < n; k++) {
+      coded[k].assign(FSE_compressBound(sources[k].size()), 0);
+      blocks[k] = {coded[k].data(), coded[k].size(), sources[k].data(), sources[k].size(), logs[k]};
+    }
+    std::vector<int64_t> results(n);
+    FSE_compressBlocks(blocks.data(), int(n), results.data());
+    size_t streams = 0;
+    for (size_t k = 0; k < n; k++) {
+      Bytes alone(FSE_compressBound(sources[k].size()));
+      const int64_t r = FSE_compress2(alone.data(), alone.size(), sources[k].data(), sources[k].size(), 255, logs[k]);
+      alone.resize(r > 1 ? size_t(r) : 0);
+      ASSERT_EQ(results[k], r) << k;
+      coded[k].resize(results[k] > 1 ? size_t(results[k]) : 0);
+      ASSERT_EQ(coded[k], alone) << k;
+      streams += r > 1;
+    }
+    ASSERT_GE(streams, n - 3);
+    EXPECT_EQ(results[4], 1);
+    EXPECT_EQ(results[6], 0);
+    // Decoding: the coded blocks as a list, with exact rooms, then with two
+    // damaged (a bitstream without its end mark, a header that doesn't fill
+    // the table) and one given a byte too little room.
+    for (int damaged : {0, 1}) {
+      std::vector<Bytes> in, out;
+      std::vector<FseBlock> list;
+      std::vector<size_t> which;
+      for (size_t k = 0; k < n; k++) {
+        if (coded[k].empty()) continue;
+        which.push_back(k);
+        in.push_back(coded[k]);
+        out.emplace_back(sources[k].size() + 1, 0x5c);
+      }
+      if (damaged) {
+        in[0].back() = 0;
+        in[3][0] ^= 0x30;
+      }
+      for (size_t j = 0; j < in.size(); j++) {
+        const size_t room = out[j].size() - 1 - (damaged && j == 5);
+        list.push_back({out[j].data(), room, in[j].data(), in[j].size()});
+      }
+      std::vector<int64_t> back(list.size());
+      FSE_decompressBlocks(list.data(), int(list.size()), back.data());
+      for (size_t j = 0; j < list.size(); j++) {
+        Bytes single(list[j].dst_capacity + 1, 0x5c);
+        const int64_t r = FSE_decompress(single.data(), list[j].dst_capacity, in[j].data(), in[j].size());
+        EXPECT_EQ(back[j], r) << j;
+        EXPECT_EQ(out[j][list[j].dst_capacity], 0x5c) << "wrote past the room of " << j;
+        const bool bad = damaged && (j == 0 || j == 3 || j == 5);
+        if (bad) {
+          EXPECT_NE(back[j], int64_t(sources[which[j]].size())) << j;
+        } else {
+          EXPECT_TRUE(std::equal(sources[which[j]].begin(), sources[which[j]].end(), out[j].begin())) << j;
+        }
+      }
+    }
+  }
+  CodecUseAvx2 = has_avx2;
+}
+
 // ---- Same bytes ---------------------------------------------------------------------
 
 // Stored tree files hold these blocks, so the encoder's bytes must never
