@@ -121,6 +121,16 @@ SymbolSets symbol_sets(const Counts& norm) {
   return sets;
 }
 
+// The symbols with a count: with points or below one point.
+struct SymbolSet {
+  uint64_t bits[4];
+};
+inline SymbolSet present_symbols(const SymbolSets& sets) {
+  SymbolSet p;
+  for (unsigned w = 0; w < 4; w++) p.bits[w] = sets.below_one[w] | sets.with_points[w];
+  return p;
+}
+
 // Calls f(symbol) for each member of a set, in order.
 template <typename F>
 inline void for_each_symbol(const uint64_t (&set)[4], F&& f) {
@@ -186,51 +196,87 @@ bool counts_fill_table(const int16_t* norm, unsigned max_symbol, unsigned table_
   return !bad && total == (1 << table_log);
 }
 
+// ---- Cell ranks ---------------------------------------------------------------------
+
+// Calls emit(u, s, n) for every cell u of the table, where s is the cell's
+// symbol and n is first[s] plus the number of cells of s before u. One
+// counter per symbol would make each cell wait for the store of the last
+// cell of its symbol; four quarters of the table run side by side instead,
+// each with counters that start past the cells of the quarters before it.
+template <typename Emit>
+inline void for_each_cell_rank(const uint8_t* cell_symbol, unsigned table_log, const uint16_t* first,
+                               const uint64_t (&present)[4], unsigned max_symbol, Emit&& emit) {
+  const unsigned quarter = (1u << table_log) >> 2;
+  uint16_t next[4][FSE_MAX_SYMBOL_VALUE + 1];
+  const size_t row = sizeof(uint16_t) * (max_symbol + 1);
+  for (auto& n : next) memset(n, 0, row);
+  const uint8_t* q0 = cell_symbol;
+  const uint8_t* q1 = q0 + quarter;
+  const uint8_t* q2 = q1 + quarter;
+  const uint8_t* q3 = q2 + quarter;
+  for (unsigned j = 0; j < quarter; j++) {
+    next[1][q0[j]]++;
+    next[2][q1[j]]++;
+    next[3][q2[j]]++;
+  }
+  // Counts of quarters 0, 1, 2 become the starts of quarters 1, 2, 3.
+  for_each_symbol(present, [&](unsigned s) {
+    next[0][s] = first[s];
+    next[1][s] = uint16_t(next[1][s] + next[0][s]);
+    next[2][s] = uint16_t(next[2][s] + next[1][s]);
+    next[3][s] = uint16_t(next[3][s] + next[2][s]);
+  });
+  for (unsigned j = 0; j < quarter; j++) {
+    const unsigned s0 = q0[j], s1 = q1[j], s2 = q2[j], s3 = q3[j];
+    emit(j, s0, unsigned(next[0][s0]++));
+    emit(quarter + j, s1, unsigned(next[1][s1]++));
+    emit(2 * quarter + j, s2, unsigned(next[2][s2]++));
+    emit(3 * quarter + j, s3, unsigned(next[3][s3]++));
+  }
+}
+
 // ---- Decoding table ---------------------------------------------------------------
 
 // From counts that fill the table.
-void build_decode_table(DecodeCell* table, const Counts& norm, unsigned table_log) {
+void build_decode_table(DecodeCell* table, const Counts& norm, unsigned max_symbol, unsigned table_log) {
   const unsigned size = 1u << table_log;
   const SymbolSets sets = symbol_sets(norm);
   uint8_t cell_symbol[1u << FSE_MAX_TABLELOG];
   spread_symbols(cell_symbol, norm, sets, table_log);
-  uint16_t next[FSE_MAX_SYMBOL_VALUE + 1];
-  for (unsigned s = 0; s <= FSE_MAX_SYMBOL_VALUE; s++) next[s] = uint16_t(points(norm[s]));
-  for (unsigned u = 0; u < size; u++) {
-    const unsigned s = cell_symbol[u];
-    const unsigned n = next[s]++;
+  const SymbolSet present = present_symbols(sets);
+  uint16_t first[FSE_MAX_SYMBOL_VALUE + 1];
+  for_each_symbol(present.bits, [&](unsigned s) { first[s] = uint16_t(points(norm[s])); });
+  for_each_cell_rank(cell_symbol, table_log, first, present.bits, max_symbol, [&](unsigned u, unsigned s, unsigned n) {
     const unsigned bits = table_log - highbit32(n);
     table[u].base = uint16_t((n << bits) - size);
     table[u].symbol = uint8_t(s);
     table[u].bits = uint8_t(bits);
-  }
+  });
 }
 
 // ---- Encoding table ---------------------------------------------------------------
 
-void build_encode_table(EncodeTable& t, const Counts& norm, unsigned max_symbol,
+// Entries of absent symbols are left as they are: the coder never looks them up.
+void build_encode_table(EncodeTable& t, const Counts& norm, const SymbolSets& sets, unsigned max_symbol,
                         unsigned table_log) {
   const unsigned size = 1u << table_log;
-  const SymbolSets sets = symbol_sets(norm);
   uint8_t cell_symbol[1u << FSE_MAX_TABLELOG];
   spread_symbols(cell_symbol, norm, sets, table_log);
-  unsigned start[FSE_MAX_SYMBOL_VALUE + 2];
-  start[0] = 0;
-  for (unsigned s = 0; s <= max_symbol; s++) start[s + 1] = start[s] + points(norm[s]);
-  unsigned fill[FSE_MAX_SYMBOL_VALUE + 1];
-  memcpy(fill, start, sizeof(unsigned) * (max_symbol + 1));
-  // The k-th cell of a symbol (in cell order) is the one whose next value is p + k.
-  for (unsigned u = 0; u < size; u++) t.state[fill[cell_symbol[u]]++] = uint16_t(size + u);
+  const SymbolSet present = present_symbols(sets);
+  uint16_t first[FSE_MAX_SYMBOL_VALUE + 1];
+  unsigned start = 0;
   t.table_log = table_log;
-  for (unsigned s = 0; s <= max_symbol; s++) {
+  for_each_symbol(present.bits, [&](unsigned s) {
     const unsigned p = points(norm[s]);
+    first[s] = uint16_t(start);
     // States at or above p << max_bits write max_bits, those below one fewer.
-    // An absent symbol's entry is worked out as for one point (no shift out
-    // of range) and then dropped.
     const unsigned max_bits = table_log - highbit32(p > 1 ? p - 1 : 1);
-    const EncodeSymbol e = {int32_t(start[s]) - int32_t(p), (max_bits << 16) - (p << max_bits)};
-    t.symbol[s] = norm[s] == 0 ? EncodeSymbol{0, 0} : e;
-  }
+    t.symbol[s] = {int32_t(start) - int32_t(p), (max_bits << 16) - (p << max_bits)};
+    start += p;
+  });
+  // The k-th cell of a symbol (in cell order) is the one whose next value is p + k.
+  for_each_cell_rank(cell_symbol, table_log, first, present.bits, max_symbol,
+                     [&](unsigned u, unsigned, unsigned n) { t.state[n] = uint16_t(size + u); });
 }
 
 // Number of times the largest symbol occurs; max_symbol becomes the largest present.
@@ -600,25 +646,26 @@ bool plan_block(BlockPlan& plan, int64_t& result, void* dst, size_t dst_capacity
   int64_t header = write_header(out, dst_capacity, norm, max_symbol, log);
   if (FSE_isError(header)) return final(header);
 
+  const SymbolSets sets = symbol_sets(norm);
+  const SymbolSet present = present_symbols(sets);
   // Most channel blocks are short, and many end up raw. Each coded symbol
   // writes at least table_log - highbit(p - 1) - 1 bits for p > 1 points
   // (table_log for one point); when the header and that bound already reach
   // the raw size, the result is 0 without building the table or coding.
   {
-    // No test on the count: an absent symbol's term is multiplied by 0. One
-    // point gives log - 0 - 0 bits, without a branch.
+    // One point gives log - 0 - 0 bits, without a branch.
     auto least_bits = [&](unsigned s) -> uint64_t {
       const unsigned p = points(norm[s]);
       return uint32_t(log - highbit32((p - 1) | 1) - (p > 1));
     };
     uint64_t bits = 2 * uint64_t(log) + 1;
-    for (unsigned s = 0; s <= max_symbol; s++) bits += uint64_t(count[s]) * least_bits(s);
+    for_each_symbol(present.bits, [&](unsigned s) { bits += uint64_t(count[s]) * least_bits(s); });
     bits -= least_bits(in[src_size - 1]) + least_bits(in[src_size - 2]);
     if (uint64_t(header) + (bits + 7) / 8 >= src_size - 1) return final(0);
   }
 
   EncodeTable& table = plan.table;
-  build_encode_table(table, norm, max_symbol, log);
+  build_encode_table(table, norm, sets, max_symbol, log);
   // Each state starts at the first cell of its symbol, which reads at least one bit.
   auto start_state = [&](uint8_t s) {
     return uint32_t(table.state[table.symbol[s].find_state + int32_t(points(norm[s]))]);
@@ -715,7 +762,7 @@ int64_t read_block_table(DecodeCell* table, unsigned& log, const uint8_t* in, si
   if (FSE_isError(header)) return header;
   if (size_t(header) >= src_size) return fse_error(FSE_ERROR_srcSize_wrong);
   if (!counts_fill_table(norm, max_symbol, log)) return fse_error(FSE_ERROR_corruptionDetected);
-  build_decode_table(table, norm, log);
+  build_decode_table(table, norm, max_symbol, log);
   return header;
 }
 

@@ -5,6 +5,7 @@
 // builds never mix.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 
 #include "storage/codec.h"
@@ -205,6 +206,21 @@ __attribute__((always_inline)) inline void encode_flush(StreamWriter& w, uint64_
   count = w.count;
 }
 
+// How many flushes in a row are sure to find room: a group of four symbols
+// adds at most 7 + 4 * 12 bits, so a flush moves on at most 6 bytes.
+inline size_t safe_flushes(const StreamWriter& w) {
+  if (w.overflow || w.out > w.limit) return 0;
+  return size_t(w.limit - w.out) / 6 + 1;
+}
+
+// The writer's flush where it is sure to find room.
+__attribute__((always_inline)) inline void flush_unchecked(uint8_t*& out, uint64_t& acc, unsigned& count) {
+  memcpy(out, &acc, 8);
+  out += count >> 3;
+  acc >>= count & ~7u;
+  count &= 7;
+}
+
 // Symbols i-1 .. i-4 (states 2, 1, 2, 1), then a flush.
 __attribute__((always_inline)) inline void encode_group(StreamEncode& e, uint64_t& acc, unsigned& count,
                                                         uint32_t& state1, uint32_t& state2, size_t i) {
@@ -288,6 +304,38 @@ inline void encode_lanes(int n, EncodePlanner plan, void* context, size_t* strea
     unsigned count_a = a.count, count_b = b.count;
     uint32_t a1 = a.state1, a2 = a.state2, b1 = b.state1, b2 = b.state2;
     size_t ia = a.i, ib = b.i;
+    // Runs of groups in which no flush can find its writer full: they need
+    // neither the writers' limits nor their overflow flags, and the fewer
+    // values the loop holds, the fewer it keeps on the stack.
+    for (;;) {
+      size_t groups = std::min(ia, ib) >> 2;
+      groups = std::min(groups, std::min(safe_flushes(a.w), safe_flushes(b.w)));
+      if (groups == 0) break;
+      uint8_t* out_a = a.w.out;
+      uint8_t* out_b = b.w.out;
+      const uint8_t* in_a = a.in + ia;
+      const uint8_t* in_b = b.in + ib;
+      const EncodeTable* const ta = a.table;
+      const EncodeTable* const tb = b.table;
+      for (size_t g = groups; g > 0; g--) {
+        in_a -= 4;
+        in_b -= 4;
+        encode_symbol(acc_a, count_a, a2, in_a[3], ta->symbol, ta->state);
+        encode_symbol(acc_b, count_b, b2, in_b[3], tb->symbol, tb->state);
+        encode_symbol(acc_a, count_a, a1, in_a[2], ta->symbol, ta->state);
+        encode_symbol(acc_b, count_b, b1, in_b[2], tb->symbol, tb->state);
+        encode_symbol(acc_a, count_a, a2, in_a[1], ta->symbol, ta->state);
+        encode_symbol(acc_b, count_b, b2, in_b[1], tb->symbol, tb->state);
+        encode_symbol(acc_a, count_a, a1, in_a[0], ta->symbol, ta->state);
+        encode_symbol(acc_b, count_b, b1, in_b[0], tb->symbol, tb->state);
+        flush_unchecked(out_a, acc_a, count_a);
+        flush_unchecked(out_b, acc_b, count_b);
+      }
+      a.w.out = out_a;
+      b.w.out = out_b;
+      ia -= 4 * groups;
+      ib -= 4 * groups;
+    }
     for (; ia >= 4 && ib >= 4; ia -= 4, ib -= 4) {
       encode_group(a, acc_a, count_a, a1, a2, ia);
       encode_group(b, acc_b, count_b, b1, b2, ib);
