@@ -444,6 +444,16 @@ __attribute__((always_inline)) inline bool fast_group11(FastDecode& f, const Dec
   return true;
 }
 
+// How many groups in a row are sure to go on past their end (see
+// fast_group11): a group writes 4 bytes, and the reader, which holds at most
+// 18 used bits at its start, moves back at most 6 bytes after its third
+// symbol.
+inline size_t sure_groups(const FastDecode& f) {
+  const ptrdiff_t data = f.ptr - f.start, room = f.end - f.out;
+  if (data < 8 || room < 8) return 0;
+  return std::min(size_t(data - 8) / 6, size_t(room - 8) / 4) + 1;
+}
+
 // The fast loop of a stream that may run it (decode_can_run_fast).
 inline void decode_fast(StreamDecode& d) {
   const DecodeCell* const table = d.table;
@@ -550,6 +560,51 @@ inline void decode_lanes(int n, DecodeOpener open, void* context, int64_t* resul
     FastDecode fa = fast_from(lane[0]), fb = fast_from(lane[1]);
     const DecodeCell* const ta = lane[0].table;
     const DecodeCell* const tb = lane[1].table;
+    // Runs of groups in which neither stream can leave the fast loop: they
+    // need no test per group, and hold fewer values.
+    for (;;) {
+      const size_t groups = std::min(sure_groups(fa), sure_groups(fb));
+      if (groups == 0) break;
+      const uint8_t* ptr_a = fa.ptr;
+      const uint8_t* ptr_b = fb.ptr;
+      uint64_t container_a = fa.container, container_b = fb.container;
+      unsigned consumed_a = fa.consumed, consumed_b = fb.consumed;
+      uint32_t a1 = fa.state1, a2 = fa.state2, b1 = fb.state1, b2 = fb.state2;
+      uint8_t* out_a = fa.out;
+      uint8_t* out_b = fb.out;
+      auto step = [](uint32_t& state, uint64_t container, unsigned& consumed, const DecodeCell* table) {
+        const DecodeCell c = table[state];
+        state = c.base + uint32_t(((container << consumed) >> 1) >> (63 - c.bits));
+        consumed += c.bits;
+        return c.symbol;
+      };
+      for (size_t g = groups; g > 0; g--) {
+        out_a[0] = step(a1, container_a, consumed_a, ta);
+        out_b[0] = step(b1, container_b, consumed_b, tb);
+        out_a[1] = step(a2, container_a, consumed_a, ta);
+        out_b[1] = step(b2, container_b, consumed_b, tb);
+        out_a[2] = step(a1, container_a, consumed_a, ta);
+        out_b[2] = step(b1, container_b, consumed_b, tb);
+        const uint8_t* const next_a = ptr_a - (consumed_a >> 3);
+        const uint8_t* const next_b = ptr_b - (consumed_b >> 3);
+        const uint64_t next_container_a = load_u64(next_a), next_container_b = load_u64(next_b);
+        const unsigned before_a = consumed_a, before_b = consumed_b;
+        out_a[3] = step(a2, container_a, consumed_a, ta);
+        out_b[3] = step(b2, container_b, consumed_b, tb);
+        out_a += 4;
+        out_b += 4;
+        ptr_a = next_a;
+        ptr_b = next_b;
+        container_a = next_container_a;
+        container_b = next_container_b;
+        consumed_a = (before_a & 7) + (consumed_a - before_a);
+        consumed_b = (before_b & 7) + (consumed_b - before_b);
+      }
+      fa.ptr = ptr_a, fa.container = container_a, fa.consumed = consumed_a, fa.state1 = a1, fa.state2 = a2;
+      fa.out = out_a;
+      fb.ptr = ptr_b, fb.container = container_b, fb.consumed = consumed_b, fb.state1 = b1, fb.state2 = b2;
+      fb.out = out_b;
+    }
     bool go_a, go_b;
     do {
       go_a = fast_group11(fa, ta);
