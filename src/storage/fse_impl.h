@@ -8,6 +8,10 @@
 #include <algorithm>
 #include <cstring>
 
+#ifdef __BMI2__
+#include <immintrin.h>
+#endif
+
 #include "storage/codec.h"
 
 // Plain data, the same in both builds.
@@ -192,7 +196,12 @@ __attribute__((always_inline)) inline void encode_symbol(uint64_t& acc, unsigned
                                                          const uint16_t* state_table) {
   const EncodeSymbol e = sym[s];
   const unsigned bits = (state + e.delta_bits) >> 16;
-  acc |= uint64_t(state & ((1u << bits) - 1)) << count;
+#ifdef __BMI2__
+  const uint32_t low = _bzhi_u32(state, bits);  // one instruction for the mask
+#else
+  const uint32_t low = state & ((1u << bits) - 1);
+#endif
+  acc |= uint64_t(low) << count;
   count += bits;
   state = state_table[int32_t(state >> bits) + e.find_state];
 }
