@@ -31,7 +31,7 @@ bool split_values_avx2(const uint32_t* values, int n, uint8_t* top, uint8_t* low
                        uint8_t* other_context, uint8_t* other_byte, int counts[4]);
 void untransform_dense32_avx2(uint32_t* row, const uint32_t* reference, const uint32_t* values,
                               const uint8_t* masks, int count, bool uses_reference);
-void untransform_dense16_avx2(uint16_t* row, const uint16_t* reference, const uint32_t* values,
+void untransform_diffs16_avx2(uint16_t* row, const uint16_t* reference, const uint16_t* diffs,
                               const uint8_t* masks, int count, bool uses_reference);
 
 namespace {
@@ -53,6 +53,12 @@ uint8_t* allocate(size_t bytes) {
 }
 
 inline void put_u32(uint8_t* p, uint32_t v) { memcpy(p, &v, 4); }
+
+// A decoded value as the value stage keeps it: the transformed value, or for
+// 16-bit rows with AVX2 its low 16 bits un-zigzagged, which is all the prefix
+// sum of a 16-bit row needs.
+inline void keep(uint32_t* p, uint32_t t) { *p = t; }
+inline void keep(uint16_t* p, uint32_t t) { *p = uint16_t(unzigzag32(t)); }
 inline uint32_t get_u32(const uint8_t* p) {
   uint32_t v;
   memcpy(&v, p, 4);
@@ -504,7 +510,8 @@ class FseDecoder final : public RowDecoder {
   // computed so that no branch stands on it). When both channels hold n more
   // bytes in their blocks, as nearly always, their cursors move as one index
   // and only a double escape leaves the straight path.
-  void decode_dense(uint32_t* values, int n) {
+  template <typename V>
+  void decode_dense(V* values, int n) {
     if (end[18] - cursor[18] < n || end[19] - cursor[19] < n) return decode_dense_checked(values, n);
     const uint8_t* low = cursor[18];
     const uint8_t* high = cursor[19];
@@ -518,12 +525,12 @@ class FseDecoder final : public RowDecoder {
       if (__builtin_expect(escape & uint32_t(wide == 0xffff), 0)) {
         cursor[18] = low + escapes + 1;
         cursor[19] = high + escapes + 1;
-        values[i] = wide_escape() + 1;
+        keep(values + i, wide_escape() + 1);
         return decode_dense_checked(values + i + 1, n - i - 1, context);
       }
       escapes += escape;
       const uint32_t take = 0u - escape;
-      values[i] = ((wide & take) | (b & ~take)) + 1;
+      keep(values + i, ((wide & take) | (b & ~take)) + 1);
     }
     cursor[18] = low + escapes;
     cursor[19] = high + escapes;
@@ -539,7 +546,8 @@ class FseDecoder final : public RowDecoder {
   }
 
   // The same values with every channel read checked, from `context` on.
-  void decode_dense_checked(uint32_t* values, int n, unsigned context = 0) {
+  template <typename V>
+  void decode_dense_checked(V* values, int n, unsigned context = 0) {
     for (int i = 0; i < n; i++) {
       const uint32_t b = take(context);
       context = b < 15 ? b : 15;
@@ -549,7 +557,7 @@ class FseDecoder final : public RowDecoder {
         v |= uint32_t(get(19)) << 8;
         if (v == 0xffff) v = wide_escape();
       }
-      values[i] = v + 1;
+      keep(values + i, v + 1);
     }
   }
 
@@ -573,14 +581,21 @@ class FseDecoder final : public RowDecoder {
     }
     int n = 0;
     for (int g = 0; g < groups; g++) n += __builtin_popcount(masks[g]);
+    if constexpr (sizeof(T) == 2) {
+      if (CodecUseAvx2) {
+        uint16_t diffs[MaxRowValues + 16];
+        decode_dense(diffs, n);
+        untransform_diffs16_avx2(row, reference, diffs, masks, count, uses_reference);
+        return;
+      }
+    }
     uint32_t values[MaxRowValues + 8];
     decode_dense(values, n);
     if (CodecUseAvx2) {
-      if constexpr (sizeof(T) == 4)
+      if constexpr (sizeof(T) == 4) {
         untransform_dense32_avx2(row, reference, values, masks, count, uses_reference);
-      else
-        untransform_dense16_avx2(row, reference, values, masks, count, uses_reference);
-      return;
+        return;
+      }
     }
     uint32_t t[MaxRowValues + 8];
     memset(t, 0, sizeof(uint32_t) * 8 * size_t(groups));

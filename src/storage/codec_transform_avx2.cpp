@@ -107,6 +107,24 @@ void untransform_dense(T* x, const T* r, const uint32_t* values, const uint8_t* 
       [&](uint32_t* out, int) { store8(out, expand8(values, *m)); }, n, uses_reference);
 }
 
+// Byte shuffle of a group with mask m from its dense 16-bit values: lane j
+// takes value popcount(m below j) where m sets it, zero elsewhere.
+struct ExpandTable16 {
+  alignas(16) uint8_t control[256][16];
+  ExpandTable16() {
+    for (int m = 0; m < 256; m++)
+      for (int j = 0, k = 0; j < 8; j++) {
+        const bool on = m >> j & 1;
+        control[m][2 * j] = on ? uint8_t(2 * k) : 0x80;
+        control[m][2 * j + 1] = on ? uint8_t(2 * k + 1) : 0x80;
+        k += on;
+      }
+  }
+};
+const ExpandTable16 Expand16;
+
+inline __m128i load16b(const void* p) { return _mm_loadu_si128(static_cast<const __m128i*>(p)); }
+
 inline __m256i zigzag8(__m256i v) { return _mm256_xor_si256(_mm256_add_epi32(v, v), _mm256_srai_epi32(v, 31)); }
 
 inline int nonzero8(__m256i v) {
@@ -148,7 +166,41 @@ void untransform_dense32_avx2(uint32_t* row, const uint32_t* reference, const ui
   untransform_dense(row, reference, values, masks, count, uses_reference);
 }
 
-void untransform_dense16_avx2(uint16_t* row, const uint16_t* reference, const uint32_t* values,
-                              const uint8_t* masks, int count, bool uses_reference) {
-  untransform_dense(row, reference, values, masks, count, uses_reference);
+// A 16-bit row from its differences already un-zigzagged to 16 bits, sixteen
+// lanes a vector: the low 16 bits of the 32-bit sums are the sums of the low
+// 16 bits, so the row comes out as from the 32-bit forms.
+void untransform_diffs16_avx2(uint16_t* x, const uint16_t* r, const uint16_t* d, const uint8_t* masks,
+                              int n, bool uses_reference) {
+  if (n <= 0) return;
+  const bool per_entry = uses_reference && r;
+  // Without per-entry reference the offset rides in the running total.
+  uint16_t sum = (r && !per_entry) ? r[0] : 0;
+  __m256i carry = _mm256_set1_epi16(int16_t(sum));
+  const __m256i last = _mm256_set1_epi32(7);
+  int i = 0;
+  for (; i + 16 <= n; i += 16, masks += 2) {
+    const unsigned m0 = masks[0], m1 = masks[1];
+    const __m128i lo = load16b(d);
+    d += __builtin_popcount(m0);
+    const __m128i hi = load16b(d);
+    d += __builtin_popcount(m1);
+    __m256i v = _mm256_shuffle_epi8(_mm256_setr_m128i(lo, hi),
+                                    _mm256_setr_m128i(load16b(Expand16.control[m0]), load16b(Expand16.control[m1])));
+    v = _mm256_add_epi16(v, _mm256_slli_si256(v, 2));
+    v = _mm256_add_epi16(v, _mm256_slli_si256(v, 4));
+    v = _mm256_add_epi16(v, _mm256_slli_si256(v, 8));
+    // Each half's total in all its lanes; the low half's goes into the high half.
+    const __m256i top = _mm256_shufflehi_epi16(v, 0xff);
+    const __m256i totals = _mm256_unpackhi_epi64(top, top);
+    v = _mm256_add_epi16(v, _mm256_permute2x128_si256(totals, totals, 0x08));
+    __m256i out = _mm256_add_epi16(v, carry);
+    carry = _mm256_add_epi16(carry, _mm256_permutevar8x32_epi32(_mm256_shufflehi_epi16(v, 0xff), last));
+    if (per_entry) out = _mm256_add_epi16(out, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(r + i)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(x + i), out);
+  }
+  sum = uint16_t(_mm256_extract_epi16(carry, 0));
+  for (; i < n; i++) {
+    if (masks[(i & 15) >> 3] >> (i & 7) & 1) sum = uint16_t(sum + *d++);
+    x[i] = uint16_t(sum + (per_entry ? r[i] : 0));
+  }
 }
