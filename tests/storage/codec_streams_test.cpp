@@ -306,6 +306,27 @@ TEST(FseCodecDeathTest, CorruptBlockEndsTheProcess) {
   MemoryChannels bad_size = m;
   bad_size.data[1][2] = 9;  // source_size above 65536
   EXPECT_EXIT(decode_all(bad_size), testing::ExitedWithCode(1), "");
+  // The decoder reads the first blocks of all channels at once, but a bad one
+  // ends the process only when its channel is needed: here the double
+  // escapes' channel, first needed by the last row.
+  MemoryChannels late;
+  {
+    std::unique_ptr<RowEncoder> e(make_encoder(CodecId::FseCodec, late.sink()));
+    for (int k = 0; k < 50; k++) encode_row32(*e, realistic_row(rng, 1326, 100).data(), nullptr, 1326);
+    const uint32_t wide[8] = {1u << 24};
+    encode_row32(*e, wide, nullptr, 8);
+  }
+  ASSERT_GT(late.data[20].size(), 8u);
+  late.data[20][0] = late.data[20][1] = 0;  // source_size 0
+  EXPECT_EXIT(
+      {
+        std::unique_ptr<RowDecoder> d(make_decoder(late.source()));
+        std::vector<uint32_t> row(1326);
+        for (int k = 0; k < 50; k++) d->decode32(row.data(), nullptr, 1326);
+        fprintf(stderr, "fifty rows\n");
+        d->decode32(row.data(), nullptr, 8);
+      },
+      testing::ExitedWithCode(1), "fifty rows");
 }
 
 // ---- Other codecs ------------------------------------------------------------------
