@@ -395,24 +395,14 @@ class FseDecoder final : public RowDecoder {
       if (got != 8) continue;
       const uint32_t source_size = get_u32(head);
       coded_size[c] = int32_t(get_u32(head + 4));
-      if (source_size == 0 || source_size > BlockBytes) continue;
-      if (coded_size[c] > 1 && size_t(coded_size[c]) > CodedBytes) continue;
-      if (!buffer[c]) {
-        buffer[c] = allocate(BufferBytes);
-        memset(buffer[c] + BlockBytes, 0, BufferBytes - BlockBytes);
-      }
+      if (!head_fits(source_size, coded_size[c])) continue;
+      block_buffer(c);
       first_size[c] = source_size;
       if (coded_size[c] > 1) {
         order[n++] = c;
         offset[c + 1] += size_t(coded_size[c]);
         first_block[c] = Waiting;
-      } else if (coded_size[c] == 1) {
-        uint8_t b;
-        if (source.read(source.context, c, &b, 1) != 1) continue;
-        memset(buffer[c], b, source_size);
-        first_block[c] = Waiting;
-      } else {
-        if (source.read(source.context, c, buffer[c], source_size) != source_size) continue;
+      } else if (read_plain(c, source_size, coded_size[c])) {
         first_block[c] = Waiting;
       }
     }
@@ -467,26 +457,44 @@ class FseDecoder final : public RowDecoder {
     if (!refill_if_any(c)) fse_failure();
   }
 
-  void load_block(int c, const uint8_t* head) {
-    const uint32_t source_size = get_u32(head);
-    const int32_t coded_size = int32_t(get_u32(head + 4));
-    if (source_size == 0 || source_size > BlockBytes) fse_failure();
+  // Whether a block head's sizes can be those of a block.
+  static bool head_fits(uint32_t source_size, int32_t coded_size) {
+    return source_size > 0 && source_size <= BlockBytes && (coded_size <= 1 || size_t(coded_size) <= CodedBytes);
+  }
+
+  // The channel's block buffer, made on first use; its slack reads as zeros.
+  uint8_t* block_buffer(int c) {
     if (!buffer[c]) {
       buffer[c] = allocate(BufferBytes);
       memset(buffer[c] + BlockBytes, 0, BufferBytes - BlockBytes);
     }
+    return buffer[c];
+  }
+
+  // A block stored as one repeated byte or raw, into the channel's buffer;
+  // false if the source runs short.
+  bool read_plain(int c, uint32_t source_size, int32_t coded_size) {
+    uint8_t* b = block_buffer(c);
+    if (coded_size == 1) {
+      uint8_t v;
+      if (source.read(source.context, c, &v, 1) != 1) return false;
+      memset(b, v, source_size);
+      return true;
+    }
+    return source.read(source.context, c, b, source_size) == source_size;
+  }
+
+  void load_block(int c, const uint8_t* head) {
+    const uint32_t source_size = get_u32(head);
+    const int32_t coded_size = int32_t(get_u32(head + 4));
+    if (!head_fits(source_size, coded_size)) fse_failure();
     if (coded_size > 1) {
-      if (size_t(coded_size) > CodedBytes) fse_failure();
       if (!coded) coded = allocate(CodedBytes);
       read_exact(c, coded, size_t(coded_size));
-      int64_t r = FSE_decompress(buffer[c], BlockBytes, coded, size_t(coded_size));
+      int64_t r = FSE_decompress(block_buffer(c), BlockBytes, coded, size_t(coded_size));
       if (r != int64_t(source_size)) fse_failure();
-    } else if (coded_size == 1) {
-      uint8_t b;
-      read_exact(c, &b, 1);
-      memset(buffer[c], b, source_size);
-    } else {
-      read_exact(c, buffer[c], source_size);
+    } else if (!read_plain(c, source_size, coded_size)) {
+      fse_failure();
     }
     cursor[c] = buffer[c];
     end[c] = buffer[c] + source_size;
