@@ -120,6 +120,8 @@ class TreeRules:
             for size in st.raises:
                 if size.kind == "geo":
                     raise RulesError(f"{name}: geometric size '{size}' is for bets")
+                if size.kind == "x" and size.value <= 1:
+                    raise RulesError(f"{name}: a raise to '{size}' of the bet faced is no raise; give more than 1x")
 
 
 @dataclass
