@@ -14,7 +14,7 @@ from typing import Any
 from .client import EngineError, Report, Solver
 from .files import TargetError, check_target, replace
 from .game import Game, GameError
-from .nodeview import CELLS, EMPTY_COLOR, ViewError, check_path, check_player, node_view, open_game
+from .nodeview import ViewError, check_path, check_player, node_view, open_game
 from .plotting import MISSING, pyplot
 
 PNG_SIZE = (1200, 720)  # pixels: 12 x 7.2 inches at 100 dpi
