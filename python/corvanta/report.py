@@ -8,6 +8,7 @@ node data, so a report and the page never disagree.
 from __future__ import annotations
 
 import html
+import os
 import sys
 from typing import Any
 
@@ -205,6 +206,8 @@ def run(args) -> int:
             raise ViewError(f"--png: {MISSING}; --html needs nothing more")
         if args.game.lower().endswith(".toml"):
             Game.from_toml(args.game)
+        elif not os.path.isfile(args.game):
+            raise ViewError(f"{args.game}: no such file")
     except (ViewError, TargetError, GameError, OSError) as e:
         print(f"corvanta: {e}", file=sys.stderr)
         return 2

@@ -283,6 +283,9 @@ def run(args) -> int:
     if not 0 <= args.port <= 65535:
         print(f"corvanta: --port {args.port}: a port is 0 (any free one) to 65535", file=sys.stderr)
         return 2
+    if not Path(args.game).is_file():
+        print(f"corvanta: {args.game}: no such file", file=sys.stderr)
+        return 2
     session = Session(args.game, args.bin)
     toml = args.game.lower().endswith(".toml")
     if toml:

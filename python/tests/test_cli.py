@@ -44,8 +44,8 @@ def edit(old, new, text=GAME):
     return text.replace(old, new, 1)
 
 
-# Each row: what the game file holds (text or bytes), the command's arguments after
-# the game, and the words the one line must hold.
+# Each row: what the game file holds (text or bytes; None: there is none), the
+# command's arguments after the game, and the words the one line must hold.
 BAD = {
     "accuracy inf": (edit("accuracy = 0", "accuracy = inf"), [], "accuracy"),
     "accuracy nan": (edit("accuracy = 0", "accuracy = nan"), [], "accuracy"),
@@ -64,6 +64,7 @@ BAD = {
     "flop sizes in a turn game": (edit("[tree.turn]", '[tree.flop]\nbet = "50%"\n[tree.turn]', TURN), [],
                                   "tree.flop"),
     "no street table": (GAME.split("[tree.river]")[0], [], "tree"),
+    "bet a number": (edit('bet = "50%"', "bet = 50"), [], "tree.river"),
     "raise below the bet": (edit('raise = "a"', 'raise = "0.5x"'), [], "0.5x"),
     "seconds negative": (edit("steps = 30", "seconds = -5"), [], "seconds"),
     "solve --out in no folder": (GAME, ["--out", "{tmp}/missing/result.json"], "--out"),
@@ -71,6 +72,8 @@ BAD = {
     "report of a bad game": (edit("pot = 100", "pot = true"), ["--html", "{tmp}/report.html"], "pot"),
     "view --port 99999": (GAME, ["--port", "99999"], "--port"),
     "view of a bad game": (edit("accuracy = 0", "accuracy = nan"), [], "accuracy"),
+    "view of no file": (None, [], "game.tree"),
+    "report of no file": (None, ["--html", "{tmp}/report.html"], "game.tree"),
 }
 
 
@@ -81,8 +84,9 @@ def command_of(case):
 @pytest.mark.parametrize("case", BAD)
 def test_bad_input_is_one_line_and_exit_2_before_the_solve(case, tmp_path):
     content, args, words = BAD[case]
-    game = tmp_path / "game.toml"
-    game.write_bytes(content if isinstance(content, bytes) else content.encode())
+    game = tmp_path / ("game.tree" if content is None else "game.toml")
+    if content is not None:
+        game.write_bytes(content if isinstance(content, bytes) else content.encode())
     run = corvanta(command_of(case), game, *(a.format(tmp=tmp_path) for a in args), "--bin", NO_ENGINE,
                    timeout=30)
     assert run.returncode == 2, run.stderr
