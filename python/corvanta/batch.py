@@ -393,12 +393,13 @@ class Home:
         self.out, self.plan, self.trees = out, plan, trees
         self.todo = {f.name: f for f in todo}
         self.partial: dict[str, tuple[Path, object]] = {}
+        self.broken: set[str] = set()
 
     def tree_part(self, name: str, data: str) -> None:
         if name not in self.partial:
             tmp = self.out / f".{name}.tree.{os.getpid()}.tmp"
             self.partial[name] = (tmp, open(tmp, "wb"))
-        self.partial[name][1].write(base64.b64decode(data))
+        self.partial[name][1].write(base64.b64decode(data, validate=True))
 
     def drop(self, name: str) -> None:
         tmp, f = self.partial.pop(name, (None, None))
@@ -417,9 +418,10 @@ class Home:
         if self.trees:
             if name not in self.partial:
                 raise ValueError("no tree file came with the results")
-            tmp, f = self.partial.pop(name)
+            tmp, f = self.partial[name]
             f.close()
             durable_rename(tmp, self.out / f"{name}.tree")
+            del self.partial[name]
             summary["tree_file"] = f"{name}.tree"
         write_atomic(self.out / f"{name}.json", json.dumps(summary, indent=1) + "\n")
 
@@ -427,15 +429,23 @@ class Home:
         word, name, rest = (text.rstrip("\n").split(" ", 2) + ["", ""])[:3]
         if name not in self.todo or word not in ("tree", "done", "fail"):
             return
-        if word == "tree":
-            self.tree_part(name, rest)
-            return
-        if word == "done":
-            try:
+        try:
+            if word == "tree":
+                if name not in self.broken:
+                    self.tree_part(name, rest)
+                return
+            if word == "done":
+                if name in self.broken:
+                    raise ValueError("its tree file came back damaged")
                 self.done(name, rest)
-            except (ValueError, KeyError) as e:
-                print(f"corvanta: {name}: results not taken: {e}", file=sys.stderr)
-                word = "fail"
+        except (OSError, ValueError, KeyError) as e:
+            print(f"corvanta: {name}: results not taken: {e}", file=sys.stderr)
+            self.broken.add(name)
+            self.drop(name)
+            if word == "tree":
+                return
+            word = "fail"
+        self.broken.discard(name)
         self.drop(name)
         progress.count(word, name)
 
@@ -502,7 +512,10 @@ def run_parallel(args, plan: Plan, todo: list[Flop], out: Path, binary: str) -> 
     env["CORVANTA_BATCH_PID"] = "0" if args.sshlogin else str(os.getpid())
     env["PYTHONPATH"] = package_root + (os.pathsep + env["PYTHONPATH"] if env.get("PYTHONPATH") else "")
     env["CORVANTA_STUDY"] = json.dumps(plan.data, default=str)
-    cmd = ["parallel", "--will-cite", "--quote", "--jobs", str(args.jobs), "--joblog", f"+{out / plan.log_name}"]
+    # Without --jobs, "8/host" is eight jobs on host: as many as the CPUs it is said to have.
+    jobs = str(args.jobs) if args.jobs else "100%" if args.sshlogin else "1"
+    log = out / plan.log_name
+    cmd = ["parallel", "--will-cite", "--quote", "--jobs", jobs, "--joblog", f"+{log}" if log.exists() else str(log)]
     for login in args.sshlogin or []:
         cmd += ["--sshlogin", login]
     if args.sshlogin:
@@ -535,7 +548,8 @@ def add_parser(sub) -> None:
     p.add_argument("--flops", default="all", help="all, sample:N, or a file with one flop a line")
     p.add_argument("--seed", type=int, default=1, help="seed of sample:N")
     p.add_argument("--out", help="folder of the results (one study a folder)")
-    p.add_argument("--jobs", type=int, default=1, help="engine processes at a time (per machine)")
+    p.add_argument("--jobs", type=int,
+                   help="engine processes at a time on each machine (default 1; with --sshlogin N/host, N)")
     p.add_argument("--threads", type=int, help="threads of each engine (default: the study's)")
     p.add_argument("--part", help="K/N: only every N-th flop from the K-th on (K from 0)")
     p.add_argument("--sshlogin", action="append",
