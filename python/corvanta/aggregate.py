@@ -136,8 +136,8 @@ def write_html(path: Path, folder: Path, rows: list[dict], columns: list[str], t
              f"<h1>Study {html.escape(folder.name)}</h1>",
              f"<p>{total['flops']} flops standing for {total['weight']} raw flops; means weighted by them.</p>"
              if rows[0]["weights"] == "class" else
-             f"<p>A sample of {total['flops']} flops {html.escape(rows[0]['weights'].removeprefix('sample '))}, drawn in proportion to the "
-             "raw flops they stand for; each weighs 1.</p>",
+             f"<p>A sample of {total['flops']} flops {html.escape(rows[0]['weights'].removeprefix('sample '))}, "
+             "drawn in proportion to the raw flops they stand for; each weighs 1.</p>",
              "<h2>Totals</h2>", _table(["flops", "weight", *columns], [[total["flops"], total["weight"],
                                                                          *(total[c] for c in columns)]])]
     for t, classes in groups.items():
