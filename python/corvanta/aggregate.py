@@ -135,7 +135,7 @@ def write_html(path: Path, folder: Path, rows: list[dict], columns: list[str], t
              "td,th{border:1px solid #ccc;padding:2px 6px;text-align:right}</style>",
              f"<h1>Study {html.escape(folder.name)}</h1>",
              f"<p>{total['flops']} flops standing for {total['weight']} raw flops; means weighted by them.</p>"
-             if rows[0]["weights"] == "class" else
+             if not rows[0]["weights"].startswith("sample") else
              f"<p>A sample of {total['flops']} flops {html.escape(rows[0]['weights'].removeprefix('sample '))}, "
              "drawn in proportion to the raw flops they stand for; each weighs 1.</p>",
              "<h2>Totals</h2>", _table(["flops", "weight", *columns], [[total["flops"], total["weight"],
