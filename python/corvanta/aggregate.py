@@ -39,7 +39,7 @@ def read_rows(folder: Path) -> tuple[list[dict], list[str]]:
                    "ev_oop": s["results"]["ev_oop"], "ev_ip": s["results"]["ev_ip"],
                    "equity_oop": s["equity"]["oop"], "equity_ip": s["equity"]["ip"],
                    "exploitability": s["results"]["exploitability"],
-                   "study": s.get("study"), "weights": s.get("weights", "unknown"),
+                   "study": str(s.get("study")), "weights": str(s.get("weights", "unknown")),
                    "key": tuple(sorted(cards, reverse=True))}
         except (OSError, ValueError, KeyError, TypeError, AttributeError) as e:
             print(f"corvanta: {path.name} left out: {e!r}", file=sys.stderr)
