@@ -298,8 +298,9 @@ def claim(out: Path, plan: Plan) -> None:
         raise StudyError(f"--out {out}: holds another study ({theirs}); this one ({plan.key}) has other settings "
                          "or flop weights: use another folder")
     if not marker.exists():
-        write_atomic(marker, json.dumps({"study": plan.key, "weights": plan.weights,
-                                         "renamings": len(plan.group), "settings": plan.data}, indent=1) + "\n")
+        text = json.dumps({"study": plan.key, "weights": plan.weights, "renamings": len(plan.group),
+                           "settings": plan.data}, indent=1, default=str)
+        write_atomic(marker, text + "\n")
 
 
 def _size(n: float) -> str:
@@ -335,7 +336,7 @@ def disk_use(plan: Plan, todo: list[Flop], out: Path, trees: bool, binary: str) 
     if summary is None:
         hands = sum(1 for h, w in enumerate(parse_range(game.oop_range)) if w > 0 and not hand_touches(h, game.board))
         actions = len(build_tree(game.rules).children)
-        summary = 1500 + len(json.dumps(plan.data, indent=1)) + hands * (32 + 22 * actions)
+        summary = 1500 + len(json.dumps(plan.data, indent=1, default=str)) + hands * (32 + 22 * actions)
     text = f"disk: about {_size(summary)} of summary a flop"
     total = summary * len(todo)
     if trees:
@@ -423,7 +424,7 @@ class Home:
             durable_rename(tmp, self.out / f"{name}.tree")
             del self.partial[name]
             summary["tree_file"] = f"{name}.tree"
-        write_atomic(self.out / f"{name}.json", json.dumps(summary, indent=1) + "\n")
+        write_atomic(self.out / f"{name}.json", json.dumps(summary, indent=1, default=str) + "\n")
 
     def line(self, text: str, progress: Progress) -> None:
         word, name, rest = (text.rstrip("\n").split(" ", 2) + ["", ""])[:3]
