@@ -513,6 +513,8 @@ def run_parallel(args, plan: Plan, todo: list[Flop], out: Path, binary: str) -> 
     env["CORVANTA_BATCH_PID"] = "0" if args.sshlogin else str(os.getpid())
     env["PYTHONPATH"] = package_root + (os.pathsep + env["PYTHONPATH"] if env.get("PYTHONPATH") else "")
     env["CORVANTA_STUDY"] = json.dumps(plan.data, default=str)
+    # parallel runs each job through $SHELL, which may be unset or a no-login shell (CI, cron, Slurm).
+    env["PARALLEL_SHELL"] = "/bin/sh"
     # Without --jobs, "8/host" is eight jobs on host: as many as the CPUs it is said to have.
     jobs = str(args.jobs) if args.jobs else "100%" if args.sshlogin else "1"
     log = out / plan.log_name
@@ -540,6 +542,8 @@ def run_parallel(args, plan: Plan, todo: list[Flop], out: Path, binary: str) -> 
         home.close()
     if progress.tty:
         sys.stderr.write("\n")
+    if 0 < code < 255:
+        print(f"{code} job{'s' if code > 1 else ''} failed: exit codes in {log}", file=sys.stderr)
     return code
 
 

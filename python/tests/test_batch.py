@@ -65,6 +65,8 @@ def test_samples_and_lists():
 def run_env(engine: str) -> dict:
     env = dict(os.environ, PYTHONPATH=str(ROOT / "python"), CORVANTA_BIN=engine)
     env.pop("SLURM_ARRAY_TASK_COUNT", None)
+    # As under CI, cron or a service account: $SHELL is no shell to run jobs with.
+    env["SHELL"] = "/bin/false"
     return env
 
 
