@@ -301,13 +301,11 @@ struct DamagedFile {
   std::string answer;  // FIELD: the whole answer of load_tree
 };
 
-std::string with_value(std::string file, size_t at, const void* value, size_t width) {
-  memcpy(&file[at], value, width);
-  return file;
-}
+// The file with one field at `at` set to `value`.
 template <typename T>
-std::string with(const std::string& file, size_t at, T value) {
-  return with_value(file, at, &value, sizeof value);
+std::string with(std::string file, size_t at, T value) {
+  memcpy(&file[at], &value, sizeof value);
+  return file;
 }
 
 TEST(TreeFile, DamagedFilesGiveErrorsNeverSignals) {
@@ -358,7 +356,8 @@ TEST(TreeFile, DamagedFilesGiveErrorsNeverSignals) {
           with<int32_t>(good, head, 2), with<int32_t>(good, head + 4, 4), with<int32_t>(good, head + 40, -1),
           with<int32_t>(good, state + 4, 7), with<int32_t>(good, state + 60, 6), with<int32_t>(good, state + 64, -1)})
       files.push_back({f, FIELD, invalid});
-    files.push_back({with<int32_t>(good, 4, 10), FIELD, "ERROR: load_tree unsupported data format, update to latest version"});
+    files.push_back(
+        {with<int32_t>(good, 4, 10), FIELD, "ERROR: load_tree unsupported data format, update to latest version"});
     for (int i = 0; i < 2 * n; i++) {  // flipped bytes
       std::string f = good;
       int flips = 1 + int(rng() % 4);
