@@ -162,8 +162,10 @@ void PackedArena::read_row16(uint16_t* row, const uint16_t*, int32_t count) {
 }
 
 bool stored_region_fits(int64_t size, int64_t reserved, uint32_t granule_mask, const ByteSource& source) {
-  if (size < 0 || size > source.remaining()) return false;
-  return reserved >= round_to_granule(size, granule_mask) && reserved <= (int64_t(1) << 36);
+  const int64_t most = int64_t(1) << 36;
+  if (size < 0 || size > most || reserved > most || reserved < round_to_granule(size, granule_mask)) return false;
+  if (size > source.remaining()) source.fail_read();
+  return true;
 }
 
 void PackedArena::save(ByteWriter& writer) {

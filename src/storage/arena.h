@@ -36,14 +36,17 @@ struct ByteWriter {
 
 // What a stored tree is read from. `format` is the file's format number, kept
 // for the readers below the source. A source that can't deliver `count` bytes
-// raises an exception; it never returns short.
+// raises an exception through fail_read; it never returns short.
 struct ByteSource {
   int32_t format = 9;
   virtual ~ByteSource() = default;
   virtual void read(void* buffer, size_t count) = 0;
   // Bytes left to read. Readers compare every stored length with it before
-  // they allocate, so a damaged length can't ask for more than the file holds.
+  // they allocate, so a damaged length can't ask for more than the file holds;
+  // a length that runs past the end fails through fail_read, as the read of
+  // its bytes would: the source can't tell a cut file from a long length.
   virtual int64_t remaining() const { return INT64_MAX; }
+  [[noreturn]] virtual void fail_read() const = 0;
 };
 
 // A writer that appends to a byte vector.
@@ -61,6 +64,7 @@ struct MemoryByteSource : ByteSource {
   MemoryByteSource(const void* bytes, size_t count);
   void read(void* buffer, size_t count) override;
   int64_t remaining() const override { return int64_t(size - position); }
+  [[noreturn]] void fail_read() const override;
 };
 
 // Little-endian helpers for fixed-width fields (the host is x86-64).
@@ -239,8 +243,9 @@ class EntropyArena : public Arena {
 };
 
 // Whether a stored region of `size` bytes in a reservation of `reserved` can
-// be loaded: the bytes must still be in the source, and the reservation must
-// hold them and stay below 64 GiB, the largest a group can reach.
+// be loaded: the reservation must hold them and stay below 64 GiB, the
+// largest a group can reach. A region that can be but whose bytes the source
+// no longer has fails as a read past the end.
 bool stored_region_fits(int64_t size, int64_t reserved, uint32_t granule_mask, const ByteSource& source);
 
 // Grows a region to `target` bytes (already rounded): the shared step of every

@@ -41,8 +41,10 @@ void MemoryByteWriter::write(const void* data, size_t count) {
 MemoryByteSource::MemoryByteSource(const void* bytes, size_t count)
     : data(static_cast<const uint8_t*>(bytes)), size(count) {}
 
+void MemoryByteSource::fail_read() const { fail_command("can't read from memory"); }
+
 void MemoryByteSource::read(void* buffer, size_t count) {
-  if (count > size - position) fail_command("can't read from memory");
+  if (count > size - position) fail_read();
   if (count) memcpy(buffer, data + position, count);
   position += count;
 }

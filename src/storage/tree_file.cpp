@@ -65,7 +65,8 @@
 // rows in order through a row decoder over them, without reference rows.
 //
 // Every stored length is checked against the bytes left in the file before
-// anything is allocated for it.
+// anything is allocated for it; one that runs past the end fails as the read
+// of its bytes would, like any file that ends early.
 #include "storage/tree_file.h"
 
 #include <fcntl.h>
@@ -160,9 +161,11 @@ void FileByteSource::close() {
 }
 
 // Bytes that `count` elements of `width` bytes need, if the source still has
-// them; the file is damaged otherwise.
+// them. No file holds a negative count; one past the end is read as far as
+// the file goes, which is where a cut file fails too.
 static void need(ByteSource& s, int64_t count, int64_t width) {
-  if (count < 0 || count > s.remaining() / width) invalid_file();
+  if (count < 0) invalid_file();
+  if (count > s.remaining() / width) s.fail_read();
 }
 
 void read_tree_head(ByteSource& s, TreeFileGame& g) {
@@ -486,7 +489,7 @@ void read_tree_data(ByteSource& s, Tree& t, bool results_absent) {
   if (stores_in_file) {
     int64_t least = 0;
     for (Node& node : t.nodes) least += least_stored_bytes(node.regretStore) + least_stored_bytes(node.strategyStore);
-    if (least > s.remaining()) invalid_file();
+    if (least > s.remaining()) s.fail_read();
   }
   bool all = true;
   for (Node& node : t.nodes) {

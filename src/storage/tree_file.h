@@ -48,10 +48,10 @@ class FileByteSource : public ByteSource {
 
   void read(void* buffer, size_t count) override;
   int64_t remaining() const override { return int64_t(filled - position) + unread; }
+  [[noreturn]] void fail_read() const override;
   void close();
 
  private:
-  [[noreturn]] void fail_read() const;
   int fd = -1;
   std::string name;
   std::vector<uint8_t> buffer;

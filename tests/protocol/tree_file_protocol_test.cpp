@@ -289,47 +289,87 @@ int run_limited(const std::string& script, const std::string& out, int seconds) 
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// What a damaged file answers depends on the damage: a file cut short fails
+// on the read, whatever field the cut falls in; a field whose value no file
+// can hold is an invalid file; random damage may give either, or load, or
+// stop the process at a compressed block, but never a signal or a hang.
+enum Damage { CUT, FIELD, RANDOM };
+
+struct DamagedFile {
+  std::string bytes;
+  Damage damage;
+  std::string answer;  // FIELD: the whole answer of load_tree
+};
+
+// The file with one field at `at` set to `value`.
+template <typename T>
+std::string with(std::string file, size_t at, T value) {
+  memcpy(&file[at], &value, sizeof value);
+  return file;
+}
+
 TEST(TreeFile, DamagedFilesGiveErrorsNeverSignals) {
   const std::string dir = temp_dir();
   const std::vector<Game> all = games();
+  // The river game uncompressed; the flop game with entropy-coded arenas, and
+  // again with its turns forgotten: street records and kept strategies.
+  const std::pair<const Game*, std::string> made[3] = {
+      {&all[0], "set_compression 0\nbuild_tree\nlock_node r:0:c\ngo 3 steps\n"},
+      {&all[2], "set_compression 4\nbuild_tree\nlock_node r:0:c\ngo 3 steps\n"},
+      {&all[2], "set_compression 4\nbuild_tree\ngo 3 steps\nwait_for_solver\nforget turns\n"}};
   std::vector<std::string> sources;
-  for (const Game& g : {all[0], all[2]}) {
+  for (const auto& [g, steps] : made) {
     std::string name = dir + "/good" + std::to_string(sources.size()) + ".tree";
-    std::string level = sources.empty() ? "0" : "4";  // flop: entropy-coded arenas
-    ASSERT_EQ(run_binary({}, g.setup + "set_compression " + level + "\nbuild_tree\nlock_node r:0:c\n"
-                                       "go 3 steps\nwait_for_solver\ndump_tree " + name + "\n").rc, 0);
+    ASSERT_EQ(run_binary({}, g->setup + steps + "wait_for_solver\nadd_info_line first\nadd_info_line second\n"
+                                                "dump_tree " + name + "\n").rc, 0);
     sources.push_back(read_file(name));
   }
   const unsigned seed = 20261124;
   std::mt19937 rng(seed);
   int cases = 0;
-  // Random cases per source: the flop file takes a costly build per load.
-  const int randoms[2] = {60, 20};
+  const std::string invalid = "ERROR: load_tree invalid file";
+  // Random cases per source: a flop file takes a costly build per load.
+  const int randoms[3] = {60, 20, 10};
   for (size_t k = 0; k < sources.size(); k++) {
     const std::string& good = sources[k];
     const int n = randoms[k];
     const Schematic s = schematic_of(good);
     const size_t head = 4 + 4 + 1 + 1 + 1 + 9 + 24 + 24 + 2 * 1326 * 8;
     const size_t state = head + s.bytes.size();
-    // Every field boundary of the head, the state and the iteration, then
-    // random places in the data.
+    std::vector<DamagedFile> files;
+    // Every field boundary of the head, the state and the iteration; the
+    // last sections (the end of the stored data, the info lines) byte by
+    // byte; then random places in the data.
     std::vector<size_t> cuts{0, 3, 4, 8, 9, 10, 11, 20, 28, 36, 44, 68, 68 + 10608, head, head + 44, state,
-                             state + 4, state + 8, state + 12, state + 60, state + 64, state + 68, good.size() - 1};
+                             state + 4, state + 8, state + 12, state + 60, state + 64, state + 68};
+    for (size_t back = 1; back <= 48; back++) cuts.push_back(good.size() - back);
+    for (int percent = 85; percent < 100; percent++) cuts.push_back(good.size() * size_t(percent) / 100);
     for (int i = 0; i < n / 2; i++) cuts.push_back(state + rng() % (good.size() - state));
-    std::vector<std::string> files;
-    for (size_t c : cuts) files.push_back(good.substr(0, c));
+    for (size_t c : cuts) files.push_back({good.substr(0, c), CUT, ""});
+    // Fields whose value no file holds: the whole file is there, the
+    // contents are wrong.
+    const uint64_t four_cards = 0xfull;
+    const double nan = std::nan("");
+    for (const std::string& f :
+         {with<char>(good, 3, '7'), with<int32_t>(good, 4, -1), with<uint8_t>(good, 9, 5), with<uint8_t>(good, 10, 3),
+          with<uint64_t>(good, 20, four_cards), with<double>(good, 44 + 16, nan), with<double>(good, 68 + 8 * 700, nan),
+          with<int32_t>(good, head, 2), with<int32_t>(good, head + 4, 4), with<int32_t>(good, head + 40, -1),
+          with<int32_t>(good, state + 4, 7), with<int32_t>(good, state + 60, 6), with<int32_t>(good, state + 64, -1)})
+      files.push_back({f, FIELD, invalid});
+    files.push_back(
+        {with<int32_t>(good, 4, 10), FIELD, "ERROR: load_tree unsupported data format, update to latest version"});
     for (int i = 0; i < 2 * n; i++) {  // flipped bytes
       std::string f = good;
       int flips = 1 + int(rng() % 4);
       for (int j = 0; j < flips; j++) f[rng() % f.size()] ^= char(1 + rng() % 255);
-      files.push_back(f);
+      files.push_back({f, RANDOM, ""});
     }
     for (int i = 0; i < n; i++) {  // huge or negative lengths anywhere after the ranges
       std::string f = good;
       size_t at = head + rng() % (f.size() - head - 8);
       uint64_t v = i % 3 == 0 ? 0x7fffffffu : i % 3 == 1 ? 0xffffffffu : 0x7fffffffffffffffull;
       memcpy(&f[at], &v, i % 3 == 2 ? 8 : 4);
-      files.push_back(f);
+      files.push_back({f, RANDOM, ""});
     }
     // One process per batch; a damaged compressed block may end it cleanly
     // with "fse error", after which the next batch starts.
@@ -338,7 +378,7 @@ TEST(TreeFile, DamagedFilesGiveErrorsNeverSignals) {
       std::string script;
       for (size_t i = next; i < files.size(); i++) {
         std::string name = dir + "/bad" + std::to_string(i) + ".tree";
-        write_file(name, files[i]);
+        write_file(name, files[i].bytes);
         script += "echo case" + std::to_string(i) + "\nload_tree " + name +
                   "\ncalc_results\nshow_strategy r:0:c\nshow_locked_combos r:0:c\n";
       }
@@ -350,14 +390,31 @@ TEST(TreeFile, DamagedFilesGiveErrorsNeverSignals) {
       size_t reached = std::stoul(text.substr(last + 5));  // "\ncase" and the number
       ASSERT_TRUE(rc == 0 || (rc == 1 && text.find("fse error\n", last) != std::string::npos))
           << "seed " << seed << " source " << k << " case " << reached << " exit " << rc;
+      for (size_t i = next; i <= reached && i < files.size(); i++) {
+        const std::string name = dir + "/bad" + std::to_string(i) + ".tree";
+        const std::string read_error = "ERROR: load_tree can't read from file (" + name + ")";
+        std::string answer = between(text, "\ncase" + std::to_string(i) + "\n", "\n");
+        const DamagedFile& f = files[i];
+        if (f.damage == CUT) {
+          EXPECT_EQ(answer, read_error) << "source " << k << " cut at " << f.bytes.size() << " of " << good.size();
+        } else if (f.damage == FIELD) {
+          EXPECT_EQ(answer, f.answer) << "source " << k << " case " << i;
+        } else {
+          // A damaged length may run past the end of the file.
+          EXPECT_TRUE(answer == "load_tree ok!" || answer == invalid || answer == read_error ||
+                      answer == "fse error" || answer == "ERROR: incompatible data" ||
+                      answer.rfind("ERROR: load_tree corrupt ", 0) == 0 ||
+                      answer == "ERROR: load_tree unsupported data format, update to latest version")
+              << "seed " << seed << " source " << k << " case " << i << ": " << answer;
+        }
+        unlink(name.c_str());
+      }
       cases += int(reached - next + 1);
-      for (size_t i = next; i <= reached && i < files.size(); i++)
-        unlink((dir + "/bad" + std::to_string(i) + ".tree").c_str());
       next = reached + 1;
       if (rc == 0) break;
     }
   }
-  EXPECT_GE(cases, 300);
+  EXPECT_GE(cases, 550);
   // The largest process of all stayed far below what a trusted length field
   // could have asked for.
   struct rusage usage;

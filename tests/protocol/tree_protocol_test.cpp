@@ -1,6 +1,8 @@
 // Building a game and walking it by node paths, through the real binary.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "run_binary.h"
 
 namespace {
@@ -89,6 +91,50 @@ TEST(Paths, SplitChildrenInCardOrder) {
   EXPECT_EQ(out.find(":7c\n"), std::string::npos);
   EXPECT_EQ(run_k(game("Qs Jh 2h 7c", {"0 0 0 0"}) + "build_tree\nshow_node r:0:c:c\n").substr(0, 51),
             "r:0:c:c\nSPLIT_NODE\n2h Jh Qs 7c\n0 0 100\n48 children\n");
+}
+
+// Turn and river cards from both ends of the rank order, with the full deck
+// and with a deck from six: the lowest rank in play is a card like any other,
+// the one below it is out.
+TEST(Paths, CardsAtBothEndsOfTheRankOrder) {
+  auto block = [](const std::string& path, const std::string& board) {
+    return path + "\nOOP_DEC\n" + board + "\n0 0 100\n1 children\nflags: \nEND\n";
+  };
+  const std::vector<std::string> checks{"0 0 0 0 0 0"};
+  std::string full = game("Qs Jh 7h", checks) +
+                     "build_tree\n"
+                     "show_node r:0:c:c:2c:c:c:As\n"
+                     "show_node r:0:c:c:As:c:c:2d\n"
+                     "show_node r:0:c:c:2s:c:c:2c\n";
+  EXPECT_EQ(run_k(full), block("r:0:c:c:2c:c:c:As", "7h Jh Qs 2c As") +
+                             block("r:0:c:c:As:c:c:2d", "7h Jh Qs As 2d") +
+                             block("r:0:c:c:2s:c:c:2c", "7h Jh Qs 2s 2c"));
+
+  std::string six = "set_low_card 6\n" + game("Qs Jh 7h", checks) +
+                    "build_tree\n"
+                    "show_node r:0:c:c:6c:c:c:As\n"
+                    "show_node r:0:c:c:As:c:c:6d\n"
+                    "show_node r:0:c:c:5s\n"
+                    "show_node r:0:c:c:As:c:c:5c\n"
+                    "show_strategy r:0:c:c:6s:c:c:6c\n"
+                    "show_children r:0:c:c\n";
+  std::string out = run_k(six);
+  std::string expected = block("r:0:c:c:6c:c:c:As", "7h Jh Qs 6c As") + block("r:0:c:c:As:c:c:6d", "7h Jh Qs As 6d") +
+                         "ERROR: show_node incorrect path\nERROR: show_node incorrect path\n";
+  ASSERT_EQ(out.substr(0, expected.size()), expected);
+  // The strategy of a board of sixes: one row of 1326 for the one action,
+  // which the hands in play take.
+  std::istringstream rest(out.substr(expected.size()));
+  std::string row, end;
+  std::getline(rest, row);
+  std::getline(rest, end);
+  EXPECT_EQ(std::count(row.begin(), row.end(), ' '), 1325) << row.substr(0, 40);
+  EXPECT_NE(row.find(" 1 "), std::string::npos);
+  EXPECT_EQ(end, "END");
+  // 36 cards less the flop's three: the sixes close the list.
+  EXPECT_NE(out.find("child 32:\nr:0:c:c:6c\nOOP_DEC\n7h Jh Qs 6c\n"), std::string::npos);
+  EXPECT_EQ(out.find("child 33:"), std::string::npos);
+  EXPECT_EQ(out.find(":5"), std::string::npos);
 }
 
 TEST(Paths, Errors) {

@@ -97,3 +97,23 @@ TEST_F(SolverConfigs, FlopGameSameValueWithIsomorphism) {
   expect_same_value(iso, plain, 1e-3, "isomorphism");
   EXPECT_NEAR(iso.ev0, plain.ev0, 2 * (iso.exploitable + plain.exploitable) + 1e-3);
 }
+
+// Scaling one range by a constant leaves the game as it was. The river's
+// 16-bit regrets are scaled by the largest weight of the other player's
+// range, whose reach the traverser's values carry; a range of weights
+// 1/1024 puts the two players' scales three orders apart.
+TEST_F(SolverConfigs, FlopGameSameValueWithOneRangeScaledDown) {
+  const int32_t n = scaled(120, 3);
+  const double bound = UnderSanitizer ? 1.0 : 0.5;
+  GameSpec g = flop_game();
+  SolverResults base = run(g, n);
+  for (int p = 0; p < 2; p++) {
+    GameSpec scaled_down = g;
+    scaled_down.weight[p] = 1.0 / 1024;
+    SolverResults s = run(scaled_down, n);
+    EXPECT_LT(s.exploitable, bound) << "player " << p;
+    // The same regrets up to rounding: the same strategies, the same value.
+    EXPECT_NEAR(s.ev0, base.ev0, 1e-3 + 0.1 * base.exploitable) << "player " << p;
+    expect_same_value(s, base, 1e-3, p == 0 ? "OOP scaled" : "IP scaled");
+  }
+}

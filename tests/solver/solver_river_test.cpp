@@ -5,6 +5,7 @@
 // the bettor is +25 chips from the middle of a pot of 100.
 #include <cmath>
 
+#include "solver/walk.h"
 #include "solver_support.h"
 
 namespace {
@@ -83,6 +84,80 @@ TEST_F(SolverTest, EvaluationBeforeTheAverageUsesCurrentStrategy) {
   // Both are valid evaluations.
   EXPECT_GE(r60.exploitable, -1e-4);
   EXPECT_GE(r61.exploitable, -1e-4);
+}
+
+// The weight of the average: nothing through iteration 60, then (t - 60)^e,
+// e = 4 with no cap on a river root, 1.5 capped at 262143 above it.
+TEST_F(SolverTest, AverageWeightStartsAfterIteration60) {
+  Tree& t = build(polarised_game());
+  WalkState walk;
+  walk.mode = MODE_TRAIN;
+  auto weight = [&](Tree& tree, int32_t iteration, int32_t street) {
+    tree.iteration = iteration;
+    return average_weight(tree, walk, street);
+  };
+  EXPECT_EQ(weight(t, 0, 3), 0.0f);
+  EXPECT_EQ(weight(t, 59, 3), 0.0f);
+  EXPECT_EQ(weight(t, 60, 3), 0.0f);
+  EXPECT_EQ(weight(t, 61, 3), 1.0f);
+  EXPECT_EQ(weight(t, 62, 3), 16.0f);
+  EXPECT_EQ(weight(t, 64, 3), 256.0f);
+  EXPECT_EQ(weight(t, 60 + 5000, 3), float(std::pow(5000.0, 4.0)));
+  walk.river_average_now = false;
+  EXPECT_EQ(weight(t, 64, 3), 0.0f);
+  walk.river_average_now = true;
+  t.average_policy = 2;  // sums from the start, all alike
+  EXPECT_EQ(weight(t, 0, 3), 1.0f);
+  EXPECT_EQ(weight(t, 64, 3), 1.0f);
+  t.average_policy = 0;
+  EXPECT_EQ(weight(t, 64, 3), 0.0f);
+  free_active_tree();
+
+  GameSpec g = polarised_game();
+  g.board = "KsQd7h4c";
+  g.lines = {"0 0 100 100"};
+  Tree& turn = build(g);
+  EXPECT_EQ(weight(turn, 60, 2), 0.0f);
+  EXPECT_EQ(weight(turn, 61, 2), 1.0f);
+  EXPECT_EQ(weight(turn, 62, 2), float(std::pow(2.0, 1.5)));
+  EXPECT_EQ(weight(turn, 64, 2), 8.0f);
+  EXPECT_EQ(weight(turn, 60 + 4095, 2), float(std::pow(4095.0, 1.5)));
+  EXPECT_EQ(weight(turn, 60 + 4096, 2), 262143.0f);
+  EXPECT_EQ(weight(turn, 60 + 9000, 2), 262143.0f);
+}
+
+// The root's average against one summed here from the strategies it played:
+// the root's reach is the same every iteration, so the sums over the
+// iterations are the strategies weighted by the schedule alone.
+TEST_F(SolverTest, RootAverageFollowsTheWeightSchedule) {
+  Tree& t = build(polarised_game());
+  Node& root = t.nodes[0];
+  const int32_t tc = t.boards->turn_child, rc = t.boards->river_child;
+  const int32_t n = int32_t(root.children.size());
+  const int32_t hands = root.regretStore->row_length(tc, rc);
+  float skewed[MaxNodeActions];
+  default_strategy(root, skewed);
+  std::vector<double> sums(size_t(n * hands), 0.0);
+  double total = 0;
+  for (int32_t it = 0; it < 72; it++) {
+    const double w = it <= 60 ? 0.0 : std::pow(double(it - 60), 4.0);
+    HandVector played[MaxNodeActions];
+    root.regretStore->read_strategy(played, tc, rc, skewed);
+    for (int32_t a = 0; a < n; a++)
+      for (int32_t h = 0; h < hands; h++) sums[size_t(a * hands + h)] += w * double(played[a].data[h]);
+    total += w;
+    run_iteration(t);
+  }
+  HandVector average[MaxNodeActions];
+  played_strategy(t, root, tc, rc, average, WalkAverageFrom);
+  int32_t checked = 0;
+  for (int32_t h = 0; h < hands; h++) {
+    if (t.reach_weights[0][size_t(h)] == 0.0f) continue;
+    checked++;
+    for (int32_t a = 0; a < n; a++)
+      EXPECT_NEAR(average[a].data[h], sums[size_t(a * hands + h)] / total, 1e-6) << "hand " << h << " action " << a;
+  }
+  EXPECT_EQ(checked, 6);
 }
 
 TEST_F(SolverTest, ResultsAreCachedOnlyForIncompleteTrees) {

@@ -33,6 +33,7 @@ struct GameSpec {
   std::vector<std::string> oop, ip;     // "AhKh" hands or "AK", "AKs", "AKo", "AA" classes
   std::vector<std::string> lines;       // levels as add_line takes them
   double pot = 100;
+  double weight[2] = {1.0, 1.0};        // every hand of a player's range
 };
 
 inline Card card_of(const std::string& two) {
@@ -103,7 +104,7 @@ struct SolverTest : ::testing::Test {
     }
     for (int p = 0; p < 2; p++) {
       Ranges[p] = Range(HandCount, 0.0);
-      for (const std::string& h : p == 0 ? g.oop : g.ip) add_to_range(Ranges[p], h, board);
+      for (const std::string& h : p == 0 ? g.oop : g.ip) add_to_range(Ranges[p], h, board, g.weight[p]);
     }
     StartPot = g.pot;
     clear_schematic_tree();
