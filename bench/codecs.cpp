@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "platform/platform.h"
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include "platform/platform.h"
 #include "shell/shell.h"
 #include "solver/solver.h"
-#include "storage/arena.h"
+#include "storage/memory/memory_report.h"
 #include "tree/tree.h"
 
 const CommandEntry CommandTable[CommandCount] = {

@@ -6,8 +6,10 @@
 #include <condition_variable>
 #include <thread>
 
+#include "core/core.h"
 #include "platform/platform.h"
 #include "solver/solver.h"
+#include "storage/memory/counters.h"
 
 int32_t SolverLimit = 0;
 bool LimitIsSteps = false;

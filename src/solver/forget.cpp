@@ -9,6 +9,8 @@
 #include <set>
 
 #include "solver/walk.h"
+#include "storage/memory/allocation.h"
+#include "storage/memory/fatal.h"
 
 namespace {
 

@@ -3,6 +3,7 @@
 
 #include "core/core.h"
 #include "solver/solver.h"
+#include "storage/memory/counters.h"
 
 void cmd_go(const Tokens& t) {
   if (!TreePresent || !ActiveTree) fail_command("missing/incorrect tree");

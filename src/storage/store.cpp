@@ -8,6 +8,9 @@
 
 #include "platform/platform.h"
 #include "storage/store_cells.h"
+#include "core/core.h"
+#include "storage/memory/allocation.h"
+#include "storage/memory/fatal.h"
 
 int32_t RegretIteration = 0;
 

@@ -27,6 +27,8 @@
 #include <vector>
 
 #include "storage/arena.h"
+#include "storage/memory/bytes.h"
+#include "storage/memory/hand_vector.h"
 
 // ---- Shapes -------------------------------------------------------------------
 

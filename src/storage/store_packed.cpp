@@ -9,6 +9,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "storage/memory/allocation.h"
+#include "storage/memory/fatal.h"
 #include "storage/store.h"
 #include "storage/store_cells.h"
 

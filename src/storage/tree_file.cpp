@@ -78,7 +78,7 @@
 #include <cstring>
 #include <memory>
 
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 #include "storage/store.h"
 #include "storage/store_cells.h"
 #include "tree/tree.h"

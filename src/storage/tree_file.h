@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "storage/arena.h"
+#include "storage/memory/bytes.h"
 
 struct Tree;
 

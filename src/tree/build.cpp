@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "platform/platform.h"
+#include "storage/memory/counters.h"
 #include "storage/store.h"
 #include "tree/board_tree.h"
 #include "tree/tree.h"

@@ -12,7 +12,8 @@
 #include "cards/cards.h"
 #include "core/core.h"
 #include "platform/platform.h"
-#include "storage/arena.h"
+#include "storage/memory/hand_vector.h"
+#include "storage/memory/memory_report.h"
 #include "storage/store.h"
 
 // ---- Schematic tree ---------------------------------------------------------

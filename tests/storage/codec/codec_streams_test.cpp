@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "codec_support.h"
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // first entry, the scalar tail and the choice of order are written once, and
 // each build gives its own vector step over Width entries.
 #pragma once
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 
 // first_order(i) writes a[i .. i + Width) for a row without reference;
 // both_orders(i, first_nonzero, second_nonzero) writes a and b there and adds

@@ -10,8 +10,8 @@
 // little-endian in the byte stream.
 #include <cstring>
 
-#include "storage/arena.h"
-#include "storage/codec.h"
+#include "storage/memory/fatal.h"
+#include "storage/codec/codec.h"
 
 namespace {
 

@@ -1,69 +1,17 @@
-// Small working memory: aligned allocation, hand vectors and the per-thread row
-// pool, the storage byte counters, fatal lines, byte streams and show_memory.
+// Small working memory: aligned allocation with its counts, the per-thread
+// row pools and hand vectors.
 #include <malloc.h>
 #include <tbb/scalable_allocator.h>
 
 #include <atomic>
-
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <algorithm>
 #include <mutex>
-#include <stdexcept>
+#include <vector>
 
-#include "platform/platform.h"
-#include "storage/arena.h"
-
-// ---- Fatal failures ---------------------------------------------------------
-
-// Fatal lines may come from any thread, so they bypass the loop's output buffer
-// and go straight out under the output lock. _Exit skips static destructors,
-// which could otherwise wait on worker threads that are still running.
-void storage_fatal_line(const std::string& line) {
-  write_direct(line);
-  fflush(stdout);
-  std::_Exit(1);
-}
-
-void storage_fatal(const char* text) {
-  if (!text) storage_fatal_line("fail\n");
-  storage_fatal_line(std::string("fail (") + text + ")\n");
-}
-
-// ---- Byte streams -----------------------------------------------------------
-
-void MemoryByteWriter::write(const void* data, size_t count) {
-  const uint8_t* p = static_cast<const uint8_t*>(data);
-  bytes.insert(bytes.end(), p, p + count);
-}
-
-MemoryByteSource::MemoryByteSource(const void* bytes, size_t count)
-    : data(static_cast<const uint8_t*>(bytes)), size(count) {}
-
-void MemoryByteSource::read(void* buffer, size_t count) {
-  if (count > size - position) fail_command("can't read from memory");
-  if (count) memcpy(buffer, data + position, count);
-  position += count;
-}
-
-// ---- Counters -----------------------------------------------------------------
-
-std::atomic<int64_t> StorageBytesRead{0};
-std::atomic<int64_t> StorageBytesWritten{0};
-
-void reset_storage_counters() {
-  StorageBytesRead.store(0);
-  StorageBytesWritten.store(0);
-}
-
-StorageThroughput storage_throughput(double elapsed_seconds) {
-  if (!(elapsed_seconds > 0)) return {0, 0};
-  auto rate = [&](int64_t bytes) {
-    return int32_t(double(bytes) / elapsed_seconds / 1024.0 / 1024.0);
-  };
-  return {rate(StorageBytesRead.load()), rate(StorageBytesWritten.load())};
-}
+#include "core/core.h"
+#include "storage/memory/allocation.h"
+#include "storage/memory/hand_vector.h"
 
 // ---- Allocation counts ----------------------------------------------------------
 
@@ -309,58 +257,4 @@ void HandVector::release() {
   data = nullptr;
   count = 0;
   pooled = false;
-}
-
-// ---- show_memory --------------------------------------------------------------
-
-void print_memory_report(uint64_t total_physical, uint32_t load_percent) {
-  // Both figures are cut to 32 bits, as the report has always printed them.
-  uint64_t total_mb = total_physical >> 20;
-  double available = double(total_physical) * double(100 - load_percent) / 100.0;
-  uint64_t available_mb = uint64_t(available) >> 20;
-  shell_print("Total Physical Memory: %d MB\n", int32_t(uint32_t(total_mb)));
-  shell_print("Available Phys Memory: %d MB\n", int32_t(uint32_t(available_mb)));
-  shell_print("END\n");
-}
-
-// ---- Breakdown ------------------------------------------------------------------
-
-std::vector<MemoryPart> (*TreeMemoryParts)() = nullptr;
-
-std::vector<MemoryPart> memory_breakdown(int64_t& resident, int64_t& peak) {
-  std::vector<MemoryPart> parts;
-  if (TreeMemoryParts) parts = TreeMemoryParts();
-  AllocatorFigures a = allocator_figures();
-  ResidentFigures r = resident_figures();
-  int64_t scalable_named = 0, heap_named = 0;
-  for (const MemoryPart& p : parts) {
-    scalable_named += p.scalable;
-    heap_named += p.heap;
-  }
-  parts.push_back({"row pools", a.row_pool_blocks, a.row_pool_blocks, 0});
-  parts.push_back({"channel buffers", a.channel_buffers, a.channel_buffers, 0});
-  scalable_named += a.row_pool_blocks + a.channel_buffers;
-  // What the allocators hold beyond the parts named: working rows, the walk's
-  // lists and everything small.
-  parts.push_back({"other rows", std::max<int64_t>(0, a.scalable_in_use - scalable_named), 0, 0});
-  parts.push_back({"other heap objects", std::max<int64_t>(0, a.heap_in_use - heap_named), 0, 0});
-  parts.push_back({"heap free blocks", a.heap_free, 0, 0});
-  parts.push_back({"thread stacks", int64_t(thread_stack_resident()), 0, 0});
-  parts.push_back({"code and libraries", int64_t(r.file + r.shared), 0, 0});
-  resident = int64_t(r.resident);
-  peak = int64_t(r.peak);
-  return parts;
-}
-
-void print_memory_breakdown() {
-  int64_t resident = 0, peak = 0;
-  std::vector<MemoryPart> parts = memory_breakdown(resident, peak);
-  const double mb = 1024.0 * 1024.0;
-  int64_t total = 0;
-  for (const MemoryPart& p : parts) {
-    shell_print("#memory %s %.1f MB\n", p.name, double(p.bytes) / mb);
-    total += p.bytes;
-  }
-  shell_print("#memory total %.1f MB, resident %.1f MB, peak %.1f MB\n", double(total) / mb, double(resident) / mb,
-              double(peak) / mb);
 }

@@ -1,6 +1,6 @@
 // The FSE stream loops built with BMI2 (this file gets -mbmi2); fse.cpp calls
 // it only when the processor has it. Same symbols and results as the baseline.
-#include "storage/fse_impl.h"
+#include "storage/codec/fse_impl.h"
 
 int64_t fse_decode_stream_bmi2(uint8_t* dst, size_t dst_capacity, const DecodeCell* table,
                                unsigned log, const uint8_t* src, size_t src_size) {

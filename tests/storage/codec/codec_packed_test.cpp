@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "codec_support.h"
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 
 namespace {
 

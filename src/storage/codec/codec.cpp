@@ -1,7 +1,6 @@
 // Choosing a row codec by its id, and the transform-and-encode helpers.
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 
-#include "storage/arena.h"
 
 // Each codec lives in its own file; these make its two halves.
 RowEncoder* make_fse_encoder(ChannelSink sink);

@@ -34,8 +34,8 @@
 #include <cstring>
 
 #include "platform/platform.h"
-#include "storage/codec.h"
-#include "storage/fse_impl.h"
+#include "storage/codec/codec.h"
+#include "storage/codec/fse_impl.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 // AVX2. Same results as the baseline form.
 #include <immintrin.h>
 
-#include "storage/codec.h"
-#include "storage/codec_transform_impl.h"
+#include "storage/codec/codec.h"
+#include "storage/codec/codec_transform_impl.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <random>
 #include <vector>
 
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 
 namespace {
 

@@ -20,8 +20,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "storage/arena.h"
-#include "storage/codec.h"
+#include "storage/memory/allocation.h"
+#include "storage/memory/fatal.h"
+#include "storage/codec/codec.h"
 
 // AVX2 forms: the dense non-zero values of a row's whole groups
 // (codec_fse_avx2.cpp), and the inverse transform that takes a row as dense

@@ -4,9 +4,9 @@
 
 #include "platform/platform.h"
 #include "core/core.h"
-#include "storage/arena.h"
-#include "storage/codec.h"
-#include "storage/codec_transform_impl.h"
+#include "storage/memory/fatal.h"
+#include "storage/codec/codec.h"
+#include "storage/codec/codec_transform_impl.h"
 
 // The AVX-512 form of the 16-bit transform (codec_transform_avx512.cpp).
 bool transform_row16_avx512(const uint16_t* row, const uint16_t* reference, int count,

@@ -2,7 +2,7 @@
 #pragma once
 #include <cstring>
 
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 
 // A 16-bit tail group of m (1 to 8) values: control byte 1 and a byte each
 // when all are below 256, else 3 and 16 bits each. Returns the end.

@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 
 // 24 byte vectors behind a ChannelSink and a ChannelSource.
 struct MemoryChannels {

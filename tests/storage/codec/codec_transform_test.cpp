@@ -5,7 +5,7 @@
 #include "codec_support.h"
 #include "platform/platform.h"
 #include "core/core.h"
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 
 namespace {
 

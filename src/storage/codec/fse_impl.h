@@ -12,7 +12,7 @@
 #include <immintrin.h>
 #endif
 
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 
 // Plain data, the same in both builds.
 struct DecodeCell {

@@ -5,8 +5,8 @@
 
 #include <cstring>
 
-#include "storage/codec.h"
-#include "storage/codec_packed_impl.h"
+#include "storage/codec/codec.h"
+#include "storage/codec/codec_packed_impl.h"
 
 namespace {
 

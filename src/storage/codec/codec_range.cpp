@@ -23,8 +23,8 @@
 #include <stdexcept>
 #include <vector>
 
-#include "storage/arena.h"
-#include "storage/codec.h"
+#include "storage/memory/fatal.h"
+#include "storage/codec/codec.h"
 
 namespace {
 
