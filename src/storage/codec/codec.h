@@ -1,5 +1,6 @@
-// Codecs of store rows: the row transform, the packed block format, the FSE
-// entropy coder, and the channel codecs behind RowEncoder and RowDecoder.
+// Codecs of store rows: the row transform, the packed block format, and the
+// channel codecs behind RowEncoder and RowDecoder (the FSE block coder they
+// use is in fse.h).
 //
 // A row is a sequence of at most 1326 non-negative integers, one per hand.
 // Neighbouring rows are alike and neighbouring hands have like values, so
@@ -77,73 +78,21 @@ int64_t packed_size32(const uint8_t* src, size_t size, int count);
 int64_t packed_size16(const uint8_t* src, size_t size, int count);
 int64_t packed_size24(const uint8_t* src, size_t size, int count);
 
-// ---- FSE entropy coder ------------------------------------------------------
-// The finite-state entropy coder in its block format: a header of normalised
-// counts (first four bits: table log - 5), then two interleaved states on one
-// bitstream that is read backwards from a terminating 1 bit. Results below 0
-// are errors; FSE_compress returns 0 for incompressible input (also for 0 or 1
-// byte) and 1 for a block of one repeated byte, which the caller stores itself.
-enum FseErrorCode : int {
-  FSE_OK_NoError = 0,
-  FSE_ERROR_GENERIC,
-  FSE_ERROR_tableLog_tooLarge,
-  FSE_ERROR_maxSymbolValue_tooLarge,
-  FSE_ERROR_maxSymbolValue_tooSmall,
-  FSE_ERROR_dstSize_tooSmall,
-  FSE_ERROR_srcSize_wrong,
-  FSE_ERROR_corruptionDetected,
-  FSE_ERROR_maxCode
-};
-constexpr unsigned FSE_MIN_TABLELOG = 5;
-constexpr unsigned FSE_MAX_TABLELOG = 12;
-constexpr unsigned FSE_DEFAULT_TABLELOG = 11;
-constexpr unsigned FSE_MAX_SYMBOL_VALUE = 255;
+// ---- Instruction sets -------------------------------------------------------
+// The vector forms of the transform, the packed format and the FSE loops
+// exist once per instruction set and are chosen on every call, as the
+// solver's kernels are: AVX-512 for the 16-bit transform when UseAvx512 is
+// set and the processor has it (AVX2 for the rest), else AVX2 with BMI2 when
+// the processor has both, else the baseline build. All forms give the same
+// bytes.
+enum CodecIsa : int32_t { CODEC_BASELINE = 0, CODEC_AVX2 = 1, CODEC_AVX512 = 2 };
 
-constexpr size_t FSE_compressBound(size_t size) { return size + (size >> 7) + 512; }
-inline bool FSE_isError(int64_t result) { return result < 0; }
+// The widest set the codecs may choose; lowered by tests and benchmarks to
+// compare the forms. Starts at CODEC_AVX512.
+extern int32_t CodecIsaLimit;
 
-// Largest symbol 255, table log by the usual rule with at most 11.
-int64_t FSE_compress(void* dst, size_t dst_capacity, const void* src, size_t src_size);
-// The same with a largest symbol value and a largest table log (0: defaults).
-int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t src_size,
-                      unsigned max_symbol_value, unsigned table_log);
-// Returns the number of bytes regenerated, at most `dst_capacity`.
-int64_t FSE_decompress(void* dst, size_t dst_capacity, const void* src, size_t src_size);
-// Blocks coded two at a time, each with the result and bytes FSE_compress
-// or FSE_decompress would give it alone (FSE_compress2 with `table_log` when
-// it isn't 0): the coding loops of two blocks run side by side, which hides
-// the latency of each one's table loads, and a block that ends is followed
-// by the next. Longest first pairs them best.
-struct FseBlock {
-  void* dst;
-  size_t dst_capacity;
-  const void* src;
-  size_t src_size;
-  unsigned table_log = 0;
-};
-constexpr int FSE_MAX_BLOCKS = 64;  // a larger list goes in parts of this many
-void FSE_compressBlocks(const FseBlock* blocks, int n, int64_t* results);
-void FSE_decompressBlocks(const FseBlock* blocks, int n, int64_t* results);
-// Whether the FSE decoding loop, the inverse row transform and the 16- and
-// 32-bit packed forms run their AVX2/BMI2 builds: set at start-up where the processor has both; tests turn
-// it off to compare with the baseline builds.
-extern bool CodecUseAvx2;
-
-// The pieces of the header, public for tests and tools.
-// Table log for a source of `src_size` bytes whose largest symbol is
-// `max_symbol_value`, at most `max_table_log`.
-unsigned FSE_optimalTableLog(unsigned max_table_log, size_t src_size, unsigned max_symbol_value);
-// Scales `count` (total `total`) to 1 << table_log points: every present
-// symbol gets at least one; -1 marks a symbol below one point. Returns the
-// table log or an error.
-int64_t FSE_normalizeCount(int16_t* norm, unsigned table_log, const uint32_t* count,
-                           size_t total, unsigned max_symbol_value);
-int64_t FSE_writeNCount(void* dst, size_t dst_capacity, const int16_t* norm,
-                        unsigned max_symbol_value, unsigned table_log);
-// Reads a header; on entry *max_symbol_value is the largest allowed symbol,
-// on return the largest one present. Returns the header's size in bytes.
-int64_t FSE_readNCount(int16_t* norm, unsigned* max_symbol_value, unsigned* table_log,
-                       const void* src, size_t src_size);
+// The set the codecs use now.
+CodecIsa codec_isa();
 
 // ---- Channels -----------------------------------------------------------------
 // A codec doesn't own its bytes: it moves them to or from numbered channels

@@ -12,7 +12,7 @@
 //   18, 19  low and high byte of an escaped value, or 255, 255 to escape again
 //   20..23  the four bytes of a doubly escaped value, low byte first
 // Each channel is a sequence of blocks: source_size (32 bits), coded_size (32
-// bits, the result of FSE_compress), then coded_size bytes if coded_size > 1,
+// bits, the result of fse_compress), then coded_size bytes if coded_size > 1,
 // one byte repeated source_size times if coded_size is 1, and source_size raw
 // bytes otherwise (0, or an error code).
 #include <nmmintrin.h>
@@ -23,17 +23,8 @@
 #include "storage/memory/allocation.h"
 #include "storage/memory/fatal.h"
 #include "storage/codec/codec.h"
-
-// AVX2 forms: the dense non-zero values of a row's whole groups
-// (codec_fse_avx2.cpp), and the inverse transform that takes a row as dense
-// values and masks (codec_transform_avx2.cpp).
-int compact_groups_avx2(uint32_t* values, const uint32_t* t, const uint8_t* masks, int groups);
-bool split_values_avx2(const uint32_t* values, int n, uint8_t* top, uint8_t* low, uint8_t* high,
-                       uint8_t* other_context, uint8_t* other_byte, int counts[4]);
-void untransform_dense32_avx2(uint32_t* row, const uint32_t* reference, const uint32_t* values,
-                              const uint8_t* masks, int count, bool uses_reference);
-void untransform_diffs16_avx2(uint16_t* row, const uint16_t* reference, const uint16_t* diffs,
-                              const uint8_t* masks, int count, bool uses_reference);
+#include "storage/codec/codec_isa.h"
+#include "storage/codec/fse.h"
 
 namespace {
 
@@ -43,7 +34,7 @@ constexpr uint32_t BlockBytes = 65536;
 constexpr uint32_t BufferBytes = BlockBytes + 16;
 // Where every read cursor points before its channel's first block.
 alignas(16) const uint8_t NoBytes[16] = {};
-constexpr size_t CodedBytes = FSE_compressBound(BlockBytes);
+constexpr size_t CodedBytes = fse_compress_bound(BlockBytes);
 
 [[noreturn]] void fse_failure() { storage_fatal_line("fse error\n"); }
 
@@ -113,10 +104,11 @@ class FseEncoder final : public RowEncoder {
     // The values go through a dense list of the non-zero ones, so that the
     // loop below runs once per value with no branch on where the zeros are.
     // values[-1] reads as 1: the first value's context is 0.
+    const CodecKernels& k = codec_kernels();
     uint32_t dense[MaxRowValues + 16];
     dense[0] = 1;
     uint32_t* values = dense + 1;
-    int n = CodecUseAvx2 ? compact_groups_avx2(values, t, masks, full) : compact_groups(values, t, masks, full);
+    int n = k.compact_groups(values, t, masks, full);
     for (int i = 8 * full; i < count; i++) {
       values[n] = t[i];
       n += t[i] != 0;
@@ -124,18 +116,11 @@ class FseEncoder final : public RowEncoder {
     if (n == 0) return;
     if (!room_for(n + 8))
       push_values_checked(values, n);
-    else if (!CodecUseAvx2 || !push_split(values, n))
+    else if (!k.split_values || !push_split(k, values, n))
       push_values(values, n);
   }
 
  private:
-  static int compact_groups(uint32_t* values, const uint32_t* t, const uint8_t* masks, int groups) {
-    int n = 0;
-    for (int g = 0; g < groups; g++)
-      for (unsigned m = masks[g]; m; m &= m - 1) values[n++] = t[8 * g + __builtin_ctz(m)];
-    return n;
-  }
-
   // Whether every channel a row of n values can touch, short of the four of
   // a double escape, has room for n more bytes in its present block.
   bool room_for(int n) const {
@@ -178,13 +163,13 @@ class FseEncoder final : public RowEncoder {
     fill[19] = uint32_t(high - staged[19]);
   }
 
-  // With AVX2: the context-15 bytes and the escape bytes leave by vector
-  // stores, and only the values of other contexts go one by one. False for a
-  // row with a double escape, which then takes the scalar loop.
-  bool push_split(const uint32_t* values, int n) {
+  // With a vector form: the context-15 bytes and the escape bytes leave by
+  // vector stores, and only the values of other contexts go one by one. False
+  // for a row with a double escape, which then takes the scalar loop.
+  bool push_split(const CodecKernels& k, const uint32_t* values, int n) {
     uint8_t other_context[MaxRowValues + 8], other_byte[MaxRowValues + 8];
     int counts[4];
-    if (!split_values_avx2(values, n, staged[17] + fill[17], staged[18] + fill[18], staged[19] + fill[19],
+    if (!k.split_values(values, n, staged[17] + fill[17], staged[18] + fill[18], staged[19] + fill[19],
                            other_context, other_byte, counts))
       return false;
     fill[17] += uint32_t(counts[0]);
@@ -246,7 +231,7 @@ class FseEncoder final : public RowEncoder {
   void cut_block(int c) {
     if (!coded) coded = allocate(CodedBytes);
     const uint32_t size = fill[c];
-    write_block(c, FSE_compress(coded, CodedBytes, staged[c], size), coded);
+    write_block(c, fse_compress(coded, CodedBytes, staged[c], size), coded);
   }
 
   // The block's head, then its coded bytes, its one byte or its raw bytes.
@@ -266,7 +251,7 @@ class FseEncoder final : public RowEncoder {
   }
 
   // The last blocks of all channels, coded two at a time from the largest
-  // down (FSE_compressBlocks), then written in channel order. Each channel's
+  // down (fse_compress_blocks), then written in channel order. Each channel's
   // coded bytes get the bound of its own size: a block that is kept coded
   // fits in it, so the results are those of cut_block's larger room.
   void flush_all() {
@@ -277,7 +262,7 @@ class FseEncoder final : public RowEncoder {
       offset[c + 1] = offset[c];
       if (!staged[c] || fill[c] == 0) continue;
       order[n++] = c;
-      offset[c + 1] += FSE_compressBound(fill[c]);
+      offset[c + 1] += fse_compress_bound(fill[c]);
     }
     if (n == 0) return;
     uint8_t* area = allocate(offset[CodecChannelCount]);
@@ -285,10 +270,10 @@ class FseEncoder final : public RowEncoder {
     FseBlock blocks[CodecChannelCount];
     for (int k = 0; k < n; k++) {
       const int c = order[k];
-      blocks[k] = {area + offset[c], FSE_compressBound(fill[c]), staged[c], fill[c]};
+      blocks[k] = {area + offset[c], fse_compress_bound(fill[c]), staged[c], fill[c]};
     }
     int64_t sorted[CodecChannelCount], result[CodecChannelCount];
-    FSE_compressBlocks(blocks, n, sorted);
+    fse_compress_blocks(blocks, n, sorted);
     for (int k = 0; k < n; k++) result[order[k]] = sorted[k];
     for (int c = 0; c < CodecChannelCount; c++)
       if (staged[c] && fill[c] > 0) write_block(c, result[c], area + offset[c]);
@@ -427,7 +412,7 @@ class FseDecoder final : public RowDecoder {
       blocks[k] = {buffer[c], BlockBytes, first_coded + offset[c], size_t(coded_size[c])};
     }
     int64_t results[CodecChannelCount];
-    FSE_decompressBlocks(blocks, ready, results);
+    fse_decompress_blocks(blocks, ready, results);
     for (int k = 0; k < ready; k++)
       if (results[k] != int64_t(first_size[order[k]])) first_block[order[k]] = Bad;
   }
@@ -492,7 +477,7 @@ class FseDecoder final : public RowDecoder {
     if (coded_size > 1) {
       if (!coded) coded = allocate(CodedBytes);
       read_exact(c, coded, size_t(coded_size));
-      int64_t r = FSE_decompress(block_buffer(c), BlockBytes, coded, size_t(coded_size));
+      int64_t r = fse_decompress(block_buffer(c), BlockBytes, coded, size_t(coded_size));
       if (r != int64_t(source_size)) fse_failure();
     } else if (!read_plain(c, source_size, coded_size)) {
       fse_failure();
@@ -570,8 +555,8 @@ class FseDecoder final : public RowDecoder {
     }
   }
 
-  // Entropy stage, then the inverse transform. With AVX2 the dense values
-  // go into the prefix sum group by group, without a row of them between.
+  // Entropy stage, then the inverse transform. With a vector form the dense
+  // values go into the prefix sum group by group, without a row of them between.
   template <typename T>
   void decode(T* row, const T* reference, int count) {
     if (count > MaxRowValues) storage_fatal("row too long");
@@ -590,19 +575,20 @@ class FseDecoder final : public RowDecoder {
     }
     int n = 0;
     for (int g = 0; g < groups; g++) n += __builtin_popcount(masks[g]);
+    const CodecKernels& k = codec_kernels();
     if constexpr (sizeof(T) == 2) {
-      if (CodecUseAvx2) {
+      if (k.untransform_diffs16) {
         uint16_t diffs[MaxRowValues + 16];
         decode_dense(diffs, n);
-        untransform_diffs16_avx2(row, reference, diffs, masks, count, uses_reference);
+        k.untransform_diffs16(row, reference, diffs, masks, count, uses_reference);
         return;
       }
     }
     uint32_t values[MaxRowValues + 8];
     decode_dense(values, n);
-    if (CodecUseAvx2) {
-      if constexpr (sizeof(T) == 4) {
-        untransform_dense32_avx2(row, reference, values, masks, count, uses_reference);
+    if constexpr (sizeof(T) == 4) {
+      if (k.untransform_dense32) {
+        k.untransform_dense32(row, reference, values, masks, count, uses_reference);
         return;
       }
     }
@@ -622,3 +608,10 @@ class FseDecoder final : public RowDecoder {
 
 RowEncoder* make_fse_encoder(ChannelSink sink) { return new FseEncoder(sink); }
 RowDecoder* make_fse_decoder(ChannelSource source) { return new FseDecoder(source); }
+
+int compact_groups_baseline(uint32_t* values, const uint32_t* t, const uint8_t* masks, int groups) {
+  int n = 0;
+  for (int g = 0; g < groups; g++)
+    for (unsigned m = masks[g]; m; m &= m - 1) values[n++] = t[8 * g + __builtin_ctz(m)];
+  return n;
+}

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "storage/codec/codec_isa.h"
+
 namespace {
 
 // compact[m]: the lanes that mask m sets, in order, then zeros.

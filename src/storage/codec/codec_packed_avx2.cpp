@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "storage/codec/codec.h"
+#include "storage/codec/codec_isa.h"
 #include "storage/codec/codec_packed_impl.h"
 
 namespace {
@@ -212,7 +213,7 @@ uint8_t* pack16_avx2(uint8_t* d, const uint16_t* x, int n) {
     store16b(d, _mm256_castsi256_si128(gather16(_mm256_castsi128_si256(v), k)));
     d += Width16[k];
   }
-  if (i < n) d = pack16_tail_group(d, x + i, n - i);
+  if (i < n) d = pack_tail_group<Tail16>(d, x + i, n - i);
   return d;
 }
 
@@ -235,16 +236,7 @@ const uint8_t* unpack16_avx2(uint16_t* x, int n, const uint8_t* s) {
     store16b(x + i, _mm256_castsi256_si128(spread16(v, k)));
     s += Width16[k];
   }
-  if (i < n) {
-    int m = n - i;
-    if (*s++ == 1) {
-      for (int j = 0; j < m; j++) x[i + j] = s[j];
-      s += m;
-    } else {
-      memcpy(x + i, s, size_t(m) * 2);
-      s += 2 * m;
-    }
-  }
+  if (i < n) s = unpack_tail_group<Tail16>(x + i, n - i, s);
   return s;
 }
 
@@ -281,13 +273,13 @@ uint8_t* pack32_avx2(uint8_t* d, const uint32_t* x, int n) {
     __m256i v = load32b(x + i);
     uint32_t o = or_all32(v);
     // Tail controls 0, 1 and 3 write what classes 1, 2 and 3 do.
-    int control = (o >= 256 ? 1 : 0) | (o >= 65536 ? 2 : 0);
+    int control = Tail32::control(o);
     int k = control == 0 ? 1 : control == 1 ? 2 : 3;
     *d++ = uint8_t(control);
     store32b(d, gather32(v, k));
     d += Width32[k];
   }
-  if (i < n) d = pack32_tail_group(d, x + i, n - i);
+  if (i < n) d = pack_tail_group<Tail32>(d, x + i, n - i);
   return d;
 }
 
@@ -309,21 +301,6 @@ const uint8_t* unpack32_avx2(uint32_t* x, int n, const uint8_t* s) {
     store32b(x + i, spread32(words32(s, k), k));
     s += Width32[k];
   }
-  if (i < n) {
-    int m = n - i;
-    unsigned control = *s++;
-    if (control & 2) {
-      memcpy(x + i, s, size_t(m) * 4);
-      s += 4 * m;
-    } else if (control & 1) {
-      for (int j = 0; j < m; j++, s += 2) {
-        uint16_t v;
-        memcpy(&v, s, 2);
-        x[i + j] = v;
-      }
-    } else {
-      for (int j = 0; j < m; j++) x[i + j] = *s++;
-    }
-  }
+  if (i < n) s = unpack_tail_group<Tail32>(x + i, n - i, s);
   return s;
 }

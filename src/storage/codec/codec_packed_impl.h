@@ -1,42 +1,63 @@
-// Pieces of the packed block format that the baseline and AVX2 builds share.
+// Pieces of the packed block format that the baseline and AVX2 builds share:
+// the tail groups. Fewer than 32 values at a row's end go in groups of up to
+// eight, each a control byte that gives one width for all its values.
 #pragma once
 #include <cstring>
 
 #include "storage/codec/codec.h"
 
-// A 16-bit tail group of m (1 to 8) values: control byte 1 and a byte each
-// when all are below 256, else 3 and 16 bits each. Returns the end.
-inline uint8_t* pack16_tail_group(uint8_t* d, const uint16_t* x, int m) {
+// The control byte of a tail group from the OR of its values, and the width
+// in bytes that a control byte gives.
+struct Tail32 {  // bit 0: a value reaches 256; bit 1: one reaches 65536
+  static uint32_t low(uint32_t v) { return v; }
+  static uint8_t control(uint32_t o) { return uint8_t((o >= 256 ? 1 : 0) | (o >= 65536 ? 2 : 0)); }
+  static int width(uint8_t c) { return (c & 2) ? 4 : (c & 1) ? 2 : 1; }
+};
+struct Tail16 {  // 1: bytes; anything else (3 when written): 16 bits
+  static uint32_t low(uint32_t v) { return v; }
+  static uint8_t control(uint32_t o) { return o < 256 ? 1 : 3; }
+  static int width(uint8_t c) { return c == 1 ? 1 : 2; }
+};
+struct Tail24 {  // the 32-bit controls on the low 24 bits, 3 bytes for both high ones
+  static uint32_t low(uint32_t v) { return v & 0xffffff; }
+  static uint8_t control(uint32_t o) { return Tail32::control(o); }
+  static int width(uint8_t c) { return c == 0 ? 1 : c == 1 ? 2 : 3; }
+};
+
+// A tail group of m (1 to 8) values; returns the end of the output.
+template <class Tail, typename T>
+inline uint8_t* pack_tail_group(uint8_t* d, const T* x, int m) {
   uint32_t o = 0;
-  for (int j = 0; j < m; j++) o |= x[j];
-  if (o < 256) {
-    *d++ = 1;
-    for (int j = 0; j < m; j++) *d++ = uint8_t(x[j]);
-    return d;
+  for (int j = 0; j < m; j++) o |= Tail::low(x[j]);
+  const uint8_t c = Tail::control(o);
+  *d++ = c;
+  const int w = Tail::width(c);
+  if (w == int(sizeof(T))) {
+    memcpy(d, x, size_t(m) * sizeof(T));
+    return d + m * w;
   }
-  *d++ = 3;
-  memcpy(d, x, size_t(m) * 2);
-  return d + m * 2;
+  for (int j = 0; j < m; j++, d += w) {
+    const uint32_t v = x[j];
+    d[0] = uint8_t(v);
+    if (w > 1) d[1] = uint8_t(v >> 8);
+    if (w > 2) d[2] = uint8_t(v >> 16);
+  }
+  return d;
 }
 
-// A 32-bit tail group of m (1 to 8) values: control bit 0 set when a value
-// reaches 256, bit 1 when one reaches 65536; then 1, 2 or 4 bytes each.
-inline uint8_t* pack32_tail_group(uint8_t* d, const uint32_t* x, int m) {
-  uint32_t o = 0;
-  for (int j = 0; j < m; j++) o |= x[j];
-  const uint8_t c = uint8_t((o >= 256 ? 1 : 0) | (o >= 65536 ? 2 : 0));
-  *d++ = c;
-  if (c & 2) {
-    memcpy(d, x, size_t(m) * 4);
-    return d + m * 4;
+// The same group read back; returns the end of the input.
+template <class Tail, typename T>
+inline const uint8_t* unpack_tail_group(T* x, int m, const uint8_t* s) {
+  const int w = Tail::width(*s++);
+  if (w == int(sizeof(T))) {
+    memcpy(x, s, size_t(m) * sizeof(T));
+    return s + m * w;
   }
-  if (c & 1) {
-    for (int j = 0; j < m; j++, d += 2) {
-      const uint16_t v = uint16_t(x[j]);
-      memcpy(d, &v, 2);
-    }
-    return d;
+  for (int j = 0; j < m; j++, s += w) {
+    uint32_t v = s[0];
+    if (w > 1) v |= uint32_t(s[1]) << 8;
+    if (w > 2) v |= uint32_t(s[2]) << 16;
+    x[j] = T(v);
   }
-  for (int j = 0; j < m; j++) *d++ = uint8_t(x[j]);
-  return d;
+  return s;
 }

@@ -2,23 +2,10 @@
 // against a reference row, and its inverse, a prefix sum.
 #include <nmmintrin.h>
 
-#include "platform/platform.h"
-#include "core/core.h"
 #include "storage/memory/fatal.h"
 #include "storage/codec/codec.h"
+#include "storage/codec/codec_isa.h"
 #include "storage/codec/codec_transform_impl.h"
-
-// The AVX-512 form of the 16-bit transform (codec_transform_avx512.cpp).
-bool transform_row16_avx512(const uint16_t* row, const uint16_t* reference, int count,
-                            uint32_t* out_first_order, uint32_t* out_second_order);
-// The AVX2 forms of the 16-bit transform and of the inverse
-// (codec_transform_avx2.cpp).
-bool transform_row16_avx2(const uint16_t* row, const uint16_t* reference, int count,
-                          uint32_t* out_first_order, uint32_t* out_second_order);
-void untransform_row32_avx2(uint32_t* row, const uint32_t* reference, const uint32_t* transformed,
-                            int count, bool uses_reference);
-void untransform_row16_avx2(uint16_t* row, const uint16_t* reference, const uint32_t* transformed,
-                            int count, bool uses_reference);
 
 namespace {
 
@@ -121,27 +108,34 @@ bool transform_row32(const uint32_t* row, const uint32_t* reference, int count,
 bool transform_row16(const uint16_t* row, const uint16_t* reference, int count,
                      uint32_t* out_first_order, uint32_t* out_second_order) {
   check_count(count);
-  static const bool has_avx512 = cpu_has_avx512();
-  if (UseAvx512 && has_avx512)
-    return transform_row16_avx512(row, reference, count, out_first_order, out_second_order);
-  if (CodecUseAvx2) return transform_row16_avx2(row, reference, count, out_first_order, out_second_order);
-  return transform_body(row, reference, count, out_first_order, out_second_order, true);
+  return codec_kernels().transform_row16(row, reference, count, out_first_order, out_second_order);
 }
 
 void untransform_row32(uint32_t* row, const uint32_t* reference, const uint32_t* transformed,
                        int count, bool uses_reference) {
-  if (CodecUseAvx2) {
-    check_count(count);
-    return untransform_row32_avx2(row, reference, transformed, count, uses_reference);
-  }
-  untransform_body(row, reference, transformed, count, uses_reference);
+  check_count(count);
+  codec_kernels().untransform_row32(row, reference, transformed, count, uses_reference);
 }
 
 void untransform_row16(uint16_t* row, const uint16_t* reference, const uint32_t* transformed,
                        int count, bool uses_reference) {
-  if (CodecUseAvx2) {
-    check_count(count);
-    return untransform_row16_avx2(row, reference, transformed, count, uses_reference);
-  }
+  check_count(count);
+  codec_kernels().untransform_row16(row, reference, transformed, count, uses_reference);
+}
+
+// ---- Baseline forms -------------------------------------------------------------
+
+bool transform_row16_baseline(const uint16_t* row, const uint16_t* reference, int count,
+                              uint32_t* out_first_order, uint32_t* out_second_order) {
+  return transform_body(row, reference, count, out_first_order, out_second_order, true);
+}
+
+void untransform_row32_baseline(uint32_t* row, const uint32_t* reference, const uint32_t* transformed,
+                                int count, bool uses_reference) {
+  untransform_body(row, reference, transformed, count, uses_reference);
+}
+
+void untransform_row16_baseline(uint16_t* row, const uint16_t* reference, const uint32_t* transformed,
+                                int count, bool uses_reference) {
   untransform_body(row, reference, transformed, count, uses_reference);
 }

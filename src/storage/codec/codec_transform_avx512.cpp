@@ -3,6 +3,7 @@
 #include <immintrin.h>
 
 #include "storage/codec/codec.h"
+#include "storage/codec/codec_isa.h"
 #include "storage/codec/codec_transform_impl.h"
 
 namespace {

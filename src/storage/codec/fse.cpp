@@ -33,8 +33,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "platform/platform.h"
-#include "storage/codec/codec.h"
+#include "storage/codec/fse.h"
 #include "storage/codec/fse_impl.h"
 
 namespace {
@@ -93,7 +92,7 @@ struct BitReader {
 
 // The coder's own normalised counts always have 256 entries, zero past the
 // largest symbol, so the table builders read them whole without a bound.
-using Counts = int16_t[FSE_MAX_SYMBOL_VALUE + 1];
+using Counts = int16_t[FseMaxSymbolValue + 1];
 
 // Symbols of count -1 and symbols with points, as bit sets: the builders walk
 // them without a branch per symbol to mispredict.
@@ -145,7 +144,7 @@ void spread_symbols(uint8_t* cell_symbol, const Counts& norm, const SymbolSets& 
   const unsigned size = 1u << table_log, mask = size - 1;
   // The symbols in order, each repeated by its count, sixteen bytes a store;
   // the scatter below then has no per-symbol branch to mispredict.
-  uint8_t order[(1u << FSE_MAX_TABLELOG) + 16];
+  uint8_t order[(1u << FseMaxTableLog) + 16];
   unsigned n = 0;
   for_each_symbol(sets.with_points, [&](unsigned s) {
     const __m128i repeated = _mm_set1_epi8(char(s));
@@ -177,11 +176,6 @@ void spread_symbols(uint8_t* cell_symbol, const Counts& norm, const SymbolSets& 
   for_each_symbol(sets.below_one, [&](unsigned s) { cell_symbol[top--] = uint8_t(s); });
 }
 
-bool cpu_has_avx2_bmi2() {
-  __builtin_cpu_init();  // this runs before main
-  return cpu_has_avx2() && __builtin_cpu_supports("bmi2");
-}
-
 // Points a count takes in the table, without a branch: -1 gives 1.
 inline unsigned points(int16_t n) { return unsigned(n + ((n >> 15) & 2)); }
 
@@ -207,7 +201,7 @@ template <typename Emit>
 inline void for_each_cell_rank(const uint8_t* cell_symbol, unsigned table_log, const uint16_t* first,
                                const uint64_t (&present)[4], unsigned max_symbol, Emit&& emit) {
   const unsigned quarter = (1u << table_log) >> 2;
-  uint16_t next[4][FSE_MAX_SYMBOL_VALUE + 1];
+  uint16_t next[4][FseMaxSymbolValue + 1];
   const size_t row = sizeof(uint16_t) * (max_symbol + 1);
   for (auto& n : next) memset(n, 0, row);
   const uint8_t* q0 = cell_symbol;
@@ -241,10 +235,10 @@ inline void for_each_cell_rank(const uint8_t* cell_symbol, unsigned table_log, c
 void build_decode_table(DecodeCell* table, const Counts& norm, unsigned max_symbol, unsigned table_log) {
   const unsigned size = 1u << table_log;
   const SymbolSets sets = symbol_sets(norm);
-  uint8_t cell_symbol[1u << FSE_MAX_TABLELOG];
+  uint8_t cell_symbol[1u << FseMaxTableLog];
   spread_symbols(cell_symbol, norm, sets, table_log);
   const SymbolSet present = present_symbols(sets);
-  uint16_t first[FSE_MAX_SYMBOL_VALUE + 1];
+  uint16_t first[FseMaxSymbolValue + 1];
   for_each_symbol(present.bits, [&](unsigned s) { first[s] = uint16_t(points(norm[s])); });
   for_each_cell_rank(cell_symbol, table_log, first, present.bits, max_symbol, [&](unsigned u, unsigned s, unsigned n) {
     const unsigned bits = table_log - highbit32(n);
@@ -260,10 +254,10 @@ void build_decode_table(DecodeCell* table, const Counts& norm, unsigned max_symb
 void build_encode_table(EncodeTable& t, const Counts& norm, const SymbolSets& sets, unsigned max_symbol,
                         unsigned table_log) {
   const unsigned size = 1u << table_log;
-  uint8_t cell_symbol[1u << FSE_MAX_TABLELOG];
+  uint8_t cell_symbol[1u << FseMaxTableLog];
   spread_symbols(cell_symbol, norm, sets, table_log);
   const SymbolSet present = present_symbols(sets);
-  uint16_t first[FSE_MAX_SYMBOL_VALUE + 1];
+  uint16_t first[FseMaxSymbolValue + 1];
   unsigned start = 0;
   t.table_log = table_log;
   for_each_symbol(present.bits, [&](unsigned s) {
@@ -321,8 +315,6 @@ uint32_t histogram(uint32_t* count, unsigned& max_symbol, const uint8_t* src, si
 
 }  // namespace
 
-bool CodecUseAvx2 = cpu_has_avx2_bmi2();
-
 // ---- Table log and normalisation ------------------------------------------------------
 
 namespace {
@@ -331,14 +323,14 @@ namespace {
 // worked out once by exactly the expressions that define the step costs, so
 // the table changes no choice (and no byte).
 struct StepCosts {
-  double up[(1u << FSE_MAX_TABLELOG) + 1];
-  double down[(1u << FSE_MAX_TABLELOG) + 1];
+  double up[(1u << FseMaxTableLog) + 1];
+  double down[(1u << FseMaxTableLog) + 1];
 };
 
 const StepCosts& step_costs() {
   static const StepCosts costs = [] {
     StepCosts c{};
-    for (unsigned n = 1; n <= (1u << FSE_MAX_TABLELOG); n++) {
+    for (unsigned n = 1; n <= (1u << FseMaxTableLog); n++) {
       const double p = n;
       c.up[n] = std::log2((p + 1) / p);
       c.down[n] = n > 1 ? std::log2(p / (p - 1)) : HUGE_VAL;
@@ -350,8 +342,8 @@ const StepCosts& step_costs() {
 
 }  // namespace
 
-unsigned FSE_optimalTableLog(unsigned max_table_log, size_t src_size, unsigned max_symbol_value) {
-  int table_log = int(max_table_log ? max_table_log : FSE_DEFAULT_TABLELOG);
+unsigned fse_optimal_table_log(unsigned max_table_log, size_t src_size, unsigned max_symbol_value) {
+  int table_log = int(max_table_log ? max_table_log : FseDefaultTableLog);
   if (src_size > 1) {
     // No more cells than a quarter of the source, but enough for every symbol.
     int max_bits_src = int(highbit32(uint32_t(std::min<size_t>(src_size - 1, 0xffffffffu)))) - 2;
@@ -361,19 +353,19 @@ unsigned FSE_optimalTableLog(unsigned max_table_log, size_t src_size, unsigned m
     int min_bits = std::min(min_bits_src, min_bits_symbols);
     if (min_bits > table_log) table_log = min_bits;
   }
-  table_log = std::clamp(table_log, int(FSE_MIN_TABLELOG), int(FSE_MAX_TABLELOG));
+  table_log = std::clamp(table_log, int(FseMinTableLog), int(FseMaxTableLog));
   return unsigned(table_log);
 }
 
-int64_t FSE_normalizeCount(int16_t* norm, unsigned table_log, const uint32_t* count, size_t total,
+int64_t fse_normalize_counts(int16_t* norm, unsigned table_log, const uint32_t* count, size_t total,
                            unsigned max_symbol_value) {
-  if (table_log == 0) table_log = FSE_DEFAULT_TABLELOG;
-  if (table_log < FSE_MIN_TABLELOG) return fse_error(FSE_ERROR_GENERIC);
-  if (table_log > FSE_MAX_TABLELOG) return fse_error(FSE_ERROR_tableLog_tooLarge);
-  if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return fse_error(FSE_ERROR_maxSymbolValue_tooLarge);
+  if (table_log == 0) table_log = FseDefaultTableLog;
+  if (table_log < FseMinTableLog) return fse_error(FSE_ERROR_GENERIC);
+  if (table_log > FseMaxTableLog) return fse_error(FSE_ERROR_TABLE_LOG_TOO_LARGE);
+  if (max_symbol_value > FseMaxSymbolValue) return fse_error(FSE_ERROR_SYMBOL_LIMIT_TOO_LARGE);
   const uint64_t size = 1ull << table_log;
   // The present symbols, in order: most alphabets here are sparse.
-  uint8_t present_symbols[FSE_MAX_SYMBOL_VALUE + 1];
+  uint8_t present_symbols[FseMaxSymbolValue + 1];
   unsigned present = 0;
   uint64_t sum = 0;
   for (unsigned s = 0; s <= max_symbol_value; s++) {
@@ -429,8 +421,8 @@ int64_t FSE_normalizeCount(int16_t* norm, unsigned table_log, const uint32_t* co
   // Only symbols with points can move. Each step takes the cheapest, the
   // lowest symbol among equals: a scan of the costs in symbol order, two at a
   // time and without a branch until the first equal to the least is found.
-  alignas(16) double change[FSE_MAX_SYMBOL_VALUE + 4];
-  uint8_t movable[FSE_MAX_SYMBOL_VALUE + 4];
+  alignas(16) double change[FseMaxSymbolValue + 4];
+  uint8_t movable[FseMaxSymbolValue + 4];
   unsigned movable_count = 0;
   for (unsigned k = 0; k < present; k++) {
     const unsigned s = present_symbols[k];
@@ -481,7 +473,7 @@ int64_t write_header(void* dst, size_t dst_capacity, const int16_t* norm, unsign
   // than 512 bytes.
   uint8_t header[512 + 8];
   uint8_t* out = header;
-  uint64_t acc = table_log - FSE_MIN_TABLELOG;
+  uint64_t acc = table_log - FseMinTableLog;
   unsigned count_bits = 4;
   auto put = [&](uint32_t value, unsigned bits) {
     acc |= uint64_t(value) << count_bits;
@@ -537,55 +529,55 @@ int64_t write_header(void* dst, size_t dst_capacity, const int16_t* norm, unsign
     }
   if (count_bits > 0) *out++ = uint8_t(acc);
   const size_t size = size_t(out - header);
-  if (size > dst_capacity) return fse_error(FSE_ERROR_dstSize_tooSmall);
+  if (size > dst_capacity) return fse_error(FSE_ERROR_DESTINATION_TOO_SMALL);
   memcpy(dst, header, size);
   return int64_t(size);
 }
 
 }  // namespace
 
-int64_t FSE_writeNCount(void* dst, size_t dst_capacity, const int16_t* norm,
+int64_t fse_write_counts(void* dst, size_t dst_capacity, const int16_t* norm,
                         unsigned max_symbol_value, unsigned table_log) {
-  if (table_log > FSE_MAX_TABLELOG) return fse_error(FSE_ERROR_tableLog_tooLarge);
-  if (table_log < FSE_MIN_TABLELOG) return fse_error(FSE_ERROR_GENERIC);
-  if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return fse_error(FSE_ERROR_maxSymbolValue_tooLarge);
+  if (table_log > FseMaxTableLog) return fse_error(FSE_ERROR_TABLE_LOG_TOO_LARGE);
+  if (table_log < FseMinTableLog) return fse_error(FSE_ERROR_GENERIC);
+  if (max_symbol_value > FseMaxSymbolValue) return fse_error(FSE_ERROR_SYMBOL_LIMIT_TOO_LARGE);
   if (!counts_fill_table(norm, max_symbol_value, table_log)) return fse_error(FSE_ERROR_GENERIC);
   return write_header(dst, dst_capacity, norm, max_symbol_value, table_log);
 }
 
-int64_t FSE_readNCount(int16_t* norm, unsigned* max_symbol_value, unsigned* table_log,
+int64_t fse_read_counts(int16_t* norm, unsigned* max_symbol_value, unsigned* table_log,
                        const void* src, size_t src_size) {
   BitReader r{static_cast<const uint8_t*>(src), src_size};
   uint32_t v;
-  if (!r.get(4, v)) return fse_error(FSE_ERROR_srcSize_wrong);
-  unsigned log = v + FSE_MIN_TABLELOG;
-  if (log > FSE_MAX_TABLELOG) return fse_error(FSE_ERROR_tableLog_tooLarge);
+  if (!r.get(4, v)) return fse_error(FSE_ERROR_SOURCE_SIZE_WRONG);
+  unsigned log = v + FseMinTableLog;
+  if (log > FseMaxTableLog) return fse_error(FSE_ERROR_TABLE_LOG_TOO_LARGE);
   const unsigned limit = *max_symbol_value;
   int remaining = (1 << log) + 1;
   int threshold = 1 << log;
   unsigned bits = log + 1;
   unsigned s = 0;
   while (remaining > 1) {
-    if (s > limit) return fse_error(FSE_ERROR_maxSymbolValue_tooSmall);
+    if (s > limit) return fse_error(FSE_ERROR_SYMBOL_LIMIT_TOO_SMALL);
     int small = 2 * threshold - 1 - remaining;
     uint32_t low;
-    if (!r.get(bits - 1, low)) return fse_error(FSE_ERROR_corruptionDetected);
+    if (!r.get(bits - 1, low)) return fse_error(FSE_ERROR_CORRUPT);
     int value = int(low);
     if (value >= small) {
       uint32_t top;
-      if (!r.get(1, top)) return fse_error(FSE_ERROR_corruptionDetected);
+      if (!r.get(1, top)) return fse_error(FSE_ERROR_CORRUPT);
       value |= int(top) << (bits - 1);
       if (value >= threshold) value -= small;
     }
     int count = value - 1;
     norm[s++] = int16_t(count);
     remaining -= count < 0 ? -count : count;
-    if (remaining < 1) return fse_error(FSE_ERROR_corruptionDetected);
+    if (remaining < 1) return fse_error(FSE_ERROR_CORRUPT);
     if (count == 0) {
       for (;;) {
         uint32_t repeat;
-        if (!r.get(2, repeat)) return fse_error(FSE_ERROR_corruptionDetected);
-        if (s + repeat > limit + 1) return fse_error(FSE_ERROR_maxSymbolValue_tooSmall);
+        if (!r.get(2, repeat)) return fse_error(FSE_ERROR_CORRUPT);
+        if (s + repeat > limit + 1) return fse_error(FSE_ERROR_SYMBOL_LIMIT_TOO_SMALL);
         for (uint32_t k = 0; k < repeat; k++) norm[s++] = 0;
         if (repeat != 3) break;
       }
@@ -624,27 +616,27 @@ bool plan_block(BlockPlan& plan, int64_t& result, void* dst, size_t dst_capacity
     return false;
   };
   if (src_size <= 1) return final(0);
-  if (max_symbol_value == 0) max_symbol_value = FSE_MAX_SYMBOL_VALUE;
-  if (max_symbol_value > FSE_MAX_SYMBOL_VALUE) return final(fse_error(FSE_ERROR_maxSymbolValue_tooLarge));
-  if (table_log == 0) table_log = FSE_DEFAULT_TABLELOG;
-  if (table_log > FSE_MAX_TABLELOG) return final(fse_error(FSE_ERROR_tableLog_tooLarge));
-  if (src_size > 0xffffffffu) return final(fse_error(FSE_ERROR_srcSize_wrong));
+  if (max_symbol_value == 0) max_symbol_value = FseMaxSymbolValue;
+  if (max_symbol_value > FseMaxSymbolValue) return final(fse_error(FSE_ERROR_SYMBOL_LIMIT_TOO_LARGE));
+  if (table_log == 0) table_log = FseDefaultTableLog;
+  if (table_log > FseMaxTableLog) return final(fse_error(FSE_ERROR_TABLE_LOG_TOO_LARGE));
+  if (src_size > 0xffffffffu) return final(fse_error(FSE_ERROR_SOURCE_SIZE_WRONG));
 
   uint32_t count[256];
   unsigned max_symbol;
   uint32_t largest = histogram(count, max_symbol, in, src_size);
-  if (max_symbol > max_symbol_value) return final(fse_error(FSE_ERROR_maxSymbolValue_tooSmall));
+  if (max_symbol > max_symbol_value) return final(fse_error(FSE_ERROR_SYMBOL_LIMIT_TOO_SMALL));
   if (largest == src_size) return final(1);        // one repeated byte
   if (largest == 1) return final(0);               // no byte twice: nothing to gain
   if (largest < (src_size >> 7)) return final(0);  // flat enough not to pay
 
-  unsigned log = FSE_optimalTableLog(table_log, src_size, max_symbol);
+  unsigned log = fse_optimal_table_log(table_log, src_size, max_symbol);
   Counts norm = {};
-  int64_t r = FSE_normalizeCount(norm, log, count, src_size, max_symbol);
-  if (FSE_isError(r)) return final(r);
+  int64_t r = fse_normalize_counts(norm, log, count, src_size, max_symbol);
+  if (fse_is_error(r)) return final(r);
   // The normalisation's counts fill the table: no need to check them again.
   int64_t header = write_header(out, dst_capacity, norm, max_symbol, log);
-  if (FSE_isError(header)) return final(header);
+  if (fse_is_error(header)) return final(header);
 
   const SymbolSets sets = symbol_sets(norm);
   const SymbolSet present = present_symbols(sets);
@@ -691,38 +683,37 @@ int64_t block_result(size_t header, size_t stream, size_t src_size) {
 
 }  // namespace
 
-int64_t FSE_compress2(void* dst, size_t dst_capacity, const void* src, size_t src_size,
+int64_t fse_compress_limited(void* dst, size_t dst_capacity, const void* src, size_t src_size,
                       unsigned max_symbol_value, unsigned table_log) {
   BlockPlan plan;
   int64_t result;
   if (!plan_block(plan, result, dst, dst_capacity, src, src_size, max_symbol_value, table_log)) return result;
   const EncodeJob j = stream_job(plan, dst, dst_capacity, src, src_size);
-  const size_t stream =
-      CodecUseAvx2 ? fse_encode_stream_bmi2(j.dst, j.capacity, plan.table, j.in, src_size, j.state_last, j.state_prev)
-                   : encode_stream(j.dst, j.capacity, plan.table, j.in, src_size, j.state_last, j.state_prev);
+  const size_t stream = codec_kernels().fse_encode_stream(j.dst, j.capacity, plan.table, j.in, src_size,
+                                                          j.state_last, j.state_prev);
   return block_result(plan.header, stream, src_size);
 }
 
-int64_t FSE_compress(void* dst, size_t dst_capacity, const void* src, size_t src_size) {
-  return FSE_compress2(dst, dst_capacity, src, src_size, FSE_MAX_SYMBOL_VALUE, FSE_DEFAULT_TABLELOG);
+int64_t fse_compress(void* dst, size_t dst_capacity, const void* src, size_t src_size) {
+  return fse_compress_limited(dst, dst_capacity, src, src_size, FseMaxSymbolValue, FseDefaultTableLog);
 }
 
 namespace {
 
-// The blocks of FSE_compressBlocks and each lane's plan.
+// The blocks of fse_compress_blocks and each lane's plan.
 struct CompressLanes {
   const FseBlock* blocks;
   int64_t* results;
   BlockPlan plans[2];
-  size_t header[FSE_MAX_BLOCKS];
+  size_t header[FseMaxBlocks];
 };
 
 bool plan_for_lane(void* context, int k, int lane, EncodeJob& job) {
   CompressLanes& c = *static_cast<CompressLanes*>(context);
   const FseBlock& b = c.blocks[k];
   BlockPlan& plan = c.plans[lane];
-  if (!plan_block(plan, c.results[k], b.dst, b.dst_capacity, b.src, b.src_size, FSE_MAX_SYMBOL_VALUE,
-                  b.table_log ? b.table_log : FSE_DEFAULT_TABLELOG))
+  if (!plan_block(plan, c.results[k], b.dst, b.dst_capacity, b.src, b.src_size, FseMaxSymbolValue,
+                  b.table_log ? b.table_log : FseDefaultTableLog))
     return false;
   c.header[k] = plan.header;
   job = stream_job(plan, b.dst, b.dst_capacity, b.src, b.src_size);
@@ -731,22 +722,19 @@ bool plan_for_lane(void* context, int k, int lane, EncodeJob& job) {
 
 }  // namespace
 
-void FSE_compressBlocks(const FseBlock* blocks, int n, int64_t* results) {
-  if (n > FSE_MAX_BLOCKS) {
-    for (; n > 0; n -= FSE_MAX_BLOCKS, blocks += FSE_MAX_BLOCKS, results += FSE_MAX_BLOCKS)
-      FSE_compressBlocks(blocks, std::min(n, FSE_MAX_BLOCKS), results);
+void fse_compress_blocks(const FseBlock* blocks, int n, int64_t* results) {
+  if (n > FseMaxBlocks) {
+    for (; n > 0; n -= FseMaxBlocks, blocks += FseMaxBlocks, results += FseMaxBlocks)
+      fse_compress_blocks(blocks, std::min(n, FseMaxBlocks), results);
     return;
   }
   CompressLanes c;
   c.blocks = blocks;
   c.results = results;
   // A stream size for each block that gets one: 0 means "didn't fit".
-  size_t streams[FSE_MAX_BLOCKS];
+  size_t streams[FseMaxBlocks];
   for (int k = 0; k < n; k++) streams[k] = SIZE_MAX;
-  if (CodecUseAvx2)
-    fse_encode_lanes_bmi2(n, plan_for_lane, &c, streams);
-  else
-    encode_lanes(n, plan_for_lane, &c, streams);
+  codec_kernels().fse_encode_lanes(n, plan_for_lane, &c, streams);
   for (int k = 0; k < n; k++)
     if (streams[k] != SIZE_MAX) results[k] = block_result(c.header[k], streams[k], blocks[k].src_size);
 }
@@ -757,35 +745,34 @@ namespace {
 // or an error.
 int64_t read_block_table(DecodeCell* table, unsigned& log, const uint8_t* in, size_t src_size) {
   Counts norm = {};
-  unsigned max_symbol = FSE_MAX_SYMBOL_VALUE;
-  int64_t header = FSE_readNCount(norm, &max_symbol, &log, in, src_size);
-  if (FSE_isError(header)) return header;
-  if (size_t(header) >= src_size) return fse_error(FSE_ERROR_srcSize_wrong);
-  if (!counts_fill_table(norm, max_symbol, log)) return fse_error(FSE_ERROR_corruptionDetected);
+  unsigned max_symbol = FseMaxSymbolValue;
+  int64_t header = fse_read_counts(norm, &max_symbol, &log, in, src_size);
+  if (fse_is_error(header)) return header;
+  if (size_t(header) >= src_size) return fse_error(FSE_ERROR_SOURCE_SIZE_WRONG);
+  if (!counts_fill_table(norm, max_symbol, log)) return fse_error(FSE_ERROR_CORRUPT);
   build_decode_table(table, norm, max_symbol, log);
   return header;
 }
 
 }  // namespace
 
-int64_t FSE_decompress(void* dst, size_t dst_capacity, const void* src, size_t src_size) {
+int64_t fse_decompress(void* dst, size_t dst_capacity, const void* src, size_t src_size) {
   const uint8_t* in = static_cast<const uint8_t*>(src);
-  DecodeCell table[1u << FSE_MAX_TABLELOG];
+  DecodeCell table[1u << FseMaxTableLog];
   unsigned log;
   const int64_t header = read_block_table(table, log, in, src_size);
-  if (FSE_isError(header)) return header;
+  if (fse_is_error(header)) return header;
   uint8_t* out = static_cast<uint8_t*>(dst);
   const uint8_t* stream = in + header;
   const size_t stream_size = src_size - size_t(header);
-  return CodecUseAvx2 ? fse_decode_stream_bmi2(out, dst_capacity, table, log, stream, stream_size)
-              : decode_stream(out, dst_capacity, table, log, stream, stream_size);
+  return codec_kernels().fse_decode_stream(out, dst_capacity, table, log, stream, stream_size);
 }
 
 namespace {
 
 struct DecompressLanes {
   const FseBlock* blocks;
-  DecodeCell tables[2][1u << FSE_MAX_TABLELOG];
+  DecodeCell tables[2][1u << FseMaxTableLog];
 };
 
 bool open_for_lane(void* context, int k, int lane, DecodeJob& job, int64_t& result) {
@@ -794,7 +781,7 @@ bool open_for_lane(void* context, int k, int lane, DecodeJob& job, int64_t& resu
   const uint8_t* in = static_cast<const uint8_t*>(b.src);
   unsigned log = 0;
   const int64_t header = read_block_table(c.tables[lane], log, in, b.src_size);
-  if (FSE_isError(header)) {
+  if (fse_is_error(header)) {
     result = header;
     return false;
   }
@@ -805,11 +792,29 @@ bool open_for_lane(void* context, int k, int lane, DecodeJob& job, int64_t& resu
 
 }  // namespace
 
-void FSE_decompressBlocks(const FseBlock* blocks, int n, int64_t* results) {
+void fse_decompress_blocks(const FseBlock* blocks, int n, int64_t* results) {
   DecompressLanes c;
   c.blocks = blocks;
-  if (CodecUseAvx2)
-    fse_decode_lanes_bmi2(n, open_for_lane, &c, results);
-  else
-    decode_lanes(n, open_for_lane, &c, results);
+  codec_kernels().fse_decode_lanes(n, open_for_lane, &c, results);
+}
+
+// ---- Baseline loops ---------------------------------------------------------------------
+// The loops of fse_impl.h as this file builds them, for the codec's baseline table.
+
+int64_t fse_decode_stream_baseline(uint8_t* dst, size_t dst_capacity, const DecodeCell* table, unsigned log,
+                                   const uint8_t* src, size_t src_size) {
+  return decode_stream(dst, dst_capacity, table, log, src, src_size);
+}
+
+size_t fse_encode_stream_baseline(uint8_t* dst, size_t capacity, const EncodeTable& table, const uint8_t* in,
+                                  size_t src_size, uint32_t state_last, uint32_t state_prev) {
+  return encode_stream(dst, capacity, table, in, src_size, state_last, state_prev);
+}
+
+void fse_decode_lanes_baseline(int n, DecodeOpener open, void* context, int64_t* results) {
+  decode_lanes(n, open, context, results);
+}
+
+void fse_encode_lanes_baseline(int n, EncodePlanner plan, void* context, size_t* streams) {
+  encode_lanes(n, plan, context, streams);
 }

@@ -1,5 +1,5 @@
-// The FSE stream loops built with BMI2 (this file gets -mbmi2); fse.cpp calls
-// it only when the processor has it. Same symbols and results as the baseline.
+// The FSE stream loops built with BMI2 (this file gets -mbmi2), for the
+// codec's AVX2 table. Same symbols and results as the baseline.
 #include "storage/codec/fse_impl.h"
 
 int64_t fse_decode_stream_bmi2(uint8_t* dst, size_t dst_capacity, const DecodeCell* table,

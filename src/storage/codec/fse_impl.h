@@ -12,7 +12,8 @@
 #include <immintrin.h>
 #endif
 
-#include "storage/codec/codec.h"
+#include "storage/codec/codec_isa.h"
+#include "storage/codec/fse.h"
 
 // Plain data, the same in both builds.
 struct DecodeCell {
@@ -28,8 +29,8 @@ struct EncodeSymbol {
 
 struct EncodeTable {
   unsigned table_log;
-  uint16_t state[1u << FSE_MAX_TABLELOG];  // states in [size, 2 * size), by symbol
-  EncodeSymbol symbol[FSE_MAX_SYMBOL_VALUE + 1];
+  uint16_t state[1u << FseMaxTableLog];  // states in [size, 2 * size), by symbol
+  EncodeSymbol symbol[FseMaxSymbolValue + 1];
 };
 
 // One block for the two-block loops: its bitstream and where it goes.
@@ -52,16 +53,11 @@ struct EncodeJob {
   uint32_t state_last, state_prev;
 };
 
-// The callbacks of the two-lane loops, in the baseline build: block k made
-// ready for a lane, whose table it may replace.
-using DecodeOpener = bool (*)(void* context, int k, int lane, DecodeJob& job, int64_t& result);
-using EncodePlanner = bool (*)(void* context, int k, int lane, EncodeJob& job);
-
 namespace {
 
 inline unsigned highbit32(uint32_t v) { return 31u - unsigned(__builtin_clz(v)); }
 
-inline int64_t fse_error(FseErrorCode code) { return -int64_t(code); }
+inline int64_t fse_error(FseError code) { return -int64_t(code); }
 
 inline uint64_t load_u64(const uint8_t* p) {
   uint64_t v;
@@ -504,17 +500,17 @@ inline int64_t decode_close(StreamDecode& d, bool after_fast) {
     return c.symbol;
   };
   for (;;) {
-    if (out == end) return fse_error(FSE_ERROR_dstSize_tooSmall);
+    if (out == end) return fse_error(FSE_ERROR_DESTINATION_TOO_SMALL);
     *out++ = step(state1);
     if (r.reload_overflowed()) {
-      if (out == end) return fse_error(FSE_ERROR_dstSize_tooSmall);
+      if (out == end) return fse_error(FSE_ERROR_DESTINATION_TOO_SMALL);
       *out++ = table[state2].symbol;
       break;
     }
-    if (out == end) return fse_error(FSE_ERROR_dstSize_tooSmall);
+    if (out == end) return fse_error(FSE_ERROR_DESTINATION_TOO_SMALL);
     *out++ = step(state2);
     if (r.reload_overflowed()) {
-      if (out == end) return fse_error(FSE_ERROR_dstSize_tooSmall);
+      if (out == end) return fse_error(FSE_ERROR_DESTINATION_TOO_SMALL);
       *out++ = table[state1].symbol;
       break;
     }
@@ -527,7 +523,7 @@ inline int64_t decode_stream(uint8_t* dst, size_t dst_capacity, const DecodeCell
                              unsigned log, const uint8_t* src, size_t src_size) {
   StreamDecode d;
   if (!decode_open(d, dst, dst_capacity, table, log, src, src_size))
-    return fse_error(FSE_ERROR_corruptionDetected);
+    return fse_error(FSE_ERROR_CORRUPT);
   const bool fast = decode_can_run_fast(d);
   if (fast) decode_fast(d);
   return decode_close(d, fast);
@@ -551,7 +547,7 @@ inline void decode_lanes(int n, DecodeOpener open, void* context, int64_t* resul
       if (!open(context, k, l, j, results[k])) continue;
       StreamDecode& d = lane[l];
       if (!decode_open(d, j.dst, j.dst_capacity, j.table, j.log, j.src, j.src_size)) {
-        results[k] = fse_error(FSE_ERROR_corruptionDetected);
+        results[k] = fse_error(FSE_ERROR_CORRUPT);
         continue;
       }
       const bool fast = decode_can_run_fast(d);
@@ -639,14 +635,3 @@ inline void decode_lanes(int n, DecodeOpener open, void* context, int64_t* resul
 }
 
 }  // namespace
-
-// The decoding loop built with BMI2 (fse_avx2.cpp); only for processors that have it.
-int64_t fse_decode_stream_bmi2(uint8_t* dst, size_t dst_capacity, const DecodeCell* table,
-                               unsigned log, const uint8_t* src, size_t src_size);
-// The encoding loop built with BMI2 (fse_avx2.cpp).
-size_t fse_encode_stream_bmi2(uint8_t* dst, size_t capacity, const EncodeTable& table,
-                              const uint8_t* in, size_t src_size, uint32_t state_last,
-                              uint32_t state_prev);
-// The two-lane loops built with BMI2.
-void fse_decode_lanes_bmi2(int n, DecodeOpener open, void* context, int64_t* results);
-void fse_encode_lanes_bmi2(int n, EncodePlanner plan, void* context, size_t* streams);

@@ -8,14 +8,15 @@
 #include <vector>
 
 #include "storage/codec/codec.h"
+#include "storage/codec/fse.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
 Bytes compress(const Bytes& src, unsigned table_log = 0, unsigned max_symbol = 0) {
-  Bytes out(FSE_compressBound(src.size()));
-  int64_t r = FSE_compress2(out.data(), out.size(), src.data(), src.size(), max_symbol, table_log);
+  Bytes out(fse_compress_bound(src.size()));
+  int64_t r = fse_compress_limited(out.data(), out.size(), src.data(), src.size(), max_symbol, table_log);
   EXPECT_GE(r, 0);
   out.resize(r > 1 ? size_t(r) : 0);
   return out;
@@ -25,7 +26,7 @@ Bytes compress(const Bytes& src, unsigned table_log = 0, unsigned max_symbol = 0
 int64_t decompress(const Bytes& coded, Bytes& out, size_t capacity) {
   Bytes in(coded);
   out.assign(capacity, 0);
-  return FSE_decompress(out.data(), capacity, in.data(), in.size());
+  return fse_decompress(out.data(), capacity, in.data(), in.size());
 }
 
 void expect_round_trip(const Bytes& src, unsigned table_log = 0) {
@@ -71,19 +72,19 @@ TEST(FseHeader, ExactBytes) {
   for (const Case& c : cases) {
     unsigned last = unsigned(c.norm.size() - 1);
     uint8_t out[8];
-    ASSERT_EQ(FSE_writeNCount(out, sizeof out, c.norm.data(), last, 5), int64_t(c.bytes.size()));
+    ASSERT_EQ(fse_write_counts(out, sizeof out, c.norm.data(), last, 5), int64_t(c.bytes.size()));
     EXPECT_EQ(Bytes(out, out + c.bytes.size()), c.bytes);
     int16_t back[256];
     unsigned max_symbol = 255, log = 0;
-    EXPECT_EQ(FSE_readNCount(back, &max_symbol, &log, out, c.bytes.size()), int64_t(c.bytes.size()));
+    EXPECT_EQ(fse_read_counts(back, &max_symbol, &log, out, c.bytes.size()), int64_t(c.bytes.size()));
     EXPECT_EQ(max_symbol, last);
     EXPECT_EQ(log, 5u);
     EXPECT_EQ(std::vector<int16_t>(back, back + last + 1), c.norm);
     // Cut short, or with a largest symbol below the header's, it fails.
     max_symbol = 255;
-    EXPECT_LT(FSE_readNCount(back, &max_symbol, &log, out, c.bytes.size() - 1), 0);
+    EXPECT_LT(fse_read_counts(back, &max_symbol, &log, out, c.bytes.size() - 1), 0);
     max_symbol = last - 1;
-    EXPECT_LT(FSE_readNCount(back, &max_symbol, &log, out, c.bytes.size()), 0);
+    EXPECT_LT(fse_read_counts(back, &max_symbol, &log, out, c.bytes.size()), 0);
   }
 }
 
@@ -91,7 +92,7 @@ TEST(FseHeader, FirstNibbleIsTableLogLessFive) {
   const uint8_t too_large[2] = {0x08, 0xff};  // table log 13
   int16_t norm[256];
   unsigned max_symbol = 255, log;
-  EXPECT_EQ(FSE_readNCount(norm, &max_symbol, &log, too_large, 2), -int64_t(FSE_ERROR_tableLog_tooLarge));
+  EXPECT_EQ(fse_read_counts(norm, &max_symbol, &log, too_large, 2), -int64_t(FSE_ERROR_TABLE_LOG_TOO_LARGE));
   std::mt19937 rng(1);
   // Eight symbols: small enough for table log 5 (40 would need 7).
   Bytes src = skewed(rng, 65536, 8, 0.8);
@@ -116,12 +117,12 @@ TEST(FseHeader, ExactBlockOfTheTwoSymbolExample) {
 }
 
 TEST(FseHeader, TableLogRule) {
-  EXPECT_EQ(FSE_optimalTableLog(0, 65536, 255), 11u);
-  EXPECT_EQ(FSE_optimalTableLog(12, 65536, 255), 12u);
-  EXPECT_EQ(FSE_optimalTableLog(11, 1000, 255), 9u);  // highbit(999) - 2 = 7, but 255 symbols need 9
-  EXPECT_EQ(FSE_optimalTableLog(11, 1000, 3), 7u);
-  EXPECT_EQ(FSE_optimalTableLog(11, 64, 1), 5u);
-  EXPECT_EQ(FSE_optimalTableLog(20, 1 << 20, 255), 12u);
+  EXPECT_EQ(fse_optimal_table_log(0, 65536, 255), 11u);
+  EXPECT_EQ(fse_optimal_table_log(12, 65536, 255), 12u);
+  EXPECT_EQ(fse_optimal_table_log(11, 1000, 255), 9u);  // highbit(999) - 2 = 7, but 255 symbols need 9
+  EXPECT_EQ(fse_optimal_table_log(11, 1000, 3), 7u);
+  EXPECT_EQ(fse_optimal_table_log(11, 64, 1), 5u);
+  EXPECT_EQ(fse_optimal_table_log(20, 1 << 20, 255), 12u);
 }
 
 TEST(FseHeader, NormalisedCountsFillTheTable) {
@@ -137,9 +138,9 @@ TEST(FseHeader, NormalisedCountsFillTheTable) {
     count[max_symbol] += 1;
     count[0] += 1;
     total += 2;
-    unsigned log = FSE_optimalTableLog(0, total, max_symbol);
+    unsigned log = fse_optimal_table_log(0, total, max_symbol);
     int16_t norm[256];
-    ASSERT_EQ(FSE_normalizeCount(norm, log, count, total, max_symbol), int64_t(log));
+    ASSERT_EQ(fse_normalize_counts(norm, log, count, total, max_symbol), int64_t(log));
     int sum = 0;
     for (unsigned s = 0; s <= max_symbol; s++) {
       if (count[s] == 0) EXPECT_EQ(norm[s], 0);
@@ -149,12 +150,12 @@ TEST(FseHeader, NormalisedCountsFillTheTable) {
     EXPECT_EQ(sum, 1 << log);
     // The header comes back from exactly its own bytes.
     uint8_t header[512];
-    int64_t size = FSE_writeNCount(header, sizeof header, norm, max_symbol, log);
+    int64_t size = fse_write_counts(header, sizeof header, norm, max_symbol, log);
     ASSERT_GT(size, 0);
     int16_t back[256];
     unsigned back_max = 255, back_log = 0;
     Bytes exact(header, header + size);
-    ASSERT_EQ(FSE_readNCount(back, &back_max, &back_log, exact.data(), exact.size()), size);
+    ASSERT_EQ(fse_read_counts(back, &back_max, &back_log, exact.data(), exact.size()), size);
     EXPECT_EQ(std::vector<int16_t>(back, back + back_max + 1), std::vector<int16_t>(norm, norm + max_symbol + 1));
   }
 }
@@ -162,22 +163,22 @@ TEST(FseHeader, NormalisedCountsFillTheTable) {
 // ---- Blocks -----------------------------------------------------------------------
 
 TEST(FseBlock, SpecialResults) {
-  uint8_t out[FSE_compressBound(4096)];
+  uint8_t out[fse_compress_bound(4096)];
   Bytes src(4096, 7);
-  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), 0), 0);
-  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), 1), 0);
-  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), 2), 1);     // one repeated byte
-  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), 4096), 1);
+  EXPECT_EQ(fse_compress(out, sizeof out, src.data(), 0), 0);
+  EXPECT_EQ(fse_compress(out, sizeof out, src.data(), 1), 0);
+  EXPECT_EQ(fse_compress(out, sizeof out, src.data(), 2), 1);     // one repeated byte
+  EXPECT_EQ(fse_compress(out, sizeof out, src.data(), 4096), 1);
   for (int i = 0; i < 256; i++) src[size_t(i)] = uint8_t(i);
-  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), 256), 0);   // no byte twice
+  EXPECT_EQ(fse_compress(out, sizeof out, src.data(), 256), 0);   // no byte twice
   std::mt19937 rng(2);
   for (uint8_t& b : src) b = uint8_t(rng());
-  EXPECT_EQ(FSE_compress(out, sizeof out, src.data(), src.size()), 0);  // noise
+  EXPECT_EQ(fse_compress(out, sizeof out, src.data(), src.size()), 0);  // noise
   // Parameters out of range are errors.
-  EXPECT_LT(FSE_compress2(out, sizeof out, src.data(), src.size(), 255, 13), 0);
-  EXPECT_LT(FSE_compress2(out, sizeof out, src.data(), src.size(), 256, 11), 0);
-  EXPECT_LT(FSE_compress2(out, sizeof out, src.data(), src.size(), 100, 11), 0);
-  EXPECT_EQ(FSE_compressBound(65536), size_t(65536 + 512 + 512));
+  EXPECT_LT(fse_compress_limited(out, sizeof out, src.data(), src.size(), 255, 13), 0);
+  EXPECT_LT(fse_compress_limited(out, sizeof out, src.data(), src.size(), 256, 11), 0);
+  EXPECT_LT(fse_compress_limited(out, sizeof out, src.data(), src.size(), 100, 11), 0);
+  EXPECT_EQ(fse_compress_bound(65536), size_t(65536 + 512 + 512));
 }
 
 TEST(FseBlock, TooSmallDestination) {
@@ -189,7 +190,7 @@ TEST(FseBlock, TooSmallDestination) {
   // never a write past the end.
   for (size_t room : {size_t(0), size_t(1), size_t(5), size_t(20), full.size() - 1}) {
     Bytes out(room + 1, 0xab);
-    int64_t r = FSE_compress(out.data(), room, src.data(), src.size());
+    int64_t r = fse_compress(out.data(), room, src.data(), src.size());
     EXPECT_LE(r, 0) << room;
     EXPECT_EQ(out[room], 0xab) << room;
   }
@@ -223,8 +224,8 @@ TEST(FseBlock, RandomSourcesRoundTrip) {
     Bytes src = skewed(rng, n, alphabet, 0.05 + 0.95 * double(rng() % 1000) / 1000);
     if (seed % 7 == 0)
       for (uint8_t& b : src) b = uint8_t(b * 37 + 200);  // symbols spread over the byte range
-    Bytes coded(FSE_compressBound(n));
-    int64_t r = FSE_compress(coded.data(), coded.size(), src.data(), n);
+    Bytes coded(fse_compress_bound(n));
+    int64_t r = fse_compress(coded.data(), coded.size(), src.data(), n);
     ASSERT_GE(r, 0) << "seed " << seed;
     if (r == 1) {
       ASSERT_EQ(std::count(src.begin(), src.end(), src[0]), long(n)) << "seed " << seed;
@@ -239,11 +240,11 @@ TEST(FseBlock, RandomSourcesRoundTrip) {
 }
 
 TEST(FseBlock, Bmi2DecoderMatchesBaseline) {
-  if (!CodecUseAvx2) GTEST_SKIP() << "no BMI2 on this processor";
+  if (codec_isa() < CODEC_AVX2) GTEST_SKIP() << "no BMI2 on this processor";
   auto both = [](auto&& f) {
-    CodecUseAvx2 = false;
+    CodecIsaLimit = CODEC_BASELINE;
     auto plain = f();
-    CodecUseAvx2 = true;
+    CodecIsaLimit = CODEC_AVX2;
     return std::make_pair(plain, f());
   };
   for (uint32_t seed = 0; seed < 400; seed++) {
@@ -265,7 +266,7 @@ TEST(FseBlock, Bmi2DecoderMatchesBaseline) {
         ASSERT_EQ(a, b) << "seed " << seed << " size " << in.size() << " room " << room;
       }
   }
-  CodecUseAvx2 = true;
+  CodecIsaLimit = CODEC_AVX512;
 }
 
 // ---- Blocks in lanes -----------------------------------------------------------------
@@ -275,7 +276,6 @@ TEST(FseBlock, Bmi2DecoderMatchesBaseline) {
 // in an order that makes the lanes swap blocks unevenly; then damaged blocks
 // among good ones fail alone.
 TEST(FseBlocks, LanesGiveTheBytesAndResultsOfSingleBlocks) {
-  const bool has_avx2 = CodecUseAvx2;
   std::mt19937 rng(21);
   std::vector<Bytes> sources;
   std::vector<unsigned> logs;
@@ -292,19 +292,19 @@ TEST(FseBlocks, LanesGiveTheBytesAndResultsOfSingleBlocks) {
   }
   const size_t n = sources.size();
   for (bool avx2 : {false, true}) {
-    CodecUseAvx2 = avx2 && has_avx2;
+    CodecIsaLimit = avx2 ? CODEC_AVX2 : CODEC_BASELINE;
     std::vector<Bytes> coded(n);
     std::vector<FseBlock> blocks(n);
     for (size_t k = 0; k < n; k++) {
-      coded[k].assign(FSE_compressBound(sources[k].size()), 0);
+      coded[k].assign(fse_compress_bound(sources[k].size()), 0);
       blocks[k] = {coded[k].data(), coded[k].size(), sources[k].data(), sources[k].size(), logs[k]};
     }
     std::vector<int64_t> results(n);
-    FSE_compressBlocks(blocks.data(), int(n), results.data());
+    fse_compress_blocks(blocks.data(), int(n), results.data());
     size_t streams = 0;
     for (size_t k = 0; k < n; k++) {
-      Bytes alone(FSE_compressBound(sources[k].size()));
-      const int64_t r = FSE_compress2(alone.data(), alone.size(), sources[k].data(), sources[k].size(), 255, logs[k]);
+      Bytes alone(fse_compress_bound(sources[k].size()));
+      const int64_t r = fse_compress_limited(alone.data(), alone.size(), sources[k].data(), sources[k].size(), 255, logs[k]);
       alone.resize(r > 1 ? size_t(r) : 0);
       ASSERT_EQ(results[k], r) << k;
       coded[k].resize(results[k] > 1 ? size_t(results[k]) : 0);
@@ -336,10 +336,10 @@ TEST(FseBlocks, LanesGiveTheBytesAndResultsOfSingleBlocks) {
         list.push_back({out[j].data(), room, in[j].data(), in[j].size()});
       }
       std::vector<int64_t> back(list.size());
-      FSE_decompressBlocks(list.data(), int(list.size()), back.data());
+      fse_decompress_blocks(list.data(), int(list.size()), back.data());
       for (size_t j = 0; j < list.size(); j++) {
         Bytes single(list[j].dst_capacity + 1, 0x5c);
-        const int64_t r = FSE_decompress(single.data(), list[j].dst_capacity, in[j].data(), in[j].size());
+        const int64_t r = fse_decompress(single.data(), list[j].dst_capacity, in[j].data(), in[j].size());
         EXPECT_EQ(back[j], r) << j;
         EXPECT_EQ(out[j][list[j].dst_capacity], 0x5c) << "wrote past the room of " << j;
         const bool bad = damaged && (j == 0 || j == 3 || j == 5);
@@ -351,7 +351,7 @@ TEST(FseBlocks, LanesGiveTheBytesAndResultsOfSingleBlocks) {
       }
     }
   }
-  CodecUseAvx2 = has_avx2;
+  CodecIsaLimit = CODEC_AVX512;
 }
 
 // ---- Same bytes ---------------------------------------------------------------------
@@ -411,24 +411,23 @@ std::vector<Bytes> digest_blocks() {
 }
 
 TEST(FseSameBytes, BlocksAndHeadersMatchTheFirstBuild) {
-  const bool has_avx2 = CodecUseAvx2;
   uint64_t blocks = 0xcbf29ce484222325ull, counts = blocks;
-  Bytes out(FSE_compressBound(65536)), back(65537);
+  Bytes out(fse_compress_bound(65536)), back(65537);
   for (const Bytes& src : digest_blocks())
     for (unsigned log = 5; log <= 12; log++) {
-      const int64_t r = FSE_compress2(out.data(), out.size(), src.data(), src.size(), 255, log);
+      const int64_t r = fse_compress_limited(out.data(), out.size(), src.data(), src.size(), 255, log);
       blocks = fnv(blocks, &r, sizeof r);
       if (r <= 1) continue;
       blocks = fnv(blocks, out.data(), size_t(r));
       for (bool avx2 : {false, true}) {
-        CodecUseAvx2 = avx2 && has_avx2;
-        ASSERT_EQ(FSE_decompress(back.data(), src.size(), out.data(), size_t(r)), int64_t(src.size()));
+        CodecIsaLimit = avx2 ? CODEC_AVX2 : CODEC_BASELINE;
+        ASSERT_EQ(fse_decompress(back.data(), src.size(), out.data(), size_t(r)), int64_t(src.size()));
         ASSERT_TRUE(std::equal(src.begin(), src.end(), back.begin())) << src.size() << " " << log;
         // Damaged, it fails or stops, and never writes past its room.
         Bytes damaged(out.begin(), out.begin() + r);
         damaged[size_t(r) / 2] ^= 0x24;
         back[src.size()] = 0x5c;
-        const int64_t r2 = FSE_decompress(back.data(), src.size(), damaged.data(), damaged.size());
+        const int64_t r2 = fse_decompress(back.data(), src.size(), damaged.data(), damaged.size());
         EXPECT_LE(r2, int64_t(src.size()));
         EXPECT_EQ(back[src.size()], 0x5c);
       }
@@ -451,16 +450,16 @@ TEST(FseSameBytes, BlocksAndHeadersMatchTheFirstBuild) {
     total += 2;
     const unsigned log = 5 + unsigned(g.next() % 8);
     int16_t norm[256];
-    const int64_t r = FSE_normalizeCount(norm, log, count, total, max_symbol);
+    const int64_t r = fse_normalize_counts(norm, log, count, total, max_symbol);
     counts = fnv(counts, &r, sizeof r);
     if (r < 0) continue;
     counts = fnv(counts, norm, sizeof(int16_t) * (max_symbol + 1));
     uint8_t header[512];
-    const int64_t size = FSE_writeNCount(header, sizeof header, norm, max_symbol, log);
+    const int64_t size = fse_write_counts(header, sizeof header, norm, max_symbol, log);
     ASSERT_GT(size, 0);
     counts = fnv(counts, header, size_t(size));
   }
-  CodecUseAvx2 = has_avx2;
+  CodecIsaLimit = CODEC_AVX512;
   EXPECT_EQ(blocks, 0x37cab5ea3073ecbeull);
   EXPECT_EQ(counts, 0xe7525128b2d7eecfull);
 }
@@ -498,7 +497,7 @@ TEST(FseFuzz, CorruptTruncatedAndGarbageInput) {
     }
     Bytes exact(in);  // exactly sized: ASan sees any read past it
     Bytes out(Capacity + 16, Canary);
-    int64_t result = FSE_decompress(out.data(), Capacity, exact.data(), exact.size());
+    int64_t result = fse_decompress(out.data(), Capacity, exact.data(), exact.size());
     ASSERT_LE(result, int64_t(Capacity)) << "seed " << seed;
     for (size_t i = Capacity; i < out.size(); i++)
       ASSERT_EQ(out[i], Canary) << "wrote past the output, seed " << seed;

@@ -195,17 +195,17 @@ std::vector<uint32_t> classed_row(std::mt19937& rng, int n, const std::vector<ui
 // The vector builds write the baseline's bytes, read them back to the same
 // row, and stay inside the row's bytes and values.
 TEST(PackedFormat, VectorBuildsAgree) {
-  if (!CodecUseAvx2) GTEST_SKIP() << "no AVX2 on this processor";
+  if (codec_isa() < CODEC_AVX2) GTEST_SKIP() << "no AVX2 on this processor";
   auto agree = [](const auto& f, const auto& row) {
     using T = typename std::decay_t<decltype(row)>::value_type;
     const int n = int(row.size());
-    CodecUseAvx2 = false;
+    CodecIsaLimit = CODEC_BASELINE;
     Bytes base = packed(f, row);
-    CodecUseAvx2 = true;
+    CodecIsaLimit = CODEC_AVX2;
     Bytes fast = packed(f, row);
     ASSERT_EQ(fast, base) << "length " << n;
     for (bool vector : {false, true}) {
-      CodecUseAvx2 = vector;
+      CodecIsaLimit = vector ? CODEC_AVX2 : CODEC_BASELINE;
       std::vector<T> back(size_t(n) + 1, T(0x5a5a5a5a));
       ASSERT_EQ(f.unpack(back.data(), n, base.data()), base.data() + base.size());
       ASSERT_EQ(back.back(), T(0x5a5a5a5a)) << "wrote past the row";
@@ -233,7 +233,7 @@ TEST(PackedFormat, VectorBuildsAgree) {
     agree(F32, row32);
     agree(F16, std::vector<uint16_t>(row16.begin(), row16.end()));
   }
-  CodecUseAvx2 = true;
+  CodecIsaLimit = CODEC_AVX512;
 }
 
 TEST(PackedFormat, BoundsAreTight) {

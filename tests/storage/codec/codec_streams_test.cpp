@@ -8,6 +8,7 @@
 
 #include "codec_support.h"
 #include "storage/codec/codec.h"
+#include "storage/codec/fse.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ std::vector<Block> fse_blocks(const Bytes& channel, size_t skip = 0) {
     at += 8;
     if (b.coded_size > 1) {
       b.payload.resize(b.source_size);
-      EXPECT_EQ(FSE_decompress(b.payload.data(), b.payload.size(), &channel[at], size_t(b.coded_size)),
+      EXPECT_EQ(fse_decompress(b.payload.data(), b.payload.size(), &channel[at], size_t(b.coded_size)),
                 int64_t(b.source_size));
       at += size_t(b.coded_size);
     } else if (b.coded_size == 1) {
@@ -128,12 +129,11 @@ TEST(CodecStreams, RoundTripAllCodecs) {
   for (CodecId id : {CodecId::FseCodec, CodecId::NibbleCodec, CodecId::RangeCodec}) round_trip<uint32_t>(id, cases);
   // 16-bit rows decode through their own inverse transform on each path.
   std::vector<RowCase> cases16 = row_cases(rng, 65535);
-  const bool vector_paths = CodecUseAvx2;
-  for (bool use_vectors : {false, vector_paths}) {
-    CodecUseAvx2 = use_vectors;
+  for (int32_t limit : {CODEC_BASELINE, CODEC_AVX2}) {
+    CodecIsaLimit = limit;
     round_trip<uint16_t>(CodecId::FseCodec, cases16);
   }
-  CodecUseAvx2 = vector_paths;
+  CodecIsaLimit = CODEC_AVX512;
 }
 
 TEST(CodecStreams, ManyBlocksPerChannel) {
@@ -256,9 +256,8 @@ TEST(FseCodecLayout, MatchesTheRulesAcrossBlocksAndPaths) {
     }
   }
   ASSERT_GT(rules[17].size(), 65536u * 2);  // several block ends inside rows
-  const bool vector_paths = CodecUseAvx2;
-  for (bool use_vectors : {false, vector_paths}) {
-    CodecUseAvx2 = use_vectors;
+  for (int32_t limit : {CODEC_BASELINE, CODEC_AVX2}) {
+    CodecIsaLimit = limit;
     MemoryChannels m;
     encode_transformed(m, CodecId::FseCodec, rows);
     for (int c = 0; c < CodecChannelCount; c++) {
@@ -275,7 +274,7 @@ TEST(FseCodecLayout, MatchesTheRulesAcrossBlocksAndPaths) {
       ASSERT_EQ(row, expected);
     }
   }
-  CodecUseAvx2 = vector_paths;
+  CodecIsaLimit = CODEC_AVX512;
 }
 
 TEST(FseCodecDeathTest, CorruptBlockEndsTheProcess) {

@@ -79,10 +79,10 @@ void round_trip(const std::vector<uint32_t>& wide, const std::vector<uint32_t>* 
 
 TEST(CodecTransform, RoundTrips) {
   std::mt19937 rng(7);
-  const bool avx2 = CodecUseAvx2;
-  for (int form = 0; form < 4; form++) {
-    UseAvx512 = form & 1;
-    CodecUseAvx2 = avx2 && (form & 2);
+  // Each form this processor has, the widest one last.
+  UseAvx512 = true;
+  for (int32_t limit : {CODEC_BASELINE, CODEC_AVX2, CODEC_AVX512}) {
+    CodecIsaLimit = limit;
     for (int n : test_lengths()) {
       for (const auto& row : adversarial_rows(n, 0xffffffffu)) {
         round_trip<uint32_t>(row, nullptr);
@@ -102,20 +102,23 @@ TEST(CodecTransform, RoundTrips) {
     }
   }
   UseAvx512 = false;
-  CodecUseAvx2 = avx2;
+  CodecIsaLimit = CODEC_AVX512;
 }
 
 // The baseline, AVX2 and AVX-512 forms of the 16-bit transform give the same
 // values and the same choice of order.
 TEST(CodecTransform, WideFormsAgree) {
-  const bool avx2 = CodecUseAvx2, avx512 = cpu_has_avx512();
-  struct Form {
-    bool use_avx2, use_avx512;
-  };
-  std::vector<Form> forms = {{false, false}};
-  if (avx2) forms.push_back({true, false});
-  if (avx512) forms.push_back({false, true});
-  if (forms.size() == 1) GTEST_SKIP() << "no wide form on this processor";
+  UseAvx512 = true;
+  std::vector<int32_t> forms = {CODEC_BASELINE};
+  for (int32_t limit : {CODEC_AVX2, CODEC_AVX512}) {
+    CodecIsaLimit = limit;
+    if (codec_isa() == limit) forms.push_back(limit);
+  }
+  if (forms.size() == 1) {
+    UseAvx512 = false;
+    CodecIsaLimit = CODEC_AVX512;
+    GTEST_SKIP() << "no wide form on this processor";
+  }
   std::mt19937 rng(11);
   for (int n : test_lengths()) {
     for (int k = 0; k < 10; k++) {
@@ -124,9 +127,8 @@ TEST(CodecTransform, WideFormsAgree) {
       if (k % 2) r = narrow(neighbour_row(rng, std::vector<uint32_t>(x.begin(), x.end())));
       std::vector<std::vector<uint32_t>> got;
       std::vector<bool> orders;
-      for (const Form& f : forms) {
-        CodecUseAvx2 = f.use_avx2;
-        UseAvx512 = f.use_avx512;
+      for (int32_t limit : forms) {
+        CodecIsaLimit = limit;
         std::vector<uint32_t> a(size_t(n) + 1), b(size_t(n) + 1), plain(size_t(n) + 1), spare(size_t(n) + 1);
         orders.push_back(transform_row16(x.data(), r.data(), n, a.data(), b.data()));
         transform_row16(x.data(), nullptr, n, plain.data(), spare.data());
@@ -141,7 +143,7 @@ TEST(CodecTransform, WideFormsAgree) {
     }
   }
   UseAvx512 = false;
-  CodecUseAvx2 = avx2;
+  CodecIsaLimit = CODEC_AVX512;
 }
 
 TEST(CodecTransformDeathTest, RowTooLong) {
