@@ -7,7 +7,8 @@
 //   read_tree_head, (rebuild), read_tree_state, apply_tree_state,
 //   (plan the stores), read_tree_data, read_info_lines.
 // Nothing here knows the shell: the caller moves the description between the
-// file's records and the game settings.
+// file's records and the game settings. The file streams themselves are in
+// storage/memory/file_bytes.h.
 #pragma once
 #include <cstdint>
 #include <stdexcept>
@@ -18,14 +19,6 @@
 
 struct Tree;
 
-// Failures of the file itself: "can't open file (name)", "can't read from
-// file (name)", "can't close file (name)", and for writing "can't write to
-// file (name)" with the system's reason.
-class IOException : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
 // A file that is readable but not a tree we can take: "invalid file",
 // "unsupported data format, update to latest version".
 class TreeFileError : public std::runtime_error {
@@ -34,54 +27,6 @@ class TreeFileError : public std::runtime_error {
 };
 
 constexpr int32_t TreeFileFormat = 9;  // what dump_tree writes; the reader takes 0 to 9
-constexpr size_t TreeFileBufferBytes = size_t(1) << 20;
-
-// Reads a file forward through one buffer of 1 MiB, refilled whole. Reads of
-// a buffer's size or more go straight into place. A read past the end fails
-// at once: a short file is never waited on.
-class FileByteSource : public ByteSource {
- public:
-  explicit FileByteSource(const std::string& path);
-  ~FileByteSource() override;
-  FileByteSource(const FileByteSource&) = delete;
-  FileByteSource& operator=(const FileByteSource&) = delete;
-
-  void read(void* buffer, size_t count) override;
-  int64_t remaining() const override { return int64_t(filled - position) + unread; }
-  void close();
-
- private:
-  [[noreturn]] void fail_read() const;
-  int fd = -1;
-  std::string name;
-  std::vector<uint8_t> buffer;
-  size_t filled = 0, position = 0;
-  int64_t unread = 0;  // bytes of the file not yet in the buffer
-};
-
-// Writes a file so that the target name only ever holds a complete file: the
-// bytes go to a temporary file in the target's folder, which commit() flushes,
-// syncs and renames over the target. Destroying the writer before commit()
-// removes the temporary file and leaves the target as it was.
-class FileByteWriter : public ByteWriter {
- public:
-  explicit FileByteWriter(const std::string& target);
-  ~FileByteWriter() override;
-  FileByteWriter(const FileByteWriter&) = delete;
-  FileByteWriter& operator=(const FileByteWriter&) = delete;
-
-  void write(const void* bytes, size_t count) override;
-  void commit();
-  const std::string& temp_name() const { return temp; }
-
- private:
-  void flush_buffer();
-  [[noreturn]] void fail(int error) const;
-  int fd = -1;
-  std::string target, temp;
-  std::vector<uint8_t> buffer;
-  size_t filled = 0;
-};
 
 // One schematic node as stored, in pre-order: the root first, each node's
 // children behind it in the tree's order. `key` is the node's key in its
@@ -119,8 +64,8 @@ struct TreeFileState {
   int32_t compression = 0;  // the level the stores were planned with
 };
 
-// Loading. Each step raises IOException or TreeFileError and leaves whatever
-// it had read so far.
+// Loading. Each step raises IOException (storage/memory/file_bytes.h) or
+// TreeFileError and leaves whatever it had read so far.
 // Fields 1 to 13; sets source.format. Checks the magic, the format number
 // and that every value can be used to build a game.
 void read_tree_head(ByteSource& source, TreeFileGame& game);
