@@ -24,9 +24,6 @@ struct StreetEntry {
   std::vector<float> reach[2];
 };
 
-// Subgames solved since the last forget, as (subgame root, turn cell).
-std::set<std::pair<int32_t, int32_t>> SolvedUnits;
-
 // The reach of a parent board's list on a child board, as the chance node deals it.
 std::vector<float> map_down(const std::vector<float>& parent, const BoardRecord& r) {
   std::vector<float> out(r.holes.size());
@@ -358,7 +355,7 @@ bool forget_street(Tree& t, int32_t street) {
   // 6.
   t.flags = (t.flags & ~uint32_t(NEW_TREE)) | INCOMPLETE_TREE;
   t.forgotten_street = street;
-  SolvedUnits.clear();
+  Forgetting.solved_units.clear();
   return true;
 }
 
@@ -435,8 +432,8 @@ bool SolveSubgames(Tree& t, int32_t street) {
   for (Node& node : t.nodes)
     for (int32_t k = 0; k < node.street_record_count; k++) node.street_records[k].frozen = false;
   t.forgotten_street = -1;
-  SolvedUnits.clear();
-  StoreGeneration++;
+  Forgetting.solved_units.clear();
+  Evaluation.store_generation++;
   return true;
 }
 
@@ -463,7 +460,7 @@ double resolve_node(Tree& t, Node& node, int32_t tc, int32_t rc, bool force, con
     if (!plan_missing_stores(t, root_index, end, 0)) storage_fatal("out of memory (not enough reserved)");
   }
   // Subgame resolve, 1.
-  if (!force && !fresh && SolvedUnits.count(key)) return 0.0;
+  if (!force && !fresh && Forgetting.solved_units.count(key)) return 0.0;
   // 2 to 7: its own iterations, from 0 on fresh stores, else going on.
   double e = 0;
   {
@@ -489,13 +486,12 @@ double resolve_node(Tree& t, Node& node, int32_t tc, int32_t rc, bool force, con
     }
   }
   // 8.
-  SolvedUnits.insert(key);
-  StoreGeneration++;
+  Forgetting.solved_units.insert(key);
+  Evaluation.store_generation++;
   return e;
 }
 
-void probe_forgotten(Tree& t, Node& target, int32_t tc, int32_t rc, int32_t player,
-                     void (*probe)(TraversalContext&)) {
+void probe_forgotten(Tree& t, Node& target, int32_t tc, int32_t rc, int32_t player, WalkProbe probe) {
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   prepare_tree_facts(t);
   Unit u = find_unit(t, target, tc, rc);
@@ -512,6 +508,5 @@ void probe_forgotten(Tree& t, Node& target, int32_t tc, int32_t rc, int32_t play
   walk_unit(t, w, u, nullptr, nullptr);
 }
 
-void forget_resolve_marks() { SolvedUnits.clear(); }
+void forget_resolve_marks() { Forgetting.solved_units.clear(); }
 
-uint32_t StoreGeneration = 0;

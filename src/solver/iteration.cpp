@@ -14,7 +14,6 @@
 
 #include "solver/walk.h"
 
-TreeFacts Facts;
 
 // ---- Per-tree facts -------------------------------------------------------------
 
@@ -458,7 +457,7 @@ void visit_node(TraversalContext& ctx) {
     visit_terminal(ctx);
 last:
   // 5.
-  if (w.mode == MODE_PROBE && w.pass != PASS_QUEUE) w.probe(ctx);
+  if (w.mode == MODE_PROBE && w.pass != PASS_QUEUE) w.probe.visit(w.probe.target, ctx);
 }
 
 // ---- Chance nodes -------------------------------------------------------------------------
@@ -580,13 +579,13 @@ static void queue_chance(ChanceVisit& c) {
 
 // 6. Pass 2: the sums the node's subgames merged.
 static void collect_chance(ChanceVisit& c) {
-  Subgame* first = SubgameQueue[size_t(SubgameCursor)];
+  Subgame* first = Subgames.queue[size_t(Subgames.cursor)];
   SubgameShared* sh = first->shared;
   c.ctx.value = std::move(sh->value_sum);
   if (c.eval) c.ctx.br_value = std::move(sh->br_sum);
   sh->reach.release();
   sh->own_reach.release();
-  SubgameCursor += int32_t(c.kids.size());
+  Subgames.cursor += int32_t(c.kids.size());
 }
 
 // 5. Pass 1, inside a subgame: every card in turn on this thread.
@@ -679,7 +678,7 @@ bool river_sums_due(const Tree& t) {
   return k >= 0 && (k < 7 || k % 7 == 0);
 }
 
-TraverseResult traverse(Tree& tree, int player, int mode, void (*probe)(TraversalContext&)) {
+TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
   TraverseResult result{0.0, 0.0};
   // 1, 2: a query's walk may hold the lock.
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
@@ -688,7 +687,7 @@ TraverseResult traverse(Tree& tree, int player, int mode, void (*probe)(Traversa
   w.mode = mode;
   w.river_average_now = river_sums_due(tree);
   w.probe = probe;
-  assert(mode != MODE_PROBE || probe);
+  assert(mode != MODE_PROBE || probe.visit);
   // A tree whose stores were never planned has nothing to walk with.
   if (tree.nodes.empty() || !tree.boards) return result;
   if (tree.nodes[0].kind == NODE_DECISION && !tree.nodes[0].regretStore) return result;
@@ -708,7 +707,7 @@ TraverseResult traverse(Tree& tree, int player, int mode, void (*probe)(Traversa
   enter_pool(tree);
   // 6.
   w.pass = PASS_COLLECT;
-  SubgameCursor = 0;
+  Subgames.cursor = 0;
   TraversalContext ctx;
   root_context(tree, w, ctx);
   visit_node(ctx);
@@ -744,4 +743,3 @@ void run_iteration(Tree& tree) {
   RegretIteration = tree.iteration;
 }
 
-std::atomic<int64_t> TerminalHandCount{0};

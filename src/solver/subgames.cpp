@@ -7,22 +7,7 @@
 
 #include "solver/walk.h"
 
-std::vector<Subgame*> SubgameQueue;
-int32_t SubgameCursor = 0;
-std::atomic<int32_t> SubgameDoneCount{0};
-
-static std::recursive_mutex TraversalLock;
-static std::mutex MergeLock;
-
-std::recursive_mutex& traversal_lock() { return TraversalLock; }
-
-// Records are kept and reused between passes, so queuing allocates only
-// while the queue grows beyond what an earlier pass needed.
-static std::vector<std::unique_ptr<Subgame>> SubgameRecords;
-static std::vector<std::unique_ptr<SubgameShared>> SharedRecords;
-static size_t SubgamesUsed = 0;
-static size_t SharedUsed = 0;
-static std::vector<Subgame*> RunOrder;
+std::recursive_mutex& traversal_lock() { return Subgames.traversal_lock; }
 
 void queue_subgames(TraversalContext& ctx) {
   Tree& t = *ctx.tree;
@@ -33,8 +18,8 @@ void queue_subgames(TraversalContext& ctx) {
       turn ? int32_t(bt.holes.size()) : int32_t(bt.children[size_t(ctx.turn_cell)].holes.size());
 
   // 1. The node's shared vectors.
-  if (SharedUsed == SharedRecords.size()) SharedRecords.push_back(std::make_unique<SubgameShared>());
-  SubgameShared& sh = *SharedRecords[SharedUsed++];
+  if (Subgames.shared_used == Subgames.shared.size()) Subgames.shared.push_back(std::make_unique<SubgameShared>());
+  SubgameShared& sh = *Subgames.shared[Subgames.shared_used++];
   copy_vector(sh.reach, ctx.reach);
   sh.has_own = ctx.own_reach.count > 0;
   if (sh.has_own)
@@ -50,37 +35,37 @@ void queue_subgames(TraversalContext& ctx) {
 
   // 2. One record per card.
   for (size_t k = 0; k < kids.size(); k++) {
-    if (SubgamesUsed == SubgameRecords.size()) SubgameRecords.push_back(std::make_unique<Subgame>());
-    Subgame* sg = SubgameRecords[SubgamesUsed++].get();
+    if (Subgames.records_used == Subgames.records.size()) Subgames.records.push_back(std::make_unique<Subgame>());
+    Subgame* sg = Subgames.records[Subgames.records_used++].get();
     sg->context.tree = &t;
     sg->context.walk = ctx.walk;
     sg->context.node = ctx.node;
     sg->context.turn_cell = turn ? int32_t(k) : ctx.turn_cell;
     sg->context.river_cell = turn ? -1 : int32_t(k);
     sg->shared = &sh;
-    SubgameQueue.push_back(sg);
+    Subgames.queue.push_back(sg);
   }
 }
 
 void free_subgame_queue() {
-  for (size_t i = 0; i < SubgamesUsed; i++) {
-    TraversalContext& c = SubgameRecords[i]->context;
+  for (size_t i = 0; i < Subgames.records_used; i++) {
+    TraversalContext& c = Subgames.records[i]->context;
     c.reach.release();
     c.value.release();
     c.own_reach.release();
     c.br_value.release();
-    SubgameRecords[i]->shared = nullptr;
+    Subgames.records[i]->shared = nullptr;
   }
-  for (size_t i = 0; i < SharedUsed; i++) {
-    SubgameShared& sh = *SharedRecords[i];
+  for (size_t i = 0; i < Subgames.shared_used; i++) {
+    SubgameShared& sh = *Subgames.shared[i];
     sh.reach.release();
     sh.own_reach.release();
     sh.value_sum.release();
     sh.br_sum.release();
   }
-  SubgamesUsed = SharedUsed = 0;
-  SubgameQueue.clear();
-  SubgameCursor = 0;
+  Subgames.records_used = Subgames.shared_used = 0;
+  Subgames.queue.clear();
+  Subgames.cursor = 0;
 }
 
 // Maps a parent-order vector down to a child board (variant 0).
@@ -123,7 +108,7 @@ static void run_subgame(Subgame& sg) {
   // 4, 5.
   if (turn_lock) turn_lock->unlock();
   {
-    std::lock_guard<std::mutex> merge(MergeLock);
+    std::lock_guard<std::mutex> merge(Subgames.merge_lock);
     map_up(sh.value_sum, ctx.value, r);
     if (sh.has_br) map_up(sh.br_sum, ctx.br_value, r);
   }
@@ -132,7 +117,7 @@ static void run_subgame(Subgame& sg) {
   ctx.own_reach.release();
   ctx.value.release();
   ctx.br_value.release();
-  SubgameDoneCount.fetch_add(1);
+  Subgames.done_count.fetch_add(1);
   // 7. Every card of the node writes its time; the last one stays.
   if (ctx.walk->mode == MODE_TRAIN) {
     auto us = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
@@ -145,31 +130,32 @@ static void run_subgame(Subgame& sg) {
 
 void TraverseSubgames() {
   // 1, 2.
-  if (SubgameQueue.empty()) return;
-  RunOrder.assign(SubgameQueue.begin(), SubgameQueue.end());
+  if (Subgames.queue.empty()) return;
+  std::vector<Subgame*>& order = Subgames.run_order;
+  order.assign(Subgames.queue.begin(), Subgames.queue.end());
   // 3. The longest jobs of the last run first.
-  const WalkState& w = *RunOrder[0]->context.walk;
+  const WalkState& w = *order[0]->context.walk;
   if (w.mode == MODE_TRAIN) {
     const int p = w.traverser & 1;
-    std::stable_sort(RunOrder.begin(), RunOrder.end(), [p](const Subgame* a, const Subgame* b) {
+    std::stable_sort(order.begin(), order.end(), [p](const Subgame* a, const Subgame* b) {
       return a->context.node->cell_mark[p] > b->context.node->cell_mark[p];
     });
   }
   // 4, 5.
-  SubgameDoneCount = 0;
-  const int32_t n = int32_t(RunOrder.size());
-  Subgame* const* order = RunOrder.data();
+  Subgames.done_count = 0;
+  const int32_t n = int32_t(order.size());
+  Subgame* const* run = order.data();
 #pragma omp parallel for schedule(dynamic, 1)
-  for (int32_t i = 0; i < n; i++) run_subgame(*order[i]);
+  for (int32_t i = 0; i < n; i++) run_subgame(*run[i]);
 }
 
 // ---- Module hooks -----------------------------------------------------------------
 
 // Called after a tree is destroyed: nothing queued or cached may outlive it.
 static void empty_subgame_queue() {
-  std::lock_guard<std::recursive_mutex> guard(TraversalLock);
+  std::lock_guard<std::recursive_mutex> guard(Subgames.traversal_lock);
   free_subgame_queue();
-  RunOrder.clear();
+  Subgames.run_order.clear();
   forget_tree_facts();
   forget_results_cache();
   forget_resolve_marks();

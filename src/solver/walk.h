@@ -7,6 +7,9 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "solver/kernels/kernels.h"
@@ -121,13 +124,39 @@ struct TreeFacts {
   bool has_chance = false;
   std::vector<NodeFacts> node;
 };
-extern TreeFacts Facts;
+extern TreeFacts Facts;  // solver_state.cpp
 // Rebuilds the facts when the tree is another one; under the traversal lock.
 void prepare_tree_facts(Tree& tree);
 void forget_tree_facts();
 // The evaluation cache belongs to one tree; a freed tree takes it along.
 void forget_results_cache();
 inline int32_t node_index(const Tree& t, const Node& n) { return int32_t(&n - t.nodes.data()); }
+
+// ---- Walk state between calls (solver_state.cpp) ------------------------------------
+
+// The subgames of a walk: created in walk order by pass 0 into records kept
+// and reused between passes, so that queuing allocates only while the queue
+// grows beyond what an earlier pass needed; run by pass 1 in run_order;
+// collected by pass 2 at `cursor`.
+struct SubgameState {
+  std::vector<Subgame*> queue;
+  int32_t cursor = 0;
+  std::atomic<int32_t> done_count{0};
+  std::vector<std::unique_ptr<Subgame>> records;
+  std::vector<std::unique_ptr<SubgameShared>> shared;
+  size_t records_used = 0;
+  size_t shared_used = 0;
+  std::vector<Subgame*> run_order;
+  std::mutex merge_lock;                 // the chance node's sums
+  std::recursive_mutex traversal_lock;  // every whole-tree walk (traversal_lock())
+};
+extern SubgameState Subgames;
+
+// Subgames solved again since the last forget, as (subgame root, turn cell).
+struct ForgetState {
+  std::set<std::pair<int32_t, int32_t>> solved_units;
+};
+extern ForgetState Forgetting;
 
 // ---- Per-thread block ----------------------------------------------------------------
 

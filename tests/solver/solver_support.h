@@ -74,6 +74,7 @@ struct SolverTest : ::testing::Test {
   void SetUp() override {
     reset_core_state(); reset_card_settings();
     reset_tree_state();
+    reset_solver_state();
     CompressionSetting = 0;
     IsomorphismFlop = false;
     IsomorphismTurn = false;
@@ -82,6 +83,7 @@ struct SolverTest : ::testing::Test {
   }
   void TearDown() override {
     free_active_tree();
+    reset_solver_state();
     reset_tree_state();
     reset_core_state(); reset_card_settings();
     RegretIteration = 0;
