@@ -141,12 +141,6 @@ int32_t subtree_end(const Tree& t, int32_t i) {
   return n.children.empty() ? i + 1 : subtree_end(t, n.children.back());
 }
 
-// A subgame's own iteration count picks its place in the river-sum schedule.
-void set_iteration(Tree& t, WalkState& w, int32_t it) {
-  t.iteration = it;
-  w.river_average_now = river_sums_due(t);
-}
-
 // Weight of the hand pairs of two reaches that share no card, on the list
 // of `board`: what normalises a subgame's values to chips per pair.
 double pair_mass(const CellBoard& b, const std::vector<float>& r0, const std::vector<float>& r1) {
@@ -225,14 +219,7 @@ Unit find_unit(Tree& t, Node& node, int32_t tc, int32_t rc) {
 // player's reach; `value` and `br` get the root's vectors.
 void walk_unit(Tree& t, const WalkState& w, const Unit& u, std::vector<float>* value, std::vector<float>* br) {
   TraversalContext ctx;
-  ctx.tree = &t;
-  ctx.walk = &w;
-  ctx.node = u.root;
-  ctx.turn_cell = u.turn_cell;
-  ctx.river_cell = u.river_cell;
-  const std::vector<float>& r = u.reach[1 - w.traverser];
-  alloc_vector(ctx.reach, int32_t(r.size()), false);
-  std::copy(r.begin(), r.end(), ctx.reach.data);
+  start_context(ctx, t, w, u.root, u.turn_cell, u.river_cell, u.reach[1 - w.traverser]);
   visit_node(ctx);
   auto take = [](const HandVector& v, std::vector<float>* out) {
     if (!out) return;
@@ -241,10 +228,7 @@ void walk_unit(Tree& t, const WalkState& w, const Unit& u, std::vector<float>* v
   };
   take(ctx.value, value);
   take(ctx.br_value, br);
-  ctx.reach.release();
-  ctx.value.release();
-  ctx.br_value.release();
-  ctx.own_reach.release();
+  release_context(ctx);
 }
 
 // Mean gain of the two best responses in the subgame, in chips per pair of
@@ -257,10 +241,7 @@ double unit_exploitability(Tree& t, const Unit& u) {
   }
   double gain = 0;
   for (int p = 0; p < 2; p++) {
-    WalkState w;
-    w.traverser = p;
-    w.mode = MODE_EVALUATE;
-    w.pass = PASS_SUBGAMES;
+    const WalkState w = walk_state(t, p, MODE_EVALUATE, PASS_SUBGAMES);
     std::vector<float> v, b;
     walk_unit(t, w, u, &v, &b);
     const std::vector<float>& own = u.reach[p];
@@ -277,14 +258,9 @@ void train_unit(Tree& t, const Unit& u, int32_t iteration) {
     traverse(t, 0, MODE_TRAIN);
     return;
   }
-  WalkState w;
-  set_iteration(t, w, iteration);
-  w.mode = MODE_TRAIN;
-  w.pass = PASS_SUBGAMES;
-  for (int p = 1; p >= 0; p--) {
-    w.traverser = p;
-    walk_unit(t, w, u, nullptr, nullptr);
-  }
+  // The subgame's own iteration count picks its place in the river-sum schedule.
+  t.iteration = iteration;
+  for (int p = 1; p >= 0; p--) walk_unit(t, walk_state(t, p, MODE_TRAIN, PASS_SUBGAMES), u, nullptr, nullptr);
 }
 
 // The tree's walk state around a subgame's own iterations; a subgame walks
@@ -393,14 +369,11 @@ bool SolveSubgames(Tree& t, int32_t street) {
   {
     SavedWalk saved(t);
     const int32_t entries = int32_t(list.size());
-    WalkState w;
-    w.mode = MODE_TRAIN;
     for (int32_t it = 0; it < n; it++) {
-      set_iteration(t, w, it);
+      t.iteration = it;
       for (int p = 1; p >= 0; p--) {
-        w.traverser = p;
+        WalkState w = walk_state(t, p, MODE_TRAIN, PASS_SUBGAMES);
         if (street == 3) {
-          w.pass = PASS_SUBGAMES;
 #pragma omp parallel for schedule(guided, 1)
           for (int32_t i = 0; i < entries; i++) {
             RowPool* before = enter_pool(t);
@@ -419,9 +392,7 @@ bool SolveSubgames(Tree& t, int32_t street) {
             u.reach[1 - p] = e.reach[1 - p];
             walk_unit(t, w, u, nullptr, nullptr);
           }
-          w.pass = PASS_SUBGAMES;
-          TraverseSubgames();
-          enter_pool(t);
+          run_queued_subgames(t, w);
           free_subgame_queue();
         }
       }
@@ -500,12 +471,7 @@ void probe_forgotten(Tree& t, Node& target, int32_t tc, int32_t rc, int32_t play
     traverse(t, player, MODE_PROBE, probe);
     return;
   }
-  WalkState w;
-  w.traverser = player;
-  w.mode = MODE_PROBE;
-  w.pass = PASS_SUBGAMES;
-  w.probe = probe;
-  walk_unit(t, w, u, nullptr, nullptr);
+  walk_unit(t, walk_state(t, player, MODE_PROBE, PASS_SUBGAMES, probe), u, nullptr, nullptr);
 }
 
 void forget_resolve_marks() { Forgetting.solved_units.clear(); }

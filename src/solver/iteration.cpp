@@ -660,16 +660,47 @@ static void visit_chance(TraversalContext& ctx, bool turn) {
 }
 
 
-static void root_context(Tree& t, const WalkState& w, TraversalContext& ctx) {
-  ctx.tree = &t;
+// ---- Steps of a walk, shared with the walks of single subgames ------------------
+
+WalkState walk_state(const Tree& tree, int32_t player, int32_t mode, WalkPass pass, WalkProbe probe) {
+  WalkState w;
+  w.traverser = player;
+  w.mode = mode;
+  w.pass = pass;
+  w.river_average_now = river_sums_due(tree);
+  w.probe = probe;
+  return w;
+}
+
+void start_context(TraversalContext& ctx, Tree& tree, const WalkState& w, Node* node, int32_t turn_cell,
+                   int32_t river_cell, const std::vector<float>& reach) {
+  ctx.tree = &tree;
   ctx.walk = &w;
-  ctx.node = &t.nodes[0];
+  ctx.node = node;
+  ctx.turn_cell = turn_cell;
+  ctx.river_cell = river_cell;
+  alloc_vector(ctx.reach, int32_t(reach.size()), false);
+  if (!reach.empty()) memcpy(ctx.reach.data, reach.data(), reach.size() * sizeof(float));
+}
+
+void release_context(TraversalContext& ctx) {
+  ctx.reach.release();
+  ctx.value.release();
+  ctx.own_reach.release();
+  ctx.br_value.release();
+}
+
+void run_queued_subgames(Tree& tree, WalkState& w) {
+  w.pass = PASS_SUBGAMES;
+  TraverseSubgames();
+  enter_pool(tree);
+}
+
+// The root on the game's own board, with the other player's starting reach.
+static void root_context(Tree& t, const WalkState& w, TraversalContext& ctx) {
   const int32_t street = t.nodes[0].street;
-  ctx.turn_cell = street >= 2 ? t.boards->turn_child : -1;
-  ctx.river_cell = street >= 3 ? t.boards->river_child : -1;
-  const std::vector<float>& weights = t.reach_weights[1 - w.traverser];
-  alloc_vector(ctx.reach, int32_t(weights.size()), false);
-  if (!weights.empty()) memcpy(ctx.reach.data, weights.data(), weights.size() * sizeof(float));
+  start_context(ctx, t, w, &t.nodes[0], street >= 2 ? t.boards->turn_child : -1,
+                street >= 3 ? t.boards->river_child : -1, t.reach_weights[1 - w.traverser]);
 }
 
 bool river_sums_due(const Tree& t) {
@@ -682,11 +713,7 @@ TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
   TraverseResult result{0.0, 0.0};
   // 1, 2: a query's walk may hold the lock.
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
-  WalkState w;
-  w.traverser = player;
-  w.mode = mode;
-  w.river_average_now = river_sums_due(tree);
-  w.probe = probe;
+  WalkState w = walk_state(tree, player, mode, PASS_QUEUE, probe);
   assert(mode != MODE_PROBE || probe.visit);
   // A tree whose stores were never planned has nothing to walk with.
   if (tree.nodes.empty() || !tree.boards) return result;
@@ -702,9 +729,7 @@ TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
     visit_node(ctx);
   }
   // 5.
-  w.pass = PASS_SUBGAMES;
-  TraverseSubgames();
-  enter_pool(tree);
+  run_queued_subgames(tree, w);
   // 6.
   w.pass = PASS_COLLECT;
   Subgames.cursor = 0;
@@ -724,9 +749,7 @@ TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
   result.ev = value_total;
 
   // 8.
-  ctx.reach.release();
-  ctx.value.release();
-  ctx.br_value.release();
+  release_context(ctx);
   free_subgame_queue();
   set_current_row_pool(before);
   return result;

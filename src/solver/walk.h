@@ -132,6 +132,22 @@ void forget_tree_facts();
 void forget_results_cache();
 inline int32_t node_index(const Tree& t, const Node& n) { return int32_t(&n - t.nodes.data()); }
 
+// ---- Steps of a walk -----------------------------------------------------------------
+// The whole-tree walk (traverse) and the walks of single subgames after a
+// forget take the same steps to start and end.
+
+// The state of a walk for `player` in `mode`, starting in `pass`, on the
+// river-sum schedule of the tree's present iteration.
+WalkState walk_state(const Tree& tree, int32_t player, int32_t mode, WalkPass pass, WalkProbe probe = {});
+// A context at `node` on the board of the cells, with the other player's
+// arriving reach.
+void start_context(TraversalContext& ctx, Tree& tree, const WalkState& w, Node* node, int32_t turn_cell,
+                   int32_t river_cell, const std::vector<float>& reach);
+// Gives back the vectors of a context the walk is done with.
+void release_context(TraversalContext& ctx);
+// Pass 1: the queued subgames on the team; the caller's pool back in force.
+void run_queued_subgames(Tree& tree, WalkState& w);
+
 // ---- Walk state between calls (solver_state.cpp) ------------------------------------
 
 // The subgames of a walk: created in walk order by pass 0 into records kept
