@@ -38,16 +38,16 @@ void refresh_results(Tree& tree) {
 
 SolverResults results_now(Tree& tree) {
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
-  // 1.
+  // The stores, and a cache of this tree.
   materialise_tree_stores(tree);
   if (Evaluation.cache_tree != &tree) forget_results_cache();
-  // 2. Only a tree without its lower streets keeps its results: anything
+  // Only a tree without its lower streets keeps its results: anything
   // else may have changed its stores (a strategy set by hand) at the same
   // iteration count.
   if (!(tree.flags & INCOMPLETE_TREE)) Evaluation.cache.results_iteration = -1;
-  // 3.
+  // A fresh evaluation when the cached one is of another iteration.
   if (Evaluation.cache.results_iteration != tree.iteration) refresh_results(tree);
-  // 4.
+  // The results, relative to the middle of the pot.
   SolverResults r;
   r.ev0 = Evaluation.cache.ev[0];
   r.ev1 = Evaluation.cache.ev[1];

@@ -292,9 +292,9 @@ bool forget_street(Tree& t, int32_t street) {
   if (t.nodes.empty() || !t.boards || t.nodes[0].street >= street) return false;
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   if (t.forgotten_street >= 0 && street >= t.forgotten_street && (t.flags & INCOMPLETE_TREE)) return true;
-  // 1. The evaluation fills the values of every street record.
+  // The evaluation fills the values of every street record.
   results_now(t);
-  // 2.
+  // The stores of the street and below go.
   for (Node& node : t.nodes) {
     if (node.street < street || node.kind != NODE_DECISION) continue;
     delete node.regretStore;
@@ -303,13 +303,13 @@ bool forget_street(Tree& t, int32_t street) {
     node.stores_ready = false;
   }
   return_free_memory();
-  // 3, 4.
+  // The entries into the street with both reaches, and the largest reach sum.
   prepare_tree_facts(t);
   std::vector<StreetEntry> list = collect_entries(t, street);
   float largest = 0.0f;
   for (const StreetEntry& e : list)
     for (int p = 0; p < 2; p++) largest = std::max(largest, float_sum(e.reach[p].data(), int32_t(e.reach[p].size())));
-  // 5.
+  // Each entry keeps its reaches, scaled to a sum of 200, if it is reached enough.
   for (StreetEntry& e : list) {
     SubgameResults* r = entry_record(e);
     if (!r) continue;
@@ -328,7 +328,7 @@ bool forget_street(Tree& t, int32_t street) {
     }
     r->frozen = true;
   }
-  // 6.
+  // The tree is incomplete until the street is rebuilt.
   t.flags = (t.flags & ~uint32_t(NEW_TREE)) | INCOMPLETE_TREE;
   t.forgotten_street = street;
   Forgetting.solved_units.clear();
@@ -351,12 +351,12 @@ bool rebuild_streets(Tree& t) {
 bool SolveSubgames(Tree& t, int32_t street) {
   if (t.nodes.empty() || !t.boards || t.nodes[0].street >= street) return false;
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
-  // 1, 2. Entries are found with the strategies above, which are all there.
+  // Entries are found with the strategies above, which are all there.
   if (!materialise_tree_stores(t)) return false;
   if (t.flags & INCOMPLETE_TREE) return false;
   prepare_tree_facts(t);
   std::vector<StreetEntry> list = collect_entries(t, street);
-  // 3, 4. The kept reaches stand in for the walk's.
+  // The kept reaches stand in for the walk's.
   for (StreetEntry& e : list) {
     const SubgameResults* r = entry_record(e);
     if (!r) continue;
@@ -364,7 +364,7 @@ bool SolveSubgames(Tree& t, int32_t street) {
       if (r->reach[p].data && size_t(r->reach[p].count) == e.reach[p].size())
         std::copy(r->reach[p].data, r->reach[p].data + r->reach[p].count, e.reach[p].begin());
   }
-  // 5, 6.
+  // As many iterations as the tree had, each entry walked for both players.
   const int32_t n = std::max(1, t.iteration);
   {
     SavedWalk saved(t);
@@ -399,7 +399,7 @@ bool SolveSubgames(Tree& t, int32_t street) {
       RegretIteration = it + 1;
     }
   }
-  // 7.
+  // The street is whole again.
   for (Node& node : t.nodes)
     for (int32_t k = 0; k < node.street_record_count; k++) node.street_records[k].frozen = false;
   t.forgotten_street = -1;
@@ -416,23 +416,23 @@ bool node_forgotten(const Tree& t, const Node& node) {
 
 double resolve_node(Tree& t, Node& node, int32_t tc, int32_t rc, bool force, const double accuracy[3]) {
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
-  // 1.
+  // The stores above, and the facts.
   if (!materialise_tree_stores(t)) return 0.0;
   prepare_tree_facts(t);
-  // 2, 3.
+  // The subgame that holds the node, with its arriving reaches.
   Unit u = find_unit(t, node, tc, rc);
   const int32_t root_index = node_index(t, *u.root);
   const std::pair<int32_t, int32_t> key{root_index, u.turn_cell};
-  // 4, 5. Stores below the subgame root that the forget took.
+  // Stores below the subgame root that the forget took.
   bool fresh = false;
   if (t.forgotten_street >= 0) {
     const int32_t end = subtree_end(t, root_index);
     for (int32_t i = root_index; i < end; i++) fresh |= t.nodes[size_t(i)].kind == NODE_DECISION && !t.nodes[size_t(i)].regretStore;
     if (!plan_missing_stores(t, root_index, end, 0)) storage_fatal("out of memory (not enough reserved)");
   }
-  // Subgame resolve, 1.
+  // A subgame solved since the last forget is done.
   if (!force && !fresh && Forgetting.solved_units.count(key)) return 0.0;
-  // 2 to 7: its own iterations, from 0 on fresh stores, else going on.
+  // Its own iterations, from 0 on fresh stores, else going on.
   double e = 0;
   {
     SavedWalk saved(t);
@@ -456,7 +456,7 @@ double resolve_node(Tree& t, Node& node, int32_t tc, int32_t rc, bool force, con
       e = unit_exploitability(t, u);
     }
   }
-  // 8.
+  // Marked solved; the strategies changed at the same iteration count.
   Forgetting.solved_units.insert(key);
   Evaluation.store_generation++;
   return e;

@@ -291,7 +291,7 @@ static void visit_other_node(TraversalContext& ctx) {
   const bool eval = w.mode == MODE_EVALUATE;
   const bool pass0 = w.pass == PASS_QUEUE;
 
-  // 1. Strategy, whose rows become the child reaches (3).
+  // The strategy, whose rows become the child reaches.
   VectorFrame s(n);
   if (ctx.reach.data) {
     if (train) {
@@ -301,20 +301,20 @@ static void visit_other_node(TraversalContext& ctx) {
     } else {
       played_strategy(t, node, tc, rc, s.data(), WalkAverageFrom);
     }
-    // 2. The average.
+    // The average.
     if (train && !pass0 && node.strategyStore) {
       float weight = average_weight(t, w, node.street);
       CellLock* lock = node.regretStore->cell_lock_info(tc, rc);
       if (weight > 0.0f && !(lock && (lock->flags & CELL_LOCKED)))
         node.strategyStore->accumulate_strategy(tc, rc, s.data(), ctx.reach, weight);
     }
-    // 3. Child reaches; a reach summing below FLT_MIN is dropped.
+    // Child reaches; a reach summing below FLT_MIN is dropped.
     child_reaches(s.data(), n, ctx.reach.data, count);
   } else {
     for (int32_t a = 0; a < n; a++) make_empty(s[a], count);
   }
 
-  // 4, 5. Children in order, the values summed in child order; the fused
+  // Children in order, the values summed in child order; the fused
   // river pair stands for the last two children.
   make_empty(ctx.value, count);
   if (eval) make_empty(ctx.br_value, count);
@@ -365,7 +365,7 @@ static void visit_own_node(TraversalContext& ctx) {
   const bool pass0 = w.pass == PASS_QUEUE;
   const bool own = ctx.own_reach.count > 0;
 
-  // 1. Strategy: needed for the value, and for the own reach of the children.
+  // The strategy: needed for the value, and for the own reach of the children.
   VectorFrame frame(eval ? 3 * n : 2 * n);
   HandVector* s = frame.data();
   HandVector* c = s + n;
@@ -380,7 +380,7 @@ static void visit_own_node(TraversalContext& ctx) {
     }
   }
 
-  // 2. The fused river pair.
+  // The fused river pair.
   int32_t walked = n;
   if (train && !pass0 && fused_pair(t, node)) {
     walked = n - 2;
@@ -398,7 +398,7 @@ static void visit_own_node(TraversalContext& ctx) {
     }
   }
 
-  // 3. Children, with the reach unchanged.
+  // Children, with the reach unchanged.
   for (int32_t a = 0; a < walked; a++) {
     int32_t ci = node.children[size_t(a)];
     if (pass0 && !Facts.node[size_t(ci)].reaches_chance) continue;
@@ -430,14 +430,14 @@ static void visit_own_node(TraversalContext& ctx) {
   for (int32_t a = 0; a < n; a++)
     if (!c[a].data) c[a].count = count;
 
-  // 4 to 7.
+  // The node's value, best response and regrets from its children's values.
   finish_own_node(t, w, node, tc, rc, count, ctx.reach, s, c, cbr, ctx.value, eval ? &ctx.br_value : nullptr);
 }
 
 void visit_node(TraversalContext& ctx) {
   const WalkState& w = *ctx.walk;
   Node& node = *ctx.node;
-  // 1. The root of a river subtree: its scratch, and the batch in training.
+  // The root of a river subtree: its scratch, and the batch in training.
   if (node.street == 3 && ctx.turn_cell >= 0 && ctx.river_cell >= 0 &&
       (!node.parent || node.parent->street != 3)) {
     prepare_river_subtree(ctx);
@@ -446,7 +446,7 @@ void visit_node(TraversalContext& ctx) {
       goto last;
     }
   }
-  // 2 to 4.
+  // A chance node, a decision or a terminal.
   if (node.street > 1 && ctx.turn_cell < 0)
     visit_chance(ctx, true);
   else if (node.street == 3 && ctx.river_cell < 0)
@@ -456,7 +456,7 @@ void visit_node(TraversalContext& ctx) {
   else
     visit_terminal(ctx);
 last:
-  // 5.
+  // A probe sees every context outside the queueing pass.
   if (w.mode == MODE_PROBE && w.pass != PASS_QUEUE) w.probe.visit(w.probe.target, ctx);
 }
 
@@ -540,7 +540,7 @@ static ChanceVisit chance_visit(TraversalContext& ctx, bool turn) {
           rec};
 }
 
-// 1. A forgotten street below: evaluation and probes take its stored values instead.
+// A forgotten street below: evaluation and probes take its stored values instead.
 static bool visit_forgotten_street(ChanceVisit& c) {
   if (!(c.eval || c.w.mode == MODE_PROBE) || c.node.kind != NODE_DECISION || !(c.t.flags & INCOMPLETE_TREE))
     return false;
@@ -557,7 +557,7 @@ static bool visit_forgotten_street(ChanceVisit& c) {
   return true;
 }
 
-// 3. The other player's reach, kept for later solving of the street below.
+// The other player's reach, kept for later solving of the street below.
 static void keep_street_reach(ChanceVisit& c) {
   const TraversalContext& ctx = c.ctx;
   if (c.w.mode != MODE_TRAIN || !c.rec || c.rec->frozen || !ctx.reach.data) return;
@@ -570,14 +570,14 @@ static void keep_street_reach(ChanceVisit& c) {
   for (int32_t i = 0; i < c.parent_count; i++) y[i] += weight * x[i];
 }
 
-// 4. Pass 0: one subgame per card, run by the team in pass 1.
+// Pass 0: one subgame per card, run by the team in pass 1.
 static void queue_chance(ChanceVisit& c) {
   queue_subgames(c.ctx);
   make_empty(c.ctx.value, c.parent_count);
   if (c.eval) make_empty(c.ctx.br_value, c.parent_count);
 }
 
-// 6. Pass 2: the sums the node's subgames merged.
+// Pass 2: the sums the node's subgames merged.
 static void collect_chance(ChanceVisit& c) {
   Subgame* first = Subgames.queue[size_t(Subgames.cursor)];
   SubgameShared* sh = first->shared;
@@ -588,7 +588,7 @@ static void collect_chance(ChanceVisit& c) {
   Subgames.cursor += int32_t(c.kids.size());
 }
 
-// 5. Pass 1, inside a subgame: every card in turn on this thread.
+// Pass 1, inside a subgame: every card in turn on this thread.
 static void walk_chance_inline(ChanceVisit& c) {
   TraversalContext& ctx = c.ctx;
   const int32_t tc = ctx.turn_cell;
@@ -627,7 +627,7 @@ static void walk_chance_inline(ChanceVisit& c) {
   if (!c.turn) close_river_stores(c.t, c.w, tc, tb);
 }
 
-// 7, 8. Every dealt card stands for one of D unseen cards; evaluation keeps
+// Every dealt card stands for one of D unseen cards; evaluation keeps
 // the values for evaluating above a forgotten street.
 static void finish_chance(ChanceVisit& c) {
   TraversalContext& ctx = c.ctx;
@@ -711,7 +711,7 @@ bool river_sums_due(const Tree& t) {
 
 TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
   TraverseResult result{0.0, 0.0};
-  // 1, 2: a query's walk may hold the lock.
+  // One walk at a time; a query's walk may hold the lock already.
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   WalkState w = walk_state(tree, player, mode, PASS_QUEUE, probe);
   assert(mode != MODE_PROBE || probe.visit);
@@ -721,23 +721,23 @@ TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
   prepare_tree_facts(tree);
   RowPool* before = enter_pool(tree);
 
-  // 3, 4. Pass 0 only queues; a tree without chance nodes has nothing to queue.
+  // Pass 0 only queues; a tree without chance nodes has nothing to queue.
   if (Facts.has_chance) {
     w.pass = PASS_QUEUE;
     TraversalContext ctx;
     root_context(tree, w, ctx);
     visit_node(ctx);
   }
-  // 5.
+  // Pass 1: the queued subgames on the team.
   run_queued_subgames(tree, w);
-  // 6.
+  // Pass 2: the part above the chance nodes again, with their results.
   w.pass = PASS_COLLECT;
   Subgames.cursor = 0;
   TraversalContext ctx;
   root_context(tree, w, ctx);
   visit_node(ctx);
 
-  // 7.
+  // The root's values, weighted by the player's normalised range.
   const std::vector<float>& norm = tree.norm_weights[player];
   const int32_t n = std::min(int32_t(norm.size()), ctx.value.count);
   float value_total = 0.0f, br_total = 0.0f;
@@ -748,7 +748,7 @@ TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
   result.mes = br_total;
   result.ev = value_total;
 
-  // 8.
+  // Everything the walk held goes back.
   release_context(ctx);
   free_subgame_queue();
   set_current_row_pool(before);
@@ -756,10 +756,10 @@ TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
 }
 
 void run_iteration(Tree& tree) {
-  // 1.
+  // Player 1, then player 0.
   traverse(tree, 1, MODE_TRAIN);
   traverse(tree, 0, MODE_TRAIN);
-  // 2. Queries may walk between iterations, so the count moves under the lock.
+  // Queries may walk between iterations, so the count moves under the lock.
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   tree.iteration += 1;
   tree.flags &= ~uint32_t(NEW_TREE);

@@ -17,7 +17,7 @@ void queue_subgames(TraversalContext& ctx) {
   const int32_t parent_count =
       turn ? int32_t(bt.holes.size()) : int32_t(bt.children[size_t(ctx.turn_cell)].holes.size());
 
-  // 1. The node's shared vectors.
+  // The node's shared vectors.
   if (Subgames.shared_used == Subgames.shared.size()) Subgames.shared.push_back(std::make_unique<SubgameShared>());
   SubgameShared& sh = *Subgames.shared[Subgames.shared_used++];
   copy_vector(sh.reach, ctx.reach);
@@ -33,7 +33,7 @@ void queue_subgames(TraversalContext& ctx) {
   else
     make_empty(sh.br_sum, 0);
 
-  // 2. One record per card.
+  // One record per card.
   for (size_t k = 0; k < kids.size(); k++) {
     if (Subgames.records_used == Subgames.records.size()) Subgames.records.push_back(std::make_unique<Subgame>());
     Subgame* sg = Subgames.records[Subgames.records_used++].get();
@@ -86,7 +86,7 @@ static void map_up(HandVector& sum, const HandVector& v, const BoardRecord& r) {
 }
 
 static void run_subgame(Subgame& sg) {
-  // 1.
+  // The card's context, on this thread's pool.
   const auto start = std::chrono::steady_clock::now();
   TraversalContext& ctx = sg.context;
   Tree& t = *ctx.tree;
@@ -95,7 +95,7 @@ static void run_subgame(Subgame& sg) {
   SubgameShared& sh = *sg.shared;
   const BoardRecord& r = *cell_board(t, ctx.turn_cell, ctx.river_cell).record;
 
-  // 2. Reach down, then the turn card's lock.
+  // Reach down, then the turn card's lock.
   map_down(ctx.reach, sh.reach, r);
   if (sh.has_own)
     map_down(ctx.own_reach, sh.own_reach, r);
@@ -103,37 +103,37 @@ static void run_subgame(Subgame& sg) {
     make_empty(ctx.own_reach, 0);
   std::mutex* turn_lock = ctx.river_cell < 0 && node.turn_locks ? &node.turn_locks[ctx.turn_cell] : nullptr;
   if (turn_lock) turn_lock->lock();
-  // 3.
+  // The walk below the card.
   visit_node(ctx);
-  // 4, 5.
+  // The lock let go, the values merged up into the node's sums.
   if (turn_lock) turn_lock->unlock();
   {
     std::lock_guard<std::mutex> merge(Subgames.merge_lock);
     map_up(sh.value_sum, ctx.value, r);
     if (sh.has_br) map_up(sh.br_sum, ctx.br_value, r);
   }
-  // 6.
+  // The card's vectors go back.
   ctx.reach.release();
   ctx.own_reach.release();
   ctx.value.release();
   ctx.br_value.release();
   Subgames.done_count.fetch_add(1);
-  // 7. Every card of the node writes its time; the last one stays.
+  // Every card of the node writes its time; the last one stays.
   if (ctx.walk->mode == MODE_TRAIN) {
     auto us = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
     std::atomic_ref<int32_t>(node.cell_mark[ctx.walk->traverser & 1])
         .store(int32_t(std::min<int64_t>(us.count(), INT32_MAX)), std::memory_order_relaxed);
   }
-  // 8.
+  // The caller's pool back in force.
   set_current_row_pool(before);
 }
 
 void TraverseSubgames() {
-  // 1, 2.
+  // Nothing queued, nothing to run.
   if (Subgames.queue.empty()) return;
   std::vector<Subgame*>& order = Subgames.run_order;
   order.assign(Subgames.queue.begin(), Subgames.queue.end());
-  // 3. The longest jobs of the last run first.
+  // The longest jobs of the last run first.
   const WalkState& w = *order[0]->context.walk;
   if (w.mode == MODE_TRAIN) {
     const int p = w.traverser & 1;
@@ -141,7 +141,7 @@ void TraverseSubgames() {
       return a->context.node->cell_mark[p] > b->context.node->cell_mark[p];
     });
   }
-  // 4, 5.
+  // Every card on the team, one at a time each.
   Subgames.done_count = 0;
   const int32_t n = int32_t(order.size());
   Subgame* const* run = order.data();

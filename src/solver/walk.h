@@ -261,7 +261,7 @@ inline bool fused_pair(const Tree& t, const Node& node) {
 }
 // EV boost of the child `a` on its value vector (training only).
 void apply_ev_boost(const Node& parent, const Node& child, HandVector& v);
-// Steps 5 to 7 of an own node: combine the children with the strategy, the
+// The end of an own node: combine the children with the strategy, the
 // best response in evaluation, the regret update in training.
 void finish_own_node(Tree& t, const WalkState& walk, Node& node, int32_t turn_cell, int32_t river_cell, int32_t count,
                      const HandVector& reach, HandVector* strategy, HandVector* child_values,
