@@ -126,7 +126,10 @@ struct AnalysisState {
   std::vector<EvProbeResult> ev_probes;
 };
 extern AnalysisState Analysis;
-// Every record back to its start (for tests).
+// set_recalc_accuracy: the exploitability in chips, for the flop, turn and
+// river, at which a partial solve stops.
+extern double RecalcAccuracy[3];
+// Every record and setting back to its start (for tests).
 void reset_analysis_state();
 void cmd_calc_ev(const Tokens& t);
 void cmd_calc_ev_pp(const Tokens& t);

@@ -7,8 +7,18 @@
 
 #include "core/core.h"
 #include "platform/platform.h"
+#include "solver/kernels/kernels.h"
 #include "solver/solver.h"
 #include "storage/memory/counters.h"
+
+int32_t ThreadCount = omp_get_max_threads();
+double AccuracyTarget = 0;
+
+void reset_solver_settings() {
+  ThreadCount = omp_get_max_threads();
+  AccuracyTarget = 0;
+  SimdLevel = 8;
+}
 
 void reset_report_log() {
   std::lock_guard<std::mutex> lock(Run.report_lock);

@@ -23,6 +23,13 @@ struct SolverReport {
 
 constexpr int32_t ReportPeriod = 25;  // iterations between evaluation chances
 
+// The settings of a run: the team's size (set_threads) and the exploitability
+// in chips at which it stops (set_accuracy, worked out by the shell).
+extern int32_t ThreadCount;
+extern double AccuracyTarget;
+// Both, with SimdLevel, back to their start values (for tests).
+void reset_solver_settings();
+
 // The solving thread's run: its limit, its reports, the figures of the side
 // lines, and the count of threads not yet past their last line.
 struct RunState {

@@ -13,6 +13,15 @@
 #include "storage/memory/fatal.h"
 
 int32_t RegretIteration = 0;
+double Precision = 0;
+bool AdaptivePrecision = true;
+bool RiverStrategyEnabled = true;
+
+void reset_store_settings() {
+  Precision = 0;
+  AdaptivePrecision = true;
+  RiverStrategyEnabled = true;
+}
 
 // ---- Shapes ---------------------------------------------------------------------
 

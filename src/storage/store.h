@@ -135,6 +135,15 @@ struct HandGroupRuns {
 // it is a multiple of 10.
 extern int32_t RegretIteration;
 
+// The settings the stores read (set_precision, enable_adaptive_precision,
+// enable_river_strategy): the fixed-point precision of 16-bit regrets, whether
+// it adapts per cell, and whether river strategy sums are kept.
+extern double Precision;
+extern bool AdaptivePrecision;
+extern bool RiverStrategyEnabled;
+// The three back to their start values (for tests).
+void reset_store_settings();
+
 // ---- Stores -------------------------------------------------------------------
 //
 // Operations take (group, cell): for a river store the turn cell and the river

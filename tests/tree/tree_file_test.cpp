@@ -22,6 +22,8 @@ struct TreeFileInProcess : ::testing::Test {
   }
   void SetUp() override {
     reset_core_state();
+    reset_game_description();
+    reset_store_settings();
     reset_card_settings();
     reset_tree_state();
     for (int p = 0; p < 2; p++) {
