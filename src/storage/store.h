@@ -26,9 +26,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "storage/arena.h"
 #include "storage/memory/bytes.h"
 #include "storage/memory/hand_vector.h"
+
+// The arenas that hold compressed groups (arena.h); stores only point at them.
+class Arena;
 
 // ---- Shapes -------------------------------------------------------------------
 

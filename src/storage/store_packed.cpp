@@ -9,6 +9,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "storage/arena.h"
 #include "storage/memory/allocation.h"
 #include "storage/memory/fatal.h"
 #include "storage/store.h"

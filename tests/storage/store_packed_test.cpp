@@ -7,6 +7,7 @@
 #include <memory>
 #include <random>
 
+#include "storage/arena.h"
 #include "storage/memory/counters.h"
 #include "store_support.h"
 
