@@ -191,7 +191,7 @@ struct Subgame {
 
 // Queues one Subgame per child card of the chance node in `ctx`.
 void queue_subgames(TraversalContext& ctx);
-// Runs SubgameQueue on the OpenMP team (longest first in training).
+// Runs the queued subgames on the OpenMP team (longest first in training).
 void TraverseSubgames();
 // Releases every queued record and its shared vectors.
 void free_subgame_queue();
