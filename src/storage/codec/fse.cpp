@@ -357,30 +357,14 @@ unsigned fse_optimal_table_log(unsigned max_table_log, size_t src_size, unsigned
   return unsigned(table_log);
 }
 
-int64_t fse_normalize_counts(int16_t* norm, unsigned table_log, const uint32_t* count, size_t total,
-                           unsigned max_symbol_value) {
-  if (table_log == 0) table_log = FseDefaultTableLog;
-  if (table_log < FseMinTableLog) return fse_error(FSE_ERROR_GENERIC);
-  if (table_log > FseMaxTableLog) return fse_error(FSE_ERROR_TABLE_LOG_TOO_LARGE);
-  if (max_symbol_value > FseMaxSymbolValue) return fse_error(FSE_ERROR_SYMBOL_LIMIT_TOO_LARGE);
-  const uint64_t size = 1ull << table_log;
-  // The present symbols, in order: most alphabets here are sparse.
-  uint8_t present_symbols[FseMaxSymbolValue + 1];
-  unsigned present = 0;
-  uint64_t sum = 0;
-  for (unsigned s = 0; s <= max_symbol_value; s++) {
-    present_symbols[present] = uint8_t(s);
-    present += count[s] != 0;
-    sum += count[s];
-  }
-  if (sum != total || total == 0) return fse_error(FSE_ERROR_GENERIC);
-  // One symbol can't be coded: its states would read no bits.
-  if (present > size || present < 2) return fse_error(FSE_ERROR_GENERIC);
+namespace {
 
-  // Symbols below one point get the mark -1 (one cell); the others share the
-  // rest in proportion, rounded to nearest, at least one.
-  memset(norm, 0, sizeof(int16_t) * (max_symbol_value + 1));
-  int64_t left = int64_t(size);
+// Symbols below one point get the mark -1 (one cell); the others share the
+// rest in proportion, rounded to nearest, at least one. Returns the points
+// given to the others; `left` gets the cells they share.
+int64_t proportional_points(int16_t* norm, const uint32_t* count, size_t total, uint64_t size,
+                            const uint8_t* present_symbols, unsigned present, int64_t& left) {
+  left = int64_t(size);
   uint64_t rest_total = total;
   for (unsigned k = 0; k < present; k++) {
     const unsigned s = present_symbols[k];
@@ -406,13 +390,16 @@ int64_t fse_normalize_counts(int16_t* norm, unsigned table_log, const uint32_t* 
     norm[s] = below ? int16_t(-1) : int16_t(p);
     given += below ? 0 : int64_t(p);
   }
-  // Settle the rounding where it costs least: a symbol of count c at p points
-  // costs c * log2(size / p) bits. `change` is the cost of the next step of
-  // each symbol in the direction needed.
-  int64_t diff = left - given;
-  if (diff == 0) return int64_t(table_log);
+  return given;
+}
+
+// Settles `diff` points of rounding where it costs least: a symbol of count c
+// at p points costs c * log2(size / p) bits. False when no symbol can move.
+bool settle_rounding(int16_t* norm, const uint32_t* count, const uint8_t* present_symbols, unsigned present,
+                     int64_t diff) {
   const int direction = diff > 0 ? 1 : -1;
   const StepCosts& costs = step_costs();
+  // The cost of the next step of a symbol in the direction needed.
   auto cost_of_step = [&](unsigned s) {
     const int p = norm[s];
     if (p <= 0 || (direction < 0 && p == 1)) return HUGE_VAL;
@@ -430,7 +417,7 @@ int64_t fse_normalize_counts(int16_t* norm, unsigned table_log, const uint32_t* 
     movable[movable_count] = uint8_t(s);
     movable_count += change[movable_count] != HUGE_VAL;
   }
-  if (movable_count == 0) return fse_error(FSE_ERROR_GENERIC);
+  if (movable_count == 0) return false;
   const unsigned padded = (movable_count + 3) & ~3u;
   for (unsigned m = movable_count; m < padded; m++) change[m] = HUGE_VAL;
   for (; diff != 0; diff -= direction) {
@@ -442,7 +429,7 @@ int64_t fse_normalize_counts(int16_t* norm, unsigned table_log, const uint32_t* 
     low0 = _mm_min_pd(low0, low1);
     low0 = _mm_min_pd(low0, _mm_unpackhi_pd(low0, low0));
     const double least = _mm_cvtsd_f64(low0);
-    if (least == HUGE_VAL) return fse_error(FSE_ERROR_GENERIC);
+    if (least == HUGE_VAL) return false;
     const __m128d want = _mm_set1_pd(least);
     unsigned m = 0;
     for (;; m += 2) {
@@ -456,6 +443,36 @@ int64_t fse_normalize_counts(int16_t* norm, unsigned table_log, const uint32_t* 
     norm[best] = int16_t(norm[best] + direction);
     change[m] = cost_of_step(best);
   }
+  return true;
+}
+
+}  // namespace
+
+int64_t fse_normalize_counts(int16_t* norm, unsigned table_log, const uint32_t* count, size_t total,
+                             unsigned max_symbol_value) {
+  if (table_log == 0) table_log = FseDefaultTableLog;
+  if (table_log < FseMinTableLog) return fse_error(FSE_ERROR_GENERIC);
+  if (table_log > FseMaxTableLog) return fse_error(FSE_ERROR_TABLE_LOG_TOO_LARGE);
+  if (max_symbol_value > FseMaxSymbolValue) return fse_error(FSE_ERROR_SYMBOL_LIMIT_TOO_LARGE);
+  const uint64_t size = 1ull << table_log;
+  // The present symbols, in order: most alphabets here are sparse.
+  uint8_t present_symbols[FseMaxSymbolValue + 1];
+  unsigned present = 0;
+  uint64_t sum = 0;
+  for (unsigned s = 0; s <= max_symbol_value; s++) {
+    present_symbols[present] = uint8_t(s);
+    present += count[s] != 0;
+    sum += count[s];
+  }
+  if (sum != total || total == 0) return fse_error(FSE_ERROR_GENERIC);
+  // One symbol can't be coded: its states would read no bits.
+  if (present > size || present < 2) return fse_error(FSE_ERROR_GENERIC);
+
+  memset(norm, 0, sizeof(int16_t) * (max_symbol_value + 1));
+  int64_t left = 0;
+  const int64_t given = proportional_points(norm, count, total, size, present_symbols, present, left);
+  if (left - given != 0 && !settle_rounding(norm, count, present_symbols, present, left - given))
+    return fse_error(FSE_ERROR_GENERIC);
   return int64_t(table_log);
 }
 
