@@ -5,7 +5,7 @@
 //   bench_codecs [BLOCKS [rounds]]
 //
 // With BLOCKS, a file of recorded FSE blocks (each a 32-bit size, then the
-// bytes), it times FSE_compress and FSE_decompress of those blocks instead and
+// bytes), it times fse_compress and fse_decompress of those blocks instead and
 // prints a digest of every result, so that two builds can be checked for the
 // same bytes.
 #include <algorithm>
@@ -18,7 +18,8 @@
 #include <vector>
 
 #include "platform/platform.h"
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
+#include "storage/codec/fse.h"
 
 namespace {
 
@@ -203,20 +204,20 @@ void bench_fse_codec(const Rows& r, const char* label) {
       masks.push_back(m);
     }
   if (masks.size() > 65536) masks.resize(65536);
-  std::vector<uint8_t> coded(FSE_compressBound(masks.size())), back(masks.size());
+  std::vector<uint8_t> coded(fse_compress_bound(masks.size())), back(masks.size());
   // Both builds of the decoding loop where the processor has BMI2.
-  const bool bmi2 = CodecUseAvx2;
+  const bool bmi2 = codec_isa() >= CODEC_AVX2;
   for (bool use : {false, true}) {
     if (use && !bmi2) continue;
-    CodecUseAvx2 = use;
+    CodecIsaLimit = use ? CODEC_AVX2 : CODEC_BASELINE;
     int64_t size = 0;
-    double c = seconds_per_pass([&] { size = FSE_compress(coded.data(), coded.size(), masks.data(), masks.size()); });
-    double d = seconds_per_pass([&] { FSE_decompress(back.data(), back.size(), coded.data(), size_t(size)); });
+    double c = seconds_per_pass([&] { size = fse_compress(coded.data(), coded.size(), masks.data(), masks.size()); });
+    double d = seconds_per_pass([&] { fse_decompress(back.data(), back.size(), coded.data(), size_t(size)); });
     printf("%-34s %8.1f MB/s compress, %8.1f MB/s decompress, ratio %.3f\n",
            use ? "FSE on mask bytes (BMI2)" : "FSE on mask bytes", double(masks.size()) / c / 1e6,
            double(masks.size()) / d / 1e6, double(size) / double(masks.size()));
   }
-  CodecUseAvx2 = bmi2;
+  CodecIsaLimit = CODEC_AVX512;
 }
 
 uint64_t fnv(uint64_t h, const void* p, size_t n) {
@@ -243,7 +244,7 @@ int replay_blocks(const char* path, int rounds) {
   std::vector<int64_t> result(blocks.size());
   size_t bytes = 0;
   for (size_t i = 0; i < blocks.size(); i++) {
-    coded[i].resize(FSE_compressBound(blocks[i].size()));
+    coded[i].resize(fse_compress_bound(blocks[i].size()));
     bytes += blocks[i].size();
   }
   std::vector<uint8_t> back(65536);
@@ -259,11 +260,11 @@ int replay_blocks(const char* path, int rounds) {
   for (int r = 0; r < rounds; r++) {
     const double a = now();
     for (size_t i = 0; i < blocks.size(); i++)
-      result[i] = FSE_compress(coded[i].data(), coded[i].size(), blocks[i].data(), blocks[i].size());
+      result[i] = fse_compress(coded[i].data(), coded[i].size(), blocks[i].data(), blocks[i].size());
     const double b = now();
     for (size_t i = 0; i < blocks.size(); i++)
       if (result[i] > 1)
-        check += uint64_t(FSE_decompress(back.data(), back.size(), coded[i].data(), size_t(result[i])));
+        check += uint64_t(fse_decompress(back.data(), back.size(), coded[i].data(), size_t(result[i])));
     const double c = now();
     compress = std::min(compress, b - a);
     decompress = std::min(decompress, c - b);
@@ -276,7 +277,7 @@ int replay_blocks(const char* path, int rounds) {
       digest = fnv(digest, coded[i].data(), size_t(result[i]));
       coded_blocks++;
       coded_bytes += blocks[i].size();
-      FSE_decompress(back.data(), back.size(), coded[i].data(), size_t(result[i]));
+      fse_decompress(back.data(), back.size(), coded[i].data(), size_t(result[i]));
       if (memcmp(back.data(), blocks[i].data(), blocks[i].size()) != 0)
         printf("block %zu doesn't come back\n", i);
     }

@@ -20,6 +20,7 @@
 #include "cards/cards.h"
 #include "shell/shell.h"
 #include "solver/solver.h"
+#include "storage/arena.h"
 #include "storage/store.h"
 #include "tree/tree.h"
 

@@ -110,6 +110,27 @@ void cmd_calc_global_freq(const Tokens& t);
 // opponent hand there) and its matchups, both in real PairIndex order. False
 // when the spot names no board cell.
 bool spot_ev(Tree& tree, const Spot& spot, int32_t player, double* ev, double* matchups);
+
+// ---- State ------------------------------------------------------------------------
+// What the queries keep between calls (analysis_state.cpp): the values and
+// reaches of the last probes, valid for one iteration count and store
+// generation of one tree.
+struct EvProbeResult {
+  const Tree* tree;
+  const Node* node;
+  int32_t turn_cell, river_cell, player, iteration;
+  uint32_t generation;
+  std::vector<float> value, reach;
+};
+struct AnalysisState {
+  std::vector<EvProbeResult> ev_probes;
+};
+extern AnalysisState Analysis;
+// set_recalc_accuracy: the exploitability in chips, for the flop, turn and
+// river, at which a partial solve stops.
+extern double RecalcAccuracy[3];
+// Every record and setting back to its start (for tests).
+void reset_analysis_state();
 void cmd_calc_ev(const Tokens& t);
 void cmd_calc_ev_pp(const Tokens& t);
 void cmd_solve_partial(const Tokens& t);

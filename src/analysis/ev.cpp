@@ -8,6 +8,7 @@
 
 namespace {
 
+// The node and board a probe walk looks for, and what it found there.
 struct ProbeTarget {
   const Node* node = nullptr;
   int32_t turn_cell = -1, river_cell = -1;
@@ -15,28 +16,18 @@ struct ProbeTarget {
   bool found = false;
   std::vector<float> value, reach;
 };
-ProbeTarget Probe;
 
-void probe_visit(TraversalContext& ctx) {
-  if (ctx.node != Probe.node || ctx.turn_cell != Probe.turn_cell || ctx.river_cell != Probe.river_cell) return;
-  std::lock_guard<std::mutex> guard(Probe.lock);
+void probe_visit(void* target, TraversalContext& ctx) {
+  ProbeTarget& probe = *static_cast<ProbeTarget*>(target);
+  if (ctx.node != probe.node || ctx.turn_cell != probe.turn_cell || ctx.river_cell != probe.river_cell) return;
+  std::lock_guard<std::mutex> guard(probe.lock);
   const int32_t n = ctx.value.count;
-  Probe.value.assign(size_t(n), 0.0f);
-  Probe.reach.assign(size_t(n), 0.0f);
-  if (ctx.value.data) std::copy(ctx.value.data, ctx.value.data + n, Probe.value.begin());
-  if (ctx.reach.data && ctx.reach.count == n) std::copy(ctx.reach.data, ctx.reach.data + n, Probe.reach.begin());
-  Probe.found = true;
+  probe.value.assign(size_t(n), 0.0f);
+  probe.reach.assign(size_t(n), 0.0f);
+  if (ctx.value.data) std::copy(ctx.value.data, ctx.value.data + n, probe.value.begin());
+  if (ctx.reach.data && ctx.reach.count == n) std::copy(ctx.reach.data, ctx.reach.data + n, probe.reach.begin());
+  probe.found = true;
 }
-
-// Results of the last probes, valid for one iteration count of one tree.
-struct EvCacheEntry {
-  const Tree* tree;
-  const Node* node;
-  int32_t turn_cell, river_cell, player, iteration;
-  uint32_t generation;
-  std::vector<float> value, reach;
-};
-std::vector<EvCacheEntry> EvCache;
 
 }  // namespace
 
@@ -51,33 +42,34 @@ bool spot_ev(Tree& t, const Spot& s, int32_t player, double* ev, double* matchup
   {
     std::lock_guard<std::recursive_mutex> guard(traversal_lock());
     if (!materialise_tree_stores(t)) return true;
-    for (auto it = EvCache.begin(); it != EvCache.end();) {
-      if (it->tree != &t || it->iteration != t.iteration || it->generation != StoreGeneration)
-        it = EvCache.erase(it);
+    std::vector<EvProbeResult>& cache = Analysis.ev_probes;
+    for (auto it = cache.begin(); it != cache.end();) {
+      if (it->tree != &t || it->iteration != t.iteration || it->generation != Evaluation.store_generation)
+        it = cache.erase(it);
       else ++it;
     }
-    for (const EvCacheEntry& e : EvCache)
+    for (const EvProbeResult& e : cache)
       if (e.node == &node && e.turn_cell == tc && e.river_cell == rc && e.player == player) {
         value = e.value;
         reach = e.reach;
       }
     if (value.empty()) {
-      Probe.node = &node;
-      Probe.turn_cell = tc;
-      Probe.river_cell = rc;
-      Probe.found = false;
+      ProbeTarget target;
+      target.node = &node;
+      target.turn_cell = tc;
+      target.river_cell = rc;
+      const WalkProbe probe{probe_visit, &target};
       // Below a forgotten street only the target's own subgame is there.
       if (node_forgotten(t, node)) {
         open_forgotten(t, node, cell);
-        probe_forgotten(t, node, tc, rc, player, probe_visit);
+        probe_forgotten(t, node, tc, rc, player, probe);
       } else {
-        traverse(t, player, MODE_PROBE, probe_visit);
+        traverse(t, player, MODE_PROBE, probe);
       }
-      Probe.node = nullptr;
-      if (!Probe.found) return true;
-      value = std::move(Probe.value);
-      reach = std::move(Probe.reach);
-      EvCache.push_back({&t, &node, tc, rc, player, t.iteration, StoreGeneration, value, reach});
+      if (!target.found) return true;
+      value = std::move(target.value);
+      reach = std::move(target.reach);
+      cache.push_back({&t, &node, tc, rc, player, t.iteration, Evaluation.store_generation, value, reach});
     }
   }
   // Matchups: the opponent's reach over the hands sharing no card, by card sums.

@@ -263,7 +263,7 @@ bool write_strategy_row(Tree& t, const Spot& s, int32_t child, const double* val
   const bool averaging = averages_in_use(t, WalkAverageFrom);
   if (averaging && node.strategyStore) node.strategyStore->write_row(c.turn_cell, c.river_cell, child, nullptr);
   open.keep = true;
-  StoreGeneration++;
+  Evaluation.store_generation++;
   return true;
 }
 

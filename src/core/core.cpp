@@ -1,9 +1,7 @@
 // Output, failures, number conversion and the process-wide settings.
-#include <cfloat>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <omp.h>
 #include <stdexcept>
 
 #include "core/core.h"
@@ -131,70 +129,14 @@ int32_t parse_int(const std::string& s) { return std::stoi(s); }
 int64_t parse_int64(const std::string& s) { return std::stoll(s); }
 double parse_double(const std::string& s) { return std::stod(s); }
 
-// ---- Game description and solver settings ----------------------------------
+// ---- Switches of every layer ----------------------------------------------
 
-Range Ranges[2];
-double RangeMin[2] = {DBL_MAX, DBL_MAX}, RangeMax[2] = {-DBL_MAX, -DBL_MAX};
-CardMask BoardFlop = 0, BoardTurn = 0, BoardRiver = 0;
-double PotOop = 0, PotIp = 0, StartPot = 100;
-bool IsomorphismFlop = true, IsomorphismTurn = false;
-double RakeFraction = 0, RakeCap = 0;
-int32_t EffectiveStack = 0;
-bool TreePresent = false;
-std::vector<std::string> TreeInfoLines;
-const char* const PlayerNames[2] = {"OOP", "IP"};
-
-int32_t ThreadCount = omp_get_max_threads();
-double AccuracyValue = 0;
-bool AccuracyIsFraction = false;
-double AccuracyTarget = 0;
-double RecalcAccuracy[3] = {0, 0, 0};
-int32_t SimdLevel = 8;
-double Precision = 0;
-bool AdaptivePrecision = true;
 bool UseAvx512 = false;
-bool RiverStrategyEnabled = true;
-int32_t Scheduler = 1;
 std::atomic<bool> SolverRunning{false};
 std::atomic<bool> SolverStopRequested{false};
 
-int player_from_token(const std::string& token) {
-  if (token == "OOP" || token == "hero") return 0;
-  if (token == "IP" || token == "villain") return 1;
-  return -1;
-}
-
-CardMask board_mask() { return BoardFlop | BoardTurn | BoardRiver; }
-
-void recompute_accuracy_target() {
-  AccuracyTarget = AccuracyIsFraction ? AccuracyValue * StartPot : AccuracyValue;
-}
-
 void reset_core_state() {
-  for (int p = 0; p < 2; p++) {
-    Ranges[p].clear();
-    RangeMin[p] = DBL_MAX;
-    RangeMax[p] = -DBL_MAX;
-  }
-  BoardFlop = BoardTurn = BoardRiver = 0;
-  PotOop = PotIp = 0;
-  StartPot = 100;
-  IsomorphismFlop = true;
-  IsomorphismTurn = false;
-  RakeFraction = RakeCap = 0;
-  EffectiveStack = 0;
-  ThreadCount = omp_get_max_threads();
-  AccuracyValue = 0;
-  AccuracyIsFraction = false;
-  AccuracyTarget = 0;
-  RecalcAccuracy[0] = RecalcAccuracy[1] = RecalcAccuracy[2] = 0;
-  SimdLevel = 8;
-  Precision = 0;
-  AdaptivePrecision = true;
   UseAvx512 = false;
-  RiverStrategyEnabled = true;
-  Scheduler = 1;
-  TreeInfoLines.clear();
   Verbosity = 0;
   SuppressOk = ShowComments = RawInfoOutput = MarkOutput = false;
   CurrentCommand.clear();

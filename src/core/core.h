@@ -1,7 +1,9 @@
 // The base every module stands on: the answer protocol's output and failure
-// helpers, number conversion, and the process-wide settings that commands
-// write and lower layers read (the game description, solver switches). The
-// shell parses commands into these; nothing here knows the shell exists.
+// helpers, number conversion, the types of the game description, and the few
+// switches that modules of every layer read. The settings of one module live
+// in that module's header (the game description in tree.h, the stores'
+// precision in store.h, the solver's threads and accuracy in solver.h, ...).
+// Nothing here knows the shell exists.
 #pragma once
 #include <atomic>
 #include <cstdint>
@@ -53,37 +55,14 @@ int32_t parse_int(const std::string& s);
 int64_t parse_int64(const std::string& s);
 double parse_double(const std::string& s);
 
-// ---- Game description ---------------------------------------------------------
-extern Range Ranges[2];
-extern double RangeMin[2], RangeMax[2];
-extern CardMask BoardFlop, BoardTurn, BoardRiver;
-extern double PotOop, PotIp, StartPot;
-extern bool IsomorphismFlop, IsomorphismTurn;
-extern double RakeFraction, RakeCap;
-extern int32_t EffectiveStack;
-extern bool TreePresent;  // a built or loaded tree exists
-extern std::vector<std::string> TreeInfoLines;
-extern const char* const PlayerNames[2];
-
-// Player token: "OOP"/"hero" = 0, "IP"/"villain" = 1, otherwise -1.
-int player_from_token(const std::string& token);
-CardMask board_mask();
-
-// ---- Solver settings ------------------------------------------------------------
-extern int32_t ThreadCount;
-extern double AccuracyValue;
-extern bool AccuracyIsFraction;
-extern double AccuracyTarget;
-extern double RecalcAccuracy[3];
-extern int32_t SimdLevel;
-extern double Precision;
-extern bool AdaptivePrecision;
+// ---- Switches of every layer ------------------------------------------------------
+// enable_avx512: the kernels, the store kernels and the codecs take their
+// AVX-512 forms where the processor has them.
 extern bool UseAvx512;
-extern bool RiverStrategyEnabled;
-extern int32_t Scheduler;
-extern std::atomic<bool> SolverRunning;  // set by the solving thread while it runs
+// Set by the solving thread while it runs; the commands of every module refuse
+// what would change a tree under it.
+extern std::atomic<bool> SolverRunning;
 extern std::atomic<bool> SolverStopRequested;
 
-void recompute_accuracy_target();
 // Every variable of this header back to its start value (for tests).
 void reset_core_state();

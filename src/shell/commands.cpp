@@ -5,7 +5,7 @@
 #include "platform/platform.h"
 #include "shell/shell.h"
 #include "solver/solver.h"
-#include "storage/arena.h"
+#include "storage/memory/memory_report.h"
 #include "tree/tree.h"
 
 const CommandEntry CommandTable[CommandCount] = {
@@ -114,12 +114,12 @@ const CommandEntry* find_command(const std::string& name) {
 void process_line(const Tokens& tokens) {
   if (tokens.empty()) return;
 
-  // 1. A listed poker client blocks every line, exit included.
+  // A listed poker client blocks every line, exit included.
   if (BannedProcessRunning) {
     shell_print("ERROR: banned process running: %s\n", banned_process_name().c_str());
     return;
   }
-  // 2. Echo, before anything else can swallow the line.
+  // Echo, before anything else can swallow the line.
   if (EchoCommands) {
     std::lock_guard<std::mutex> lock(OutputLock);
     if (ColorText) set_console_attribute(2);
@@ -128,18 +128,18 @@ void process_line(const Tokens& tokens) {
     if (ColorText) set_console_attribute(7);
     fputc('\n', stdout);
   }
-  // 3. Labels end a skip; they answer nothing.
+  // Labels end a skip; they answer nothing.
   if (tokens.size() >= 2 && tokens[0] == "LABEL:") {
     if (tokens[1] == SkipLabel) SkipLabel.clear();
     return;
   }
-  // 4. A skip swallows everything, exit and comments included.
+  // A skip swallows everything, exit and comments included.
   if (!SkipLabel.empty()) return;
-  // 5. Comments.
+  // Comments.
   if (tokens[0][0] == '#') return;
-  // 6. exit has no answer.
+  // exit has no answer.
   if (tokens[0] == "exit") normal_exit();
-  // 7. The table.
+  // The table.
   const CommandEntry* entry = find_command(tokens[0]);
   if (!entry) {
     shell_print("ERROR: Command %s not recognized\n", tokens[0].c_str());
@@ -147,9 +147,9 @@ void process_line(const Tokens& tokens) {
     return;
   }
   try {
-    // 8. The table's token count.
+    // The table's token count.
     if (entry->arg_count > 0 && size_t(entry->arg_count) != tokens.size()) fail_argument(tokens[0]);
-    // 9. The handler.
+    // The handler.
     CurrentCommand = tokens[0];
     entry->handler(tokens);
   } catch (const std::invalid_argument&) {

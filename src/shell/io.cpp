@@ -5,8 +5,11 @@
 #include <cstring>
 #include <thread>
 
+#include "analysis/analysis.h"
 #include "platform/platform.h"
 #include "shell/shell.h"
+#include "solver/solver.h"
+#include "tree/tree.h"
 
 bool EchoCommands = false;
 bool ColorText = false;
@@ -75,5 +78,13 @@ void stop_watcher() { WatcherStop = true; }
 void reset_game_state() {
   reset_core_state();
   reset_card_settings();
+  reset_game_description();
+  reset_store_settings();
+  reset_solver_settings();
+  reset_analysis_state();
+  RakeFraction = RakeCap = 0;
+  Scheduler = 1;
+  AccuracyValue = 0;
+  AccuracyIsFraction = false;
   SkipLabel.clear();
 }

@@ -2,7 +2,20 @@
 #include <cfloat>
 #include <omp.h>
 
+#include "analysis/analysis.h"
 #include "shell/shell.h"
+#include "solver/kernels/kernels.h"
+#include "solver/solver.h"
+#include "tree/tree.h"
+
+double RakeFraction = 0, RakeCap = 0;
+int32_t Scheduler = 1;
+double AccuracyValue = 0;
+bool AccuracyIsFraction = false;
+
+void recompute_accuracy_target() {
+  AccuracyTarget = AccuracyIsFraction ? AccuracyValue * StartPot : AccuracyValue;
+}
 
 void cmd_answer_only(const Tokens& t) { print_ok(t); }
 

@@ -32,6 +32,16 @@ extern std::string SkipLabel;
 extern std::atomic<bool> BannedProcessRunning;
 extern int64_t ProcessStartTicks;  // 100 ns ticks, solver_time counts from here
 
+// ---- Settings only the shell keeps (setup.cpp) ----------------------------
+// set_rake and set_scheduler are taken and kept; the accuracy as given, of
+// which the solver reads only the target in chips.
+extern double RakeFraction, RakeCap;
+extern int32_t Scheduler;
+extern double AccuracyValue;
+extern bool AccuracyIsFraction;
+// AccuracyTarget from the accuracy as given and the starting pot.
+void recompute_accuracy_target();
+
 // ---- Tokens and the loop --------------------------------------------------
 void process_line(const Tokens& tokens);
 const CommandEntry* find_command(const std::string& name);
@@ -45,7 +55,8 @@ void stop_watcher();
 bool banned_process_check(const std::vector<std::string>& names, std::string& found);
 std::string banned_process_name();
 
-// Every setting of the core, the cards and the shell back to its start value (for tests).
+// Every setting of the core, the cards, the game description, the stores,
+// the solver, the queries and the shell back to its start value (for tests).
 void reset_game_state();
 
 // ---- Handlers of the shell's own commands ---------------------------------

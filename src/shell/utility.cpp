@@ -5,6 +5,7 @@
 
 #include "platform/platform.h"
 #include "shell/shell.h"
+#include "tree/tree.h"
 
 void run_script_file(const std::string& path) {
   FILE* f = fopen(path.c_str(), "rb");

@@ -3,43 +3,35 @@
 #include <omp.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <thread>
 
+#include "core/core.h"
 #include "platform/platform.h"
+#include "solver/kernels/kernels.h"
 #include "solver/solver.h"
+#include "storage/memory/counters.h"
 
-int32_t SolverLimit = 0;
-bool LimitIsSteps = false;
-std::vector<SolverReport> ReportLog;
-std::mutex ReportLock;
-int32_t LastReportedCount = 0;
-double CpuSeconds = 0;
-double IterationSeconds = 0;
-int64_t IterationHands = 0;
+int32_t ThreadCount = omp_get_max_threads();
+double AccuracyTarget = 0;
 
-static std::atomic<bool> WaitRequested{false};
-static std::mutex EndMutex;
-static std::condition_variable EndSignal;
-// Solving threads not yet past their last line: a waiter wakes only when
-// "SOLVER: stopped" is out, while `go` may start anew as soon as
-// SolverRunning falls (so for a moment two threads may count here).
-static int ThreadsBusy = 0;
-
-static int InitArgument = 0;
-static volatile long InitSum = 0;
-
-void reset_report_log() {
-  std::lock_guard<std::mutex> lock(ReportLock);
-  ReportLog.clear();
+void reset_solver_settings() {
+  ThreadCount = omp_get_max_threads();
+  AccuracyTarget = 0;
+  SimdLevel = 8;
 }
 
-void libsubgame_init(int n) {
-  InitArgument = n;
+void reset_report_log() {
+  std::lock_guard<std::mutex> lock(Run.report_lock);
+  Run.reports.clear();
+}
+
+void libsubgame_init(int) {
   long sum = 0;
 #pragma omp parallel for schedule(dynamic, 1) reduction(+ : sum)
   for (int i = 0; i < 1000; i++) sum += i;
-  InitSum = sum;
+  // Kept, so that the loop that starts the team is not optimised away.
+  volatile long kept = sum;
+  (void)kept;
 }
 
 bool solver_running() { return SolverRunning; }
@@ -51,16 +43,14 @@ void request_stop() {
 }
 
 void wait_for_end() {
-  WaitRequested = true;
-  std::unique_lock<std::mutex> lock(EndMutex);
+  std::unique_lock<std::mutex> lock(Run.end_lock);
   // The predicate, not a bare signal: a run that ends as the wait begins is not missed.
-  EndSignal.wait(lock, [] { return ThreadsBusy == 0; });
-  WaitRequested = false;
+  Run.end_signal.wait(lock, [] { return Run.threads_busy == 0; });
 }
 
 std::vector<SolverReport> copy_reports() {
-  std::lock_guard<std::mutex> lock(ReportLock);
-  return ReportLog;
+  std::lock_guard<std::mutex> lock(Run.report_lock);
+  return Run.reports;
 }
 
 static int64_t now_ns() {
@@ -75,8 +65,8 @@ static void print_storage_line(double seconds) {
 
 void print_report() {
   std::vector<SolverReport> list = copy_reports();
-  if (int32_t(list.size()) <= LastReportedCount) return;
-  LastReportedCount = int32_t(list.size());
+  if (int32_t(list.size()) <= Run.last_reported) return;
+  Run.last_reported = int32_t(list.size());
   const SolverReport& r = list.back();
   double half = StartPot / 2;
   const char* format =
@@ -90,9 +80,9 @@ void print_report() {
   solver_print("%s", block);
   solver_print("#%d iterations\n", r.iteration);
   print_storage_line(r.seconds);
-  solver_print("#terminal hands %lld in %.3f s\n", (long long)IterationHands, IterationSeconds);
+  solver_print("#terminal hands %lld in %.3f s\n", (long long)Run.iteration_hands, Run.iteration_seconds);
   if (Verbosity > 0)
-    solver_print("[%d iterations | cpu time %.1fs | peak working set %d MB]\n", r.iteration, CpuSeconds,
+    solver_print("[%d iterations | cpu time %.1fs | peak working set %d MB]\n", r.iteration, Run.cpu_seconds,
                  int(peak_resident_bytes() >> 20));
   fflush(stdout);
   std::this_thread::yield();
@@ -104,10 +94,10 @@ static void finish_run(const char* reason) {
   solver_print("SOLVER: stopped (%s)\n", reason);
   fflush(stdout);
   {
-    std::lock_guard<std::mutex> lock(EndMutex);
-    ThreadsBusy--;
+    std::lock_guard<std::mutex> lock(Run.end_lock);
+    Run.threads_busy--;
   }
-  EndSignal.notify_all();
+  Run.end_signal.notify_all();
 }
 
 static void solving_thread() {
@@ -116,20 +106,20 @@ static void solving_thread() {
   Tree& tree = *ActiveTree;
   const int32_t first_iteration = tree.iteration;
   const double cpu_start = process_cpu_seconds();
-  CpuSeconds = 0;
+  Run.cpu_seconds = 0;
   const int64_t t0 = now_ns();
   int64_t last_eval = t0;
   int64_t min_gap = 0;
   const char* reason = "requested";
-  IterationSeconds = 0;
-  IterationHands = 0;
+  Run.iteration_seconds = 0;
+  Run.iteration_hands = 0;
 
   while (!SolverStopRequested && tree.iteration < tree.params.max_iterations) {
     omp_set_num_threads(ThreadCount);
-    int64_t hands_before = TerminalHandCount.load(), step_start = now_ns();
+    int64_t hands_before = Run.terminal_hands.load(), step_start = now_ns();
     run_iteration(tree);
-    IterationSeconds += double(now_ns() - step_start) * 1e-9;
-    IterationHands += TerminalHandCount.load() - hands_before;
+    Run.iteration_seconds += double(now_ns() - step_start) * 1e-9;
+    Run.iteration_hands += Run.terminal_hands.load() - hands_before;
     const int32_t it = tree.iteration;
 
     bool due = it == 25 || (it > 25 && (it - 25) % ReportPeriod == 0);
@@ -149,10 +139,10 @@ static void solving_thread() {
         r.mes1 = p1.mes;
         r.exploitable = (r.mes0 + r.mes1 - r.ev0 - r.ev1) * 0.5;
         {
-          std::lock_guard<std::mutex> lock(ReportLock);
-          ReportLog.push_back(r);
+          std::lock_guard<std::mutex> lock(Run.report_lock);
+          Run.reports.push_back(r);
         }
-        CpuSeconds = process_cpu_seconds() - cpu_start;
+        Run.cpu_seconds = process_cpu_seconds() - cpu_start;
         print_report();
         if (AccuracyTarget >= r.exploitable) {
           reason = "required accuracy reached";
@@ -160,12 +150,12 @@ static void solving_thread() {
         }
       }
     }
-    if (LimitIsSteps) {
-      if (first_iteration + SolverLimit <= it) {
+    if (Run.limit_is_steps) {
+      if (first_iteration + Run.limit <= it) {
         reason = "required number of steps done";
         break;
       }
-    } else if (SolverLimit > 0 && (now_ns() - t0) / 1000000000 >= SolverLimit) {
+    } else if (Run.limit > 0 && (now_ns() - t0) / 1000000000 >= Run.limit) {
       reason = "timeout reached";
       break;
     }
@@ -175,16 +165,16 @@ static void solving_thread() {
 
 bool start_solver(int32_t limit, bool limit_is_steps, void (*before_start)()) {
   if (SolverRunning || !tree_is_complete()) return false;
-  SolverLimit = limit;
-  LimitIsSteps = limit_is_steps;
+  Run.limit = limit;
+  Run.limit_is_steps = limit_is_steps;
   reset_report_log();
   // Stores done before a failure stay allocated.
   if (!materialise_tree_stores(*ActiveTree)) return false;
   SolverStopRequested = false;
   SolverRunning = true;
   {
-    std::lock_guard<std::mutex> lock(EndMutex);
-    ThreadsBusy++;
+    std::lock_guard<std::mutex> lock(Run.end_lock);
+    Run.threads_busy++;
   }
   if (before_start) before_start();
   std::thread(solving_thread).detach();

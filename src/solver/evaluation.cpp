@@ -3,14 +3,11 @@
 // of the two best responses is what the solver reports and stops on.
 #include "solver/walk.h"
 
-static ResultsCache Cache;
-static const Tree* CacheTree = nullptr;
-
-ResultsCache& results_cache() { return Cache; }
+ResultsCache& results_cache() { return Evaluation.cache; }
 
 void forget_results_cache() {
-  Cache = ResultsCache();
-  CacheTree = nullptr;
+  Evaluation.cache = ResultsCache();
+  Evaluation.cache_tree = nullptr;
 }
 
 bool materialise_tree_stores(Tree& tree) {
@@ -29,34 +26,34 @@ void refresh_results(Tree& tree) {
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   TraverseResult p0 = traverse(tree, 0, MODE_EVALUATE);
   TraverseResult p1 = traverse(tree, 1, MODE_EVALUATE);
-  CacheTree = &tree;
-  Cache.ev[0] = p0.ev;
-  Cache.ev[1] = p1.ev;
-  Cache.mes[0] = p0.mes;
-  Cache.mes[1] = p1.mes;
-  Cache.mean_ev = (p0.ev + p1.ev) * 0.5;
-  Cache.exploitable = (p0.mes + p1.mes - p0.ev - p1.ev) * 0.5;
-  Cache.results_iteration = tree.iteration;
+  Evaluation.cache_tree = &tree;
+  Evaluation.cache.ev[0] = p0.ev;
+  Evaluation.cache.ev[1] = p1.ev;
+  Evaluation.cache.mes[0] = p0.mes;
+  Evaluation.cache.mes[1] = p1.mes;
+  Evaluation.cache.mean_ev = (p0.ev + p1.ev) * 0.5;
+  Evaluation.cache.exploitable = (p0.mes + p1.mes - p0.ev - p1.ev) * 0.5;
+  Evaluation.cache.results_iteration = tree.iteration;
 }
 
 SolverResults results_now(Tree& tree) {
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
-  // 1.
+  // The stores, and a cache of this tree.
   materialise_tree_stores(tree);
-  if (CacheTree != &tree) forget_results_cache();
-  // 2. Only a tree without its lower streets keeps its results: anything
+  if (Evaluation.cache_tree != &tree) forget_results_cache();
+  // Only a tree without its lower streets keeps its results: anything
   // else may have changed its stores (a strategy set by hand) at the same
   // iteration count.
-  if (!(tree.flags & INCOMPLETE_TREE)) Cache.results_iteration = -1;
-  // 3.
-  if (Cache.results_iteration != tree.iteration) refresh_results(tree);
-  // 4.
+  if (!(tree.flags & INCOMPLETE_TREE)) Evaluation.cache.results_iteration = -1;
+  // A fresh evaluation when the cached one is of another iteration.
+  if (Evaluation.cache.results_iteration != tree.iteration) refresh_results(tree);
+  // The results, relative to the middle of the pot.
   SolverResults r;
-  r.ev0 = Cache.ev[0];
-  r.ev1 = Cache.ev[1];
-  r.mes0 = Cache.mes[0];
-  r.mes1 = Cache.mes[1];
-  r.exploitable = Cache.exploitable;
+  r.ev0 = Evaluation.cache.ev[0];
+  r.ev1 = Evaluation.cache.ev[1];
+  r.mes0 = Evaluation.cache.mes[0];
+  r.mes1 = Evaluation.cache.mes[1];
+  r.exploitable = Evaluation.cache.exploitable;
   r.iteration = tree.iteration;
   return r;
 }

@@ -9,6 +9,8 @@
 #include <set>
 
 #include "solver/walk.h"
+#include "storage/memory/allocation.h"
+#include "storage/memory/fatal.h"
 
 namespace {
 
@@ -21,9 +23,6 @@ struct StreetEntry {
   int32_t river_cell = -1;
   std::vector<float> reach[2];
 };
-
-// Subgames solved since the last forget, as (subgame root, turn cell).
-std::set<std::pair<int32_t, int32_t>> SolvedUnits;
 
 // The reach of a parent board's list on a child board, as the chance node deals it.
 std::vector<float> map_down(const std::vector<float>& parent, const BoardRecord& r) {
@@ -142,12 +141,6 @@ int32_t subtree_end(const Tree& t, int32_t i) {
   return n.children.empty() ? i + 1 : subtree_end(t, n.children.back());
 }
 
-// A subgame's own iteration count picks its place in the river-sum schedule.
-void set_iteration(Tree& t, WalkState& w, int32_t it) {
-  t.iteration = it;
-  w.river_average_now = river_sums_due(t);
-}
-
 // Weight of the hand pairs of two reaches that share no card, on the list
 // of `board`: what normalises a subgame's values to chips per pair.
 double pair_mass(const CellBoard& b, const std::vector<float>& r0, const std::vector<float>& r1) {
@@ -226,14 +219,7 @@ Unit find_unit(Tree& t, Node& node, int32_t tc, int32_t rc) {
 // player's reach; `value` and `br` get the root's vectors.
 void walk_unit(Tree& t, const WalkState& w, const Unit& u, std::vector<float>* value, std::vector<float>* br) {
   TraversalContext ctx;
-  ctx.tree = &t;
-  ctx.walk = &w;
-  ctx.node = u.root;
-  ctx.turn_cell = u.turn_cell;
-  ctx.river_cell = u.river_cell;
-  const std::vector<float>& r = u.reach[1 - w.traverser];
-  alloc_vector(ctx.reach, int32_t(r.size()), false);
-  std::copy(r.begin(), r.end(), ctx.reach.data);
+  start_context(ctx, t, w, u.root, u.turn_cell, u.river_cell, u.reach[1 - w.traverser]);
   visit_node(ctx);
   auto take = [](const HandVector& v, std::vector<float>* out) {
     if (!out) return;
@@ -242,10 +228,7 @@ void walk_unit(Tree& t, const WalkState& w, const Unit& u, std::vector<float>* v
   };
   take(ctx.value, value);
   take(ctx.br_value, br);
-  ctx.reach.release();
-  ctx.value.release();
-  ctx.br_value.release();
-  ctx.own_reach.release();
+  release_context(ctx);
 }
 
 // Mean gain of the two best responses in the subgame, in chips per pair of
@@ -258,10 +241,7 @@ double unit_exploitability(Tree& t, const Unit& u) {
   }
   double gain = 0;
   for (int p = 0; p < 2; p++) {
-    WalkState w;
-    w.traverser = p;
-    w.mode = MODE_EVALUATE;
-    w.pass = PASS_SUBGAMES;
+    const WalkState w = walk_state(t, p, MODE_EVALUATE, PASS_SUBGAMES);
     std::vector<float> v, b;
     walk_unit(t, w, u, &v, &b);
     const std::vector<float>& own = u.reach[p];
@@ -278,14 +258,9 @@ void train_unit(Tree& t, const Unit& u, int32_t iteration) {
     traverse(t, 0, MODE_TRAIN);
     return;
   }
-  WalkState w;
-  set_iteration(t, w, iteration);
-  w.mode = MODE_TRAIN;
-  w.pass = PASS_SUBGAMES;
-  for (int p = 1; p >= 0; p--) {
-    w.traverser = p;
-    walk_unit(t, w, u, nullptr, nullptr);
-  }
+  // The subgame's own iteration count picks its place in the river-sum schedule.
+  t.iteration = iteration;
+  for (int p = 1; p >= 0; p--) walk_unit(t, walk_state(t, p, MODE_TRAIN, PASS_SUBGAMES), u, nullptr, nullptr);
 }
 
 // The tree's walk state around a subgame's own iterations; a subgame walks
@@ -317,9 +292,9 @@ bool forget_street(Tree& t, int32_t street) {
   if (t.nodes.empty() || !t.boards || t.nodes[0].street >= street) return false;
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   if (t.forgotten_street >= 0 && street >= t.forgotten_street && (t.flags & INCOMPLETE_TREE)) return true;
-  // 1. The evaluation fills the values of every street record.
+  // The evaluation fills the values of every street record.
   results_now(t);
-  // 2.
+  // The stores of the street and below go.
   for (Node& node : t.nodes) {
     if (node.street < street || node.kind != NODE_DECISION) continue;
     delete node.regretStore;
@@ -328,13 +303,13 @@ bool forget_street(Tree& t, int32_t street) {
     node.stores_ready = false;
   }
   return_free_memory();
-  // 3, 4.
+  // The entries into the street with both reaches, and the largest reach sum.
   prepare_tree_facts(t);
   std::vector<StreetEntry> list = collect_entries(t, street);
   float largest = 0.0f;
   for (const StreetEntry& e : list)
     for (int p = 0; p < 2; p++) largest = std::max(largest, float_sum(e.reach[p].data(), int32_t(e.reach[p].size())));
-  // 5.
+  // Each entry keeps its reaches, scaled to a sum of 200, if it is reached enough.
   for (StreetEntry& e : list) {
     SubgameResults* r = entry_record(e);
     if (!r) continue;
@@ -353,10 +328,10 @@ bool forget_street(Tree& t, int32_t street) {
     }
     r->frozen = true;
   }
-  // 6.
+  // The tree is incomplete until the street is rebuilt.
   t.flags = (t.flags & ~uint32_t(NEW_TREE)) | INCOMPLETE_TREE;
   t.forgotten_street = street;
-  SolvedUnits.clear();
+  Forgetting.solved_units.clear();
   return true;
 }
 
@@ -376,12 +351,12 @@ bool rebuild_streets(Tree& t) {
 bool SolveSubgames(Tree& t, int32_t street) {
   if (t.nodes.empty() || !t.boards || t.nodes[0].street >= street) return false;
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
-  // 1, 2. Entries are found with the strategies above, which are all there.
+  // Entries are found with the strategies above, which are all there.
   if (!materialise_tree_stores(t)) return false;
   if (t.flags & INCOMPLETE_TREE) return false;
   prepare_tree_facts(t);
   std::vector<StreetEntry> list = collect_entries(t, street);
-  // 3, 4. The kept reaches stand in for the walk's.
+  // The kept reaches stand in for the walk's.
   for (StreetEntry& e : list) {
     const SubgameResults* r = entry_record(e);
     if (!r) continue;
@@ -389,19 +364,16 @@ bool SolveSubgames(Tree& t, int32_t street) {
       if (r->reach[p].data && size_t(r->reach[p].count) == e.reach[p].size())
         std::copy(r->reach[p].data, r->reach[p].data + r->reach[p].count, e.reach[p].begin());
   }
-  // 5, 6.
+  // As many iterations as the tree had, each entry walked for both players.
   const int32_t n = std::max(1, t.iteration);
   {
     SavedWalk saved(t);
     const int32_t entries = int32_t(list.size());
-    WalkState w;
-    w.mode = MODE_TRAIN;
     for (int32_t it = 0; it < n; it++) {
-      set_iteration(t, w, it);
+      t.iteration = it;
       for (int p = 1; p >= 0; p--) {
-        w.traverser = p;
+        WalkState w = walk_state(t, p, MODE_TRAIN, PASS_SUBGAMES);
         if (street == 3) {
-          w.pass = PASS_SUBGAMES;
 #pragma omp parallel for schedule(guided, 1)
           for (int32_t i = 0; i < entries; i++) {
             RowPool* before = enter_pool(t);
@@ -420,21 +392,19 @@ bool SolveSubgames(Tree& t, int32_t street) {
             u.reach[1 - p] = e.reach[1 - p];
             walk_unit(t, w, u, nullptr, nullptr);
           }
-          w.pass = PASS_SUBGAMES;
-          TraverseSubgames();
-          enter_pool(t);
+          run_queued_subgames(t, w);
           free_subgame_queue();
         }
       }
       RegretIteration = it + 1;
     }
   }
-  // 7.
+  // The street is whole again.
   for (Node& node : t.nodes)
     for (int32_t k = 0; k < node.street_record_count; k++) node.street_records[k].frozen = false;
   t.forgotten_street = -1;
-  SolvedUnits.clear();
-  StoreGeneration++;
+  Forgetting.solved_units.clear();
+  Evaluation.store_generation++;
   return true;
 }
 
@@ -446,23 +416,23 @@ bool node_forgotten(const Tree& t, const Node& node) {
 
 double resolve_node(Tree& t, Node& node, int32_t tc, int32_t rc, bool force, const double accuracy[3]) {
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
-  // 1.
+  // The stores above, and the facts.
   if (!materialise_tree_stores(t)) return 0.0;
   prepare_tree_facts(t);
-  // 2, 3.
+  // The subgame that holds the node, with its arriving reaches.
   Unit u = find_unit(t, node, tc, rc);
   const int32_t root_index = node_index(t, *u.root);
   const std::pair<int32_t, int32_t> key{root_index, u.turn_cell};
-  // 4, 5. Stores below the subgame root that the forget took.
+  // Stores below the subgame root that the forget took.
   bool fresh = false;
   if (t.forgotten_street >= 0) {
     const int32_t end = subtree_end(t, root_index);
     for (int32_t i = root_index; i < end; i++) fresh |= t.nodes[size_t(i)].kind == NODE_DECISION && !t.nodes[size_t(i)].regretStore;
     if (!plan_missing_stores(t, root_index, end, 0)) storage_fatal("out of memory (not enough reserved)");
   }
-  // Subgame resolve, 1.
-  if (!force && !fresh && SolvedUnits.count(key)) return 0.0;
-  // 2 to 7: its own iterations, from 0 on fresh stores, else going on.
+  // A subgame solved since the last forget is done.
+  if (!force && !fresh && Forgetting.solved_units.count(key)) return 0.0;
+  // Its own iterations, from 0 on fresh stores, else going on.
   double e = 0;
   {
     SavedWalk saved(t);
@@ -486,14 +456,13 @@ double resolve_node(Tree& t, Node& node, int32_t tc, int32_t rc, bool force, con
       e = unit_exploitability(t, u);
     }
   }
-  // 8.
-  SolvedUnits.insert(key);
-  StoreGeneration++;
+  // Marked solved; the strategies changed at the same iteration count.
+  Forgetting.solved_units.insert(key);
+  Evaluation.store_generation++;
   return e;
 }
 
-void probe_forgotten(Tree& t, Node& target, int32_t tc, int32_t rc, int32_t player,
-                     void (*probe)(TraversalContext&)) {
+void probe_forgotten(Tree& t, Node& target, int32_t tc, int32_t rc, int32_t player, WalkProbe probe) {
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   prepare_tree_facts(t);
   Unit u = find_unit(t, target, tc, rc);
@@ -502,14 +471,8 @@ void probe_forgotten(Tree& t, Node& target, int32_t tc, int32_t rc, int32_t play
     traverse(t, player, MODE_PROBE, probe);
     return;
   }
-  WalkState w;
-  w.traverser = player;
-  w.mode = MODE_PROBE;
-  w.pass = PASS_SUBGAMES;
-  w.probe = probe;
-  walk_unit(t, w, u, nullptr, nullptr);
+  walk_unit(t, walk_state(t, player, MODE_PROBE, PASS_SUBGAMES, probe), u, nullptr, nullptr);
 }
 
-void forget_resolve_marks() { SolvedUnits.clear(); }
+void forget_resolve_marks() { Forgetting.solved_units.clear(); }
 
-uint32_t StoreGeneration = 0;

@@ -14,7 +14,6 @@
 
 #include "solver/walk.h"
 
-TreeFacts Facts;
 
 // ---- Per-tree facts -------------------------------------------------------------
 
@@ -292,7 +291,7 @@ static void visit_other_node(TraversalContext& ctx) {
   const bool eval = w.mode == MODE_EVALUATE;
   const bool pass0 = w.pass == PASS_QUEUE;
 
-  // 1. Strategy, whose rows become the child reaches (3).
+  // The strategy, whose rows become the child reaches.
   VectorFrame s(n);
   if (ctx.reach.data) {
     if (train) {
@@ -302,20 +301,20 @@ static void visit_other_node(TraversalContext& ctx) {
     } else {
       played_strategy(t, node, tc, rc, s.data(), WalkAverageFrom);
     }
-    // 2. The average.
+    // The average.
     if (train && !pass0 && node.strategyStore) {
       float weight = average_weight(t, w, node.street);
       CellLock* lock = node.regretStore->cell_lock_info(tc, rc);
       if (weight > 0.0f && !(lock && (lock->flags & CELL_LOCKED)))
         node.strategyStore->accumulate_strategy(tc, rc, s.data(), ctx.reach, weight);
     }
-    // 3. Child reaches; a reach summing below FLT_MIN is dropped.
+    // Child reaches; a reach summing below FLT_MIN is dropped.
     child_reaches(s.data(), n, ctx.reach.data, count);
   } else {
     for (int32_t a = 0; a < n; a++) make_empty(s[a], count);
   }
 
-  // 4, 5. Children in order, the values summed in child order; the fused
+  // Children in order, the values summed in child order; the fused
   // river pair stands for the last two children.
   make_empty(ctx.value, count);
   if (eval) make_empty(ctx.br_value, count);
@@ -366,7 +365,7 @@ static void visit_own_node(TraversalContext& ctx) {
   const bool pass0 = w.pass == PASS_QUEUE;
   const bool own = ctx.own_reach.count > 0;
 
-  // 1. Strategy: needed for the value, and for the own reach of the children.
+  // The strategy: needed for the value, and for the own reach of the children.
   VectorFrame frame(eval ? 3 * n : 2 * n);
   HandVector* s = frame.data();
   HandVector* c = s + n;
@@ -381,7 +380,7 @@ static void visit_own_node(TraversalContext& ctx) {
     }
   }
 
-  // 2. The fused river pair.
+  // The fused river pair.
   int32_t walked = n;
   if (train && !pass0 && fused_pair(t, node)) {
     walked = n - 2;
@@ -399,7 +398,7 @@ static void visit_own_node(TraversalContext& ctx) {
     }
   }
 
-  // 3. Children, with the reach unchanged.
+  // Children, with the reach unchanged.
   for (int32_t a = 0; a < walked; a++) {
     int32_t ci = node.children[size_t(a)];
     if (pass0 && !Facts.node[size_t(ci)].reaches_chance) continue;
@@ -431,14 +430,14 @@ static void visit_own_node(TraversalContext& ctx) {
   for (int32_t a = 0; a < n; a++)
     if (!c[a].data) c[a].count = count;
 
-  // 4 to 7.
+  // The node's value, best response and regrets from its children's values.
   finish_own_node(t, w, node, tc, rc, count, ctx.reach, s, c, cbr, ctx.value, eval ? &ctx.br_value : nullptr);
 }
 
 void visit_node(TraversalContext& ctx) {
   const WalkState& w = *ctx.walk;
   Node& node = *ctx.node;
-  // 1. The root of a river subtree: its scratch, and the batch in training.
+  // The root of a river subtree: its scratch, and the batch in training.
   if (node.street == 3 && ctx.turn_cell >= 0 && ctx.river_cell >= 0 &&
       (!node.parent || node.parent->street != 3)) {
     prepare_river_subtree(ctx);
@@ -447,7 +446,7 @@ void visit_node(TraversalContext& ctx) {
       goto last;
     }
   }
-  // 2 to 4.
+  // A chance node, a decision or a terminal.
   if (node.street > 1 && ctx.turn_cell < 0)
     visit_chance(ctx, true);
   else if (node.street == 3 && ctx.river_cell < 0)
@@ -457,8 +456,8 @@ void visit_node(TraversalContext& ctx) {
   else
     visit_terminal(ctx);
 last:
-  // 5.
-  if (w.mode == MODE_PROBE && w.pass != PASS_QUEUE) w.probe(ctx);
+  // A probe sees every context outside the queueing pass.
+  if (w.mode == MODE_PROBE && w.pass != PASS_QUEUE) w.probe.visit(w.probe.target, ctx);
 }
 
 // ---- Chance nodes -------------------------------------------------------------------------
@@ -541,7 +540,7 @@ static ChanceVisit chance_visit(TraversalContext& ctx, bool turn) {
           rec};
 }
 
-// 1. A forgotten street below: evaluation and probes take its stored values instead.
+// A forgotten street below: evaluation and probes take its stored values instead.
 static bool visit_forgotten_street(ChanceVisit& c) {
   if (!(c.eval || c.w.mode == MODE_PROBE) || c.node.kind != NODE_DECISION || !(c.t.flags & INCOMPLETE_TREE))
     return false;
@@ -558,7 +557,7 @@ static bool visit_forgotten_street(ChanceVisit& c) {
   return true;
 }
 
-// 3. The other player's reach, kept for later solving of the street below.
+// The other player's reach, kept for later solving of the street below.
 static void keep_street_reach(ChanceVisit& c) {
   const TraversalContext& ctx = c.ctx;
   if (c.w.mode != MODE_TRAIN || !c.rec || c.rec->frozen || !ctx.reach.data) return;
@@ -571,25 +570,25 @@ static void keep_street_reach(ChanceVisit& c) {
   for (int32_t i = 0; i < c.parent_count; i++) y[i] += weight * x[i];
 }
 
-// 4. Pass 0: one subgame per card, run by the team in pass 1.
+// Pass 0: one subgame per card, run by the team in pass 1.
 static void queue_chance(ChanceVisit& c) {
   queue_subgames(c.ctx);
   make_empty(c.ctx.value, c.parent_count);
   if (c.eval) make_empty(c.ctx.br_value, c.parent_count);
 }
 
-// 6. Pass 2: the sums the node's subgames merged.
+// Pass 2: the sums the node's subgames merged.
 static void collect_chance(ChanceVisit& c) {
-  Subgame* first = SubgameQueue[size_t(SubgameCursor)];
+  Subgame* first = Subgames.queue[size_t(Subgames.cursor)];
   SubgameShared* sh = first->shared;
   c.ctx.value = std::move(sh->value_sum);
   if (c.eval) c.ctx.br_value = std::move(sh->br_sum);
   sh->reach.release();
   sh->own_reach.release();
-  SubgameCursor += int32_t(c.kids.size());
+  Subgames.cursor += int32_t(c.kids.size());
 }
 
-// 5. Pass 1, inside a subgame: every card in turn on this thread.
+// Pass 1, inside a subgame: every card in turn on this thread.
 static void walk_chance_inline(ChanceVisit& c) {
   TraversalContext& ctx = c.ctx;
   const int32_t tc = ctx.turn_cell;
@@ -628,7 +627,7 @@ static void walk_chance_inline(ChanceVisit& c) {
   if (!c.turn) close_river_stores(c.t, c.w, tc, tb);
 }
 
-// 7, 8. Every dealt card stands for one of D unseen cards; evaluation keeps
+// Every dealt card stands for one of D unseen cards; evaluation keeps
 // the values for evaluating above a forgotten street.
 static void finish_chance(ChanceVisit& c) {
   TraversalContext& ctx = c.ctx;
@@ -661,16 +660,47 @@ static void visit_chance(TraversalContext& ctx, bool turn) {
 }
 
 
-static void root_context(Tree& t, const WalkState& w, TraversalContext& ctx) {
-  ctx.tree = &t;
+// ---- Steps of a walk, shared with the walks of single subgames ------------------
+
+WalkState walk_state(const Tree& tree, int32_t player, int32_t mode, WalkPass pass, WalkProbe probe) {
+  WalkState w;
+  w.traverser = player;
+  w.mode = mode;
+  w.pass = pass;
+  w.river_average_now = river_sums_due(tree);
+  w.probe = probe;
+  return w;
+}
+
+void start_context(TraversalContext& ctx, Tree& tree, const WalkState& w, Node* node, int32_t turn_cell,
+                   int32_t river_cell, const std::vector<float>& reach) {
+  ctx.tree = &tree;
   ctx.walk = &w;
-  ctx.node = &t.nodes[0];
+  ctx.node = node;
+  ctx.turn_cell = turn_cell;
+  ctx.river_cell = river_cell;
+  alloc_vector(ctx.reach, int32_t(reach.size()), false);
+  if (!reach.empty()) memcpy(ctx.reach.data, reach.data(), reach.size() * sizeof(float));
+}
+
+void release_context(TraversalContext& ctx) {
+  ctx.reach.release();
+  ctx.value.release();
+  ctx.own_reach.release();
+  ctx.br_value.release();
+}
+
+void run_queued_subgames(Tree& tree, WalkState& w) {
+  w.pass = PASS_SUBGAMES;
+  TraverseSubgames();
+  enter_pool(tree);
+}
+
+// The root on the game's own board, with the other player's starting reach.
+static void root_context(Tree& t, const WalkState& w, TraversalContext& ctx) {
   const int32_t street = t.nodes[0].street;
-  ctx.turn_cell = street >= 2 ? t.boards->turn_child : -1;
-  ctx.river_cell = street >= 3 ? t.boards->river_child : -1;
-  const std::vector<float>& weights = t.reach_weights[1 - w.traverser];
-  alloc_vector(ctx.reach, int32_t(weights.size()), false);
-  if (!weights.empty()) memcpy(ctx.reach.data, weights.data(), weights.size() * sizeof(float));
+  start_context(ctx, t, w, &t.nodes[0], street >= 2 ? t.boards->turn_child : -1,
+                street >= 3 ? t.boards->river_child : -1, t.reach_weights[1 - w.traverser]);
 }
 
 bool river_sums_due(const Tree& t) {
@@ -679,41 +709,35 @@ bool river_sums_due(const Tree& t) {
   return k >= 0 && (k < 7 || k % 7 == 0);
 }
 
-TraverseResult traverse(Tree& tree, int player, int mode, void (*probe)(TraversalContext&)) {
+TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
   TraverseResult result{0.0, 0.0};
-  // 1, 2: a query's walk may hold the lock.
+  // One walk at a time; a query's walk may hold the lock already.
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
-  WalkState w;
-  w.traverser = player;
-  w.mode = mode;
-  w.river_average_now = river_sums_due(tree);
-  w.probe = probe;
-  assert(mode != MODE_PROBE || probe);
+  WalkState w = walk_state(tree, player, mode, PASS_QUEUE, probe);
+  assert(mode != MODE_PROBE || probe.visit);
   // A tree whose stores were never planned has nothing to walk with.
   if (tree.nodes.empty() || !tree.boards) return result;
   if (tree.nodes[0].kind == NODE_DECISION && !tree.nodes[0].regretStore) return result;
   prepare_tree_facts(tree);
   RowPool* before = enter_pool(tree);
 
-  // 3, 4. Pass 0 only queues; a tree without chance nodes has nothing to queue.
+  // Pass 0 only queues; a tree without chance nodes has nothing to queue.
   if (Facts.has_chance) {
     w.pass = PASS_QUEUE;
     TraversalContext ctx;
     root_context(tree, w, ctx);
     visit_node(ctx);
   }
-  // 5.
-  w.pass = PASS_SUBGAMES;
-  TraverseSubgames();
-  enter_pool(tree);
-  // 6.
+  // Pass 1: the queued subgames on the team.
+  run_queued_subgames(tree, w);
+  // Pass 2: the part above the chance nodes again, with their results.
   w.pass = PASS_COLLECT;
-  SubgameCursor = 0;
+  Subgames.cursor = 0;
   TraversalContext ctx;
   root_context(tree, w, ctx);
   visit_node(ctx);
 
-  // 7.
+  // The root's values, weighted by the player's normalised range.
   const std::vector<float>& norm = tree.norm_weights[player];
   const int32_t n = std::min(int32_t(norm.size()), ctx.value.count);
   float value_total = 0.0f, br_total = 0.0f;
@@ -724,24 +748,21 @@ TraverseResult traverse(Tree& tree, int player, int mode, void (*probe)(Traversa
   result.mes = br_total;
   result.ev = value_total;
 
-  // 8.
-  ctx.reach.release();
-  ctx.value.release();
-  ctx.br_value.release();
+  // Everything the walk held goes back.
+  release_context(ctx);
   free_subgame_queue();
   set_current_row_pool(before);
   return result;
 }
 
 void run_iteration(Tree& tree) {
-  // 1.
+  // Player 1, then player 0.
   traverse(tree, 1, MODE_TRAIN);
   traverse(tree, 0, MODE_TRAIN);
-  // 2. Queries may walk between iterations, so the count moves under the lock.
+  // Queries may walk between iterations, so the count moves under the lock.
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   tree.iteration += 1;
   tree.flags &= ~uint32_t(NEW_TREE);
   RegretIteration = tree.iteration;
 }
 
-std::atomic<int64_t> TerminalHandCount{0};

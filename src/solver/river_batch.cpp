@@ -160,13 +160,13 @@ void run_river_batch(TraversalContext& ctx) {
   const CellBoard board = cell_board(t, ctx.turn_cell, ctx.river_cell);
   BatchWalk walk{t, *ctx.walk, b, ctx.turn_cell, ctx.river_cell, board.count, *board.record,
                  ctx.walk->pass != PASS_QUEUE};
-  // 1 to 4.
+  // Reaches down, the kernels on every terminal at once, values up.
   walk.forward(*ctx.node, &ctx.reach);
   walk.kernels();
   b.next_result = b.next_reach = b.next_strategy = 0;
   walk.backward(*ctx.node, ctx.reach, ctx.value);
   if (!ctx.value.data) ctx.value.count = board.count;
-  // 5.
+  // The batch's lists emptied for the next subtree, their memory kept.
   b.terminals.clear();
   b.slots.clear();
   b.results.clear();

@@ -1,6 +1,8 @@
 // The solving library: the solving thread and its driver, the counterfactual
 // regret iteration over the tree, parallel subgames and evaluation.
 #pragma once
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <vector>
@@ -21,16 +23,37 @@ struct SolverReport {
 
 constexpr int32_t ReportPeriod = 25;  // iterations between evaluation chances
 
-extern int32_t SolverLimit;  // seconds or steps; 0 seconds = no limit
-extern bool LimitIsSteps;
-extern std::vector<SolverReport> ReportLog;
-extern std::mutex ReportLock;
-extern int32_t LastReportedCount;
-extern double CpuSeconds;
-// Time spent in iterations and the terminal hands they evaluated, for the
-// "#terminal hands" side line that benchmarks read.
-extern double IterationSeconds;
-extern int64_t IterationHands;
+// The settings of a run: the team's size (set_threads) and the exploitability
+// in chips at which it stops (set_accuracy, worked out by the shell).
+extern int32_t ThreadCount;
+extern double AccuracyTarget;
+// Both, with SimdLevel, back to their start values (for tests).
+void reset_solver_settings();
+
+// The solving thread's run: its limit, its reports, the figures of the side
+// lines, and the count of threads not yet past their last line.
+struct RunState {
+  int32_t limit = 0;  // seconds or steps; 0 seconds = no limit
+  bool limit_is_steps = false;
+  std::vector<SolverReport> reports;  // under report_lock
+  std::mutex report_lock;
+  int32_t last_reported = 0;  // reports printed so far
+  double cpu_seconds = 0;
+  // Time spent in iterations and the terminal hands they evaluated, for the
+  // "#terminal hands" side line that benchmarks read.
+  double iteration_seconds = 0;
+  int64_t iteration_hands = 0;
+  // Hands evaluated by the terminal kernels, for the benchmark's cost per
+  // hand; one relaxed add per kernel call of about a thousand hands.
+  std::atomic<int64_t> terminal_hands{0};
+  // Solving threads not yet past their last line: a waiter wakes only when
+  // "SOLVER: stopped" is out, while `go` may start anew as soon as
+  // SolverRunning falls (so for a moment two threads may count here).
+  int threads_busy = 0;  // under end_lock
+  std::mutex end_lock;
+  std::condition_variable end_signal;
+};
+extern RunState Run;
 
 // Makes the OpenMP team exist before the first command.
 void libsubgame_init(int n);
@@ -70,14 +93,17 @@ struct SolverResults {
 
 void run_iteration(Tree& tree);
 
-// Hands evaluated by the terminal kernels, for the benchmark's cost per hand;
-// one relaxed add per kernel call of about a thousand hands.
-extern std::atomic<int64_t> TerminalHandCount;
-inline void count_terminal_hands(int64_t hands) { TerminalHandCount.fetch_add(hands, std::memory_order_relaxed); }
+inline void count_terminal_hands(int64_t hands) { Run.terminal_hands.fetch_add(hands, std::memory_order_relaxed); }
+
+// What a MODE_PROBE walk hands every context outside the queueing pass to:
+// visit(target, context), with the caller's own target.
 struct TraversalContext;
-// One whole-tree walk for `player` in `mode`; a MODE_PROBE walk hands every
-// context outside the queueing pass to `probe`.
-TraverseResult traverse(Tree& tree, int player, int mode, void (*probe)(TraversalContext&) = nullptr);
+struct WalkProbe {
+  void (*visit)(void* target, TraversalContext& ctx) = nullptr;
+  void* target = nullptr;
+};
+// One whole-tree walk for `player` in `mode`.
+TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe = {});
 SolverResults results_now(Tree& tree);
 
 // ---- Walk, subgames and evaluation ------------------------------------------
@@ -107,7 +133,7 @@ struct WalkState {
   int32_t mode = MODE_EVALUATE;
   WalkPass pass = PASS_QUEUE;
   bool river_average_now = true;  // training adds to the river sums this iteration
-  void (*probe)(TraversalContext&) = nullptr;
+  WalkProbe probe;
 };
 
 // The single argument of the recursion.
@@ -162,14 +188,10 @@ struct Subgame {
   SubgameShared* shared = nullptr;
 };
 
-// Created in walk order by pass 0; pass 2 collects them at SubgameCursor.
-extern std::vector<Subgame*> SubgameQueue;
-extern int32_t SubgameCursor;
-extern std::atomic<int32_t> SubgameDoneCount;
 
 // Queues one Subgame per child card of the chance node in `ctx`.
 void queue_subgames(TraversalContext& ctx);
-// Runs SubgameQueue on the OpenMP team (longest first in training).
+// Runs the queued subgames on the OpenMP team (longest first in training).
 void TraverseSubgames();
 // Releases every queued record and its shared vectors.
 void free_subgame_queue();
@@ -195,6 +217,15 @@ struct ResultsCache {
   double exploitable = 0;
   double mean_ev = 0;
 };
+// The cache and the tree it belongs to, and a count of changes of strategies
+// that leave the iteration count as it was, so that caches keyed by the
+// iteration (here and in the queries) can tell.
+struct EvaluationState {
+  ResultsCache cache;
+  const Tree* cache_tree = nullptr;
+  uint32_t store_generation = 0;
+};
+extern EvaluationState Evaluation;
 ResultsCache& results_cache();
 // Runs both evaluation passes and fills the cache for the present iteration.
 void refresh_results(Tree& tree);
@@ -222,8 +253,13 @@ double resolve_node(Tree& tree, Node& node, int32_t turn_cell, int32_t river_cel
                     const double accuracy[3]);
 // A MODE_PROBE walk of the subgame that holds `target`, for the player.
 void probe_forgotten(Tree& tree, Node& target, int32_t turn_cell, int32_t river_cell, int32_t player,
-                     void (*probe)(TraversalContext&));
+                     WalkProbe probe);
 void forget_resolve_marks();
-// Counts changes of strategies that leave the iteration count as it was, so
-// that caches keyed by the iteration can tell.
-extern uint32_t StoreGeneration;
+
+// ---- State ---------------------------------------------------------------------
+// What the solver keeps between calls, one record per concern: the run
+// (RunState), the evaluation (EvaluationState), and inside the walk the
+// queued subgames, the tree's facts and the subgames solved again (walk.h).
+// All are defined in solver_state.cpp. Every record back to its start, the
+// tree's caches dropped; the solver must be stopped (for tests).
+void reset_solver_state();

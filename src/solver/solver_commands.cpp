@@ -3,12 +3,13 @@
 
 #include "core/core.h"
 #include "solver/solver.h"
+#include "storage/memory/counters.h"
 
 void cmd_go(const Tokens& t) {
   if (!TreePresent || !ActiveTree) fail_command("missing/incorrect tree");
   if (SolverRunning) fail_command("Can't do that when solver is running");
   if (!tree_is_complete()) fail_command("incomplete tree");
-  LastReportedCount = 0;
+  Run.last_reported = 0;
   int32_t limit = 0;
   bool steps = false;
   if (t.size() > 1) {
@@ -47,5 +48,5 @@ void cmd_calc_results(const Tokens&) {
   double seconds = list.empty() ? 0 : list.back().seconds;
   StorageThroughput rate = storage_throughput(seconds);
   shell_print("#storage %d MB/s read, %d MB/s write\n", rate.read_mb_per_s, rate.write_mb_per_s);
-  shell_print("#terminal hands %lld in %.3f s\n", (long long)IterationHands, IterationSeconds);
+  shell_print("#terminal hands %lld in %.3f s\n", (long long)Run.iteration_hands, Run.iteration_seconds);
 }

@@ -7,22 +7,7 @@
 
 #include "solver/walk.h"
 
-std::vector<Subgame*> SubgameQueue;
-int32_t SubgameCursor = 0;
-std::atomic<int32_t> SubgameDoneCount{0};
-
-static std::recursive_mutex TraversalLock;
-static std::mutex MergeLock;
-
-std::recursive_mutex& traversal_lock() { return TraversalLock; }
-
-// Records are kept and reused between passes, so queuing allocates only
-// while the queue grows beyond what an earlier pass needed.
-static std::vector<std::unique_ptr<Subgame>> SubgameRecords;
-static std::vector<std::unique_ptr<SubgameShared>> SharedRecords;
-static size_t SubgamesUsed = 0;
-static size_t SharedUsed = 0;
-static std::vector<Subgame*> RunOrder;
+std::recursive_mutex& traversal_lock() { return Subgames.traversal_lock; }
 
 void queue_subgames(TraversalContext& ctx) {
   Tree& t = *ctx.tree;
@@ -32,9 +17,9 @@ void queue_subgames(TraversalContext& ctx) {
   const int32_t parent_count =
       turn ? int32_t(bt.holes.size()) : int32_t(bt.children[size_t(ctx.turn_cell)].holes.size());
 
-  // 1. The node's shared vectors.
-  if (SharedUsed == SharedRecords.size()) SharedRecords.push_back(std::make_unique<SubgameShared>());
-  SubgameShared& sh = *SharedRecords[SharedUsed++];
+  // The node's shared vectors.
+  if (Subgames.shared_used == Subgames.shared.size()) Subgames.shared.push_back(std::make_unique<SubgameShared>());
+  SubgameShared& sh = *Subgames.shared[Subgames.shared_used++];
   copy_vector(sh.reach, ctx.reach);
   sh.has_own = ctx.own_reach.count > 0;
   if (sh.has_own)
@@ -48,39 +33,39 @@ void queue_subgames(TraversalContext& ctx) {
   else
     make_empty(sh.br_sum, 0);
 
-  // 2. One record per card.
+  // One record per card.
   for (size_t k = 0; k < kids.size(); k++) {
-    if (SubgamesUsed == SubgameRecords.size()) SubgameRecords.push_back(std::make_unique<Subgame>());
-    Subgame* sg = SubgameRecords[SubgamesUsed++].get();
+    if (Subgames.records_used == Subgames.records.size()) Subgames.records.push_back(std::make_unique<Subgame>());
+    Subgame* sg = Subgames.records[Subgames.records_used++].get();
     sg->context.tree = &t;
     sg->context.walk = ctx.walk;
     sg->context.node = ctx.node;
     sg->context.turn_cell = turn ? int32_t(k) : ctx.turn_cell;
     sg->context.river_cell = turn ? -1 : int32_t(k);
     sg->shared = &sh;
-    SubgameQueue.push_back(sg);
+    Subgames.queue.push_back(sg);
   }
 }
 
 void free_subgame_queue() {
-  for (size_t i = 0; i < SubgamesUsed; i++) {
-    TraversalContext& c = SubgameRecords[i]->context;
+  for (size_t i = 0; i < Subgames.records_used; i++) {
+    TraversalContext& c = Subgames.records[i]->context;
     c.reach.release();
     c.value.release();
     c.own_reach.release();
     c.br_value.release();
-    SubgameRecords[i]->shared = nullptr;
+    Subgames.records[i]->shared = nullptr;
   }
-  for (size_t i = 0; i < SharedUsed; i++) {
-    SubgameShared& sh = *SharedRecords[i];
+  for (size_t i = 0; i < Subgames.shared_used; i++) {
+    SubgameShared& sh = *Subgames.shared[i];
     sh.reach.release();
     sh.own_reach.release();
     sh.value_sum.release();
     sh.br_sum.release();
   }
-  SubgamesUsed = SharedUsed = 0;
-  SubgameQueue.clear();
-  SubgameCursor = 0;
+  Subgames.records_used = Subgames.shared_used = 0;
+  Subgames.queue.clear();
+  Subgames.cursor = 0;
 }
 
 // Maps a parent-order vector down to a child board (variant 0).
@@ -101,7 +86,7 @@ static void map_up(HandVector& sum, const HandVector& v, const BoardRecord& r) {
 }
 
 static void run_subgame(Subgame& sg) {
-  // 1.
+  // The card's context, on this thread's pool.
   const auto start = std::chrono::steady_clock::now();
   TraversalContext& ctx = sg.context;
   Tree& t = *ctx.tree;
@@ -110,7 +95,7 @@ static void run_subgame(Subgame& sg) {
   SubgameShared& sh = *sg.shared;
   const BoardRecord& r = *cell_board(t, ctx.turn_cell, ctx.river_cell).record;
 
-  // 2. Reach down, then the turn card's lock.
+  // Reach down, then the turn card's lock.
   map_down(ctx.reach, sh.reach, r);
   if (sh.has_own)
     map_down(ctx.own_reach, sh.own_reach, r);
@@ -118,58 +103,59 @@ static void run_subgame(Subgame& sg) {
     make_empty(ctx.own_reach, 0);
   std::mutex* turn_lock = ctx.river_cell < 0 && node.turn_locks ? &node.turn_locks[ctx.turn_cell] : nullptr;
   if (turn_lock) turn_lock->lock();
-  // 3.
+  // The walk below the card.
   visit_node(ctx);
-  // 4, 5.
+  // The lock let go, the values merged up into the node's sums.
   if (turn_lock) turn_lock->unlock();
   {
-    std::lock_guard<std::mutex> merge(MergeLock);
+    std::lock_guard<std::mutex> merge(Subgames.merge_lock);
     map_up(sh.value_sum, ctx.value, r);
     if (sh.has_br) map_up(sh.br_sum, ctx.br_value, r);
   }
-  // 6.
+  // The card's vectors go back.
   ctx.reach.release();
   ctx.own_reach.release();
   ctx.value.release();
   ctx.br_value.release();
-  SubgameDoneCount.fetch_add(1);
-  // 7. Every card of the node writes its time; the last one stays.
+  Subgames.done_count.fetch_add(1);
+  // Every card of the node writes its time; the last one stays.
   if (ctx.walk->mode == MODE_TRAIN) {
     auto us = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
     std::atomic_ref<int32_t>(node.cell_mark[ctx.walk->traverser & 1])
         .store(int32_t(std::min<int64_t>(us.count(), INT32_MAX)), std::memory_order_relaxed);
   }
-  // 8.
+  // The caller's pool back in force.
   set_current_row_pool(before);
 }
 
 void TraverseSubgames() {
-  // 1, 2.
-  if (SubgameQueue.empty()) return;
-  RunOrder.assign(SubgameQueue.begin(), SubgameQueue.end());
-  // 3. The longest jobs of the last run first.
-  const WalkState& w = *RunOrder[0]->context.walk;
+  // Nothing queued, nothing to run.
+  if (Subgames.queue.empty()) return;
+  std::vector<Subgame*>& order = Subgames.run_order;
+  order.assign(Subgames.queue.begin(), Subgames.queue.end());
+  // The longest jobs of the last run first.
+  const WalkState& w = *order[0]->context.walk;
   if (w.mode == MODE_TRAIN) {
     const int p = w.traverser & 1;
-    std::stable_sort(RunOrder.begin(), RunOrder.end(), [p](const Subgame* a, const Subgame* b) {
+    std::stable_sort(order.begin(), order.end(), [p](const Subgame* a, const Subgame* b) {
       return a->context.node->cell_mark[p] > b->context.node->cell_mark[p];
     });
   }
-  // 4, 5.
-  SubgameDoneCount = 0;
-  const int32_t n = int32_t(RunOrder.size());
-  Subgame* const* order = RunOrder.data();
+  // Every card on the team, one at a time each.
+  Subgames.done_count = 0;
+  const int32_t n = int32_t(order.size());
+  Subgame* const* run = order.data();
 #pragma omp parallel for schedule(dynamic, 1)
-  for (int32_t i = 0; i < n; i++) run_subgame(*order[i]);
+  for (int32_t i = 0; i < n; i++) run_subgame(*run[i]);
 }
 
 // ---- Module hooks -----------------------------------------------------------------
 
 // Called after a tree is destroyed: nothing queued or cached may outlive it.
 static void empty_subgame_queue() {
-  std::lock_guard<std::recursive_mutex> guard(TraversalLock);
+  std::lock_guard<std::recursive_mutex> guard(Subgames.traversal_lock);
   free_subgame_queue();
-  RunOrder.clear();
+  Subgames.run_order.clear();
   forget_tree_facts();
   forget_results_cache();
   forget_resolve_marks();

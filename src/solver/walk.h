@@ -7,6 +7,9 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "solver/kernels/kernels.h"
@@ -121,13 +124,55 @@ struct TreeFacts {
   bool has_chance = false;
   std::vector<NodeFacts> node;
 };
-extern TreeFacts Facts;
+extern TreeFacts Facts;  // solver_state.cpp
 // Rebuilds the facts when the tree is another one; under the traversal lock.
 void prepare_tree_facts(Tree& tree);
 void forget_tree_facts();
 // The evaluation cache belongs to one tree; a freed tree takes it along.
 void forget_results_cache();
 inline int32_t node_index(const Tree& t, const Node& n) { return int32_t(&n - t.nodes.data()); }
+
+// ---- Steps of a walk -----------------------------------------------------------------
+// The whole-tree walk (traverse) and the walks of single subgames after a
+// forget take the same steps to start and end.
+
+// The state of a walk for `player` in `mode`, starting in `pass`, on the
+// river-sum schedule of the tree's present iteration.
+WalkState walk_state(const Tree& tree, int32_t player, int32_t mode, WalkPass pass, WalkProbe probe = {});
+// A context at `node` on the board of the cells, with the other player's
+// arriving reach.
+void start_context(TraversalContext& ctx, Tree& tree, const WalkState& w, Node* node, int32_t turn_cell,
+                   int32_t river_cell, const std::vector<float>& reach);
+// Gives back the vectors of a context the walk is done with.
+void release_context(TraversalContext& ctx);
+// Pass 1: the queued subgames on the team; the caller's pool back in force.
+void run_queued_subgames(Tree& tree, WalkState& w);
+
+// ---- Walk state between calls (solver_state.cpp) ------------------------------------
+
+// The subgames of a walk: created in walk order by pass 0 into records kept
+// and reused between passes, so that queuing allocates only while the queue
+// grows beyond what an earlier pass needed; run by pass 1 in run_order;
+// collected by pass 2 at `cursor`.
+struct SubgameState {
+  std::vector<Subgame*> queue;
+  int32_t cursor = 0;
+  std::atomic<int32_t> done_count{0};
+  std::vector<std::unique_ptr<Subgame>> records;
+  std::vector<std::unique_ptr<SubgameShared>> shared;
+  size_t records_used = 0;
+  size_t shared_used = 0;
+  std::vector<Subgame*> run_order;
+  std::mutex merge_lock;                 // the chance node's sums
+  std::recursive_mutex traversal_lock;  // every whole-tree walk (traversal_lock())
+};
+extern SubgameState Subgames;
+
+// Subgames solved again since the last forget, as (subgame root, turn cell).
+struct ForgetState {
+  std::set<std::pair<int32_t, int32_t>> solved_units;
+};
+extern ForgetState Forgetting;
 
 // ---- Per-thread block ----------------------------------------------------------------
 
@@ -216,7 +261,7 @@ inline bool fused_pair(const Tree& t, const Node& node) {
 }
 // EV boost of the child `a` on its value vector (training only).
 void apply_ev_boost(const Node& parent, const Node& child, HandVector& v);
-// Steps 5 to 7 of an own node: combine the children with the strategy, the
+// The end of an own node: combine the children with the strategy, the
 // best response in evaluation, the regret update in training.
 void finish_own_node(Tree& t, const WalkState& walk, Node& node, int32_t turn_cell, int32_t river_cell, int32_t count,
                      const HandVector& reach, HandVector* strategy, HandVector* child_values,

@@ -8,9 +8,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/core.h"
 #include "platform/platform.h"
 #include "storage/arena.h"
-#include "storage/codec.h"
+#include "storage/memory/counters.h"
+#include "storage/memory/fatal.h"
+#include "storage/codec/codec.h"
 
 static int64_t round_to_granule(int64_t size, uint32_t mask) {
   return (size + int64_t(mask)) & ~int64_t(mask);

@@ -1,127 +1,19 @@
-// Working memory of the solver: the arenas that hold compressed store groups,
-// the process-wide byte counters, hand vectors with their per-thread row pool,
-// aligned allocation, and the fatal-failure lines of storage.
+// The arenas that hold compressed store groups: one address range reserved at
+// its worst case and committed only as far as the bytes reach. Rows come in
+// and out in the order they were written, through the packed block format or
+// the FSE row codec.
 //
 // Three kinds of memory are kept apart. Short-lived rows come from the scalable
-// allocator or the thread's row pool; whole value blocks are committed at once
-// (the stores do that); compressed groups live in an Arena, one address range
-// reserved at its worst case and committed only as far as the bytes reach.
+// allocator or the thread's row pool (storage/memory); whole value blocks are
+// committed at once (the stores do that); compressed groups live in an Arena.
 #pragma once
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <string>
-#include <vector>
 
-#include "core/core.h"
+#include "storage/memory/bytes.h"
 
 class RowEncoder;
 class RowDecoder;
-
-// ---- Fatal failures ---------------------------------------------------------
-// Storage failures that can't be recovered print one line on standard output
-// and end the process with exit code 1. A null text prints "fail", any other
-// "fail (text)".
-[[noreturn]] void storage_fatal(const char* text);
-// Prints `line` as it is (it carries its own line feed) and exits with code 1.
-[[noreturn]] void storage_fatal_line(const std::string& line);
-
-// ---- Byte streams of the stored tree ----------------------------------------
-// What a stored tree is written to. Failures are raised as exceptions by the
-// implementation.
-struct ByteWriter {
-  virtual ~ByteWriter() = default;
-  virtual void write(const void* bytes, size_t count) = 0;
-};
-
-// What a stored tree is read from. `format` is the file's format number, kept
-// for the readers below the source. A source that can't deliver `count` bytes
-// raises an exception through fail_read; it never returns short.
-struct ByteSource {
-  int32_t format = 9;
-  virtual ~ByteSource() = default;
-  virtual void read(void* buffer, size_t count) = 0;
-  // Bytes left to read. Readers compare every stored length with it before
-  // they allocate, so a damaged length can't ask for more than the file holds;
-  // a length that runs past the end fails through fail_read, as the read of
-  // its bytes would: the source can't tell a cut file from a long length.
-  virtual int64_t remaining() const { return INT64_MAX; }
-  [[noreturn]] virtual void fail_read() const = 0;
-};
-
-// A writer that appends to a byte vector.
-struct MemoryByteWriter : ByteWriter {
-  std::vector<uint8_t> bytes;
-  void write(const void* data, size_t count) override;
-};
-
-// A source over a byte range that it doesn't own; reading past the end raises
-// an error through fail_command.
-struct MemoryByteSource : ByteSource {
-  const uint8_t* data = nullptr;
-  size_t size = 0;
-  size_t position = 0;
-  MemoryByteSource(const void* bytes, size_t count);
-  void read(void* buffer, size_t count) override;
-  int64_t remaining() const override { return int64_t(size - position); }
-  [[noreturn]] void fail_read() const override;
-};
-
-// Little-endian helpers for fixed-width fields (the host is x86-64).
-template <typename T>
-inline void write_value(ByteWriter& w, T v) { w.write(&v, sizeof v); }
-template <typename T>
-inline T read_value(ByteSource& s) {
-  T v;
-  s.read(&v, sizeof v);
-  return v;
-}
-
-// ---- Process-wide byte counters ---------------------------------------------
-// Compressed bytes read by finished read passes and produced by finished write
-// passes. Each pass adds once, at its end.
-extern std::atomic<int64_t> StorageBytesRead;
-extern std::atomic<int64_t> StorageBytesWritten;
-// At process start and whenever storage is planned.
-void reset_storage_counters();
-
-struct StorageThroughput {
-  int32_t read_mb_per_s;
-  int32_t write_mb_per_s;
-};
-// Both counters over `elapsed_seconds`, in MiB per second, truncated; the
-// solver prints them as "#storage %d MB/s read, %d MB/s write\n".
-StorageThroughput storage_throughput(double elapsed_seconds);
-
-// ---- Aligned allocation -----------------------------------------------------
-constexpr size_t RowAlignment = 16;     // rows and channel staging buffers
-constexpr size_t GroupAlignment = 128;  // decompressed store groups
-// The scalable allocator's aligned malloc and free; null on failure.
-void* aligned_alloc_bytes(size_t bytes, size_t alignment);
-void aligned_free_bytes(void* p);
-// The same three calls of the scalable allocator, counted for show_memory;
-// every block of it that the program holds goes through these.
-void* scalable_take(size_t bytes, size_t alignment);
-void scalable_give(void* p);
-void* scalable_regrow(void* p, size_t bytes, size_t alignment);
-void count_channel_buffer_bytes(int64_t delta);
-// Bytes the scalable allocator really gives a block of scalable_take (its size
-// class, at least what was asked).
-int64_t scalable_block_bytes(const void* p);
-
-// What the two allocators hold for the program, in bytes.
-struct AllocatorFigures {
-  int64_t scalable_in_use = 0;  // blocks the program holds from the scalable allocator
-  int64_t row_pool_blocks = 0;  // of those, blocks of the row pools, idle or in use
-  int64_t channel_buffers = 0;  // of those, staging buffers of entropy write passes
-  int64_t heap_held = 0;        // the C heap's memory from the system
-  int64_t heap_in_use = 0;      // of that, blocks in use
-  int64_t heap_free = 0;        // of that, free blocks kept for reuse
-};
-AllocatorFigures allocator_figures();
-// Hands the allocators' cached free memory back to the system, after a
-// large release (a forgotten street).
-void return_free_memory();
 
 // ---- Arena ------------------------------------------------------------------
 // A sequence of compressed rows in one region. Rows are read in the order they
@@ -255,74 +147,3 @@ bool stored_region_fits(int64_t size, int64_t reserved, uint32_t granule_mask, c
 void grow_region(int64_t target, int64_t& committed, int64_t reserved, uint8_t*& base);
 // Gives the whole reservation back; a refusal is fatal.
 void release_region(uint8_t*& base, int64_t reserved);
-
-// ---- Hand vectors -----------------------------------------------------------
-// A thread's pool of equal-sized row blocks. A block is `block_size + 8` bytes:
-// an 8-byte link, then the row.
-struct RowPool {
-  int64_t block_size = 0;  // bytes of row data per block
-  void* free_list = nullptr;
-};
-
-// The solver's working vector: one float per hand of one board. No data means
-// all zero, with the count still valid. The buffer is 16-byte aligned unless it
-// comes from the pool. A vector owns its buffer; it moves, it is never copied.
-struct HandVector {
-  float* data = nullptr;
-  int32_t count = 0;
-  bool pooled = false;
-
-  HandVector() = default;
-  HandVector(const HandVector&) = delete;
-  HandVector& operator=(const HandVector&) = delete;
-  HandVector(HandVector&& other) noexcept;
-  HandVector& operator=(HandVector&& other) noexcept;
-  ~HandVector() { release(); }
-
-  // A new length gives a new, uninitialised buffer; the same length keeps the
-  // contents. With `allow_pool` the row comes from the thread's pool in force
-  // when it fits a block.
-  void resize(int32_t length, bool allow_pool);
-  // Gives the buffer back (to the releasing thread's pool if pooled) and
-  // clears pointer, count and flag.
-  void release();
-  bool empty() const { return data == nullptr; }
-};
-
-// The calling thread's pool in force, or null. The subgame runner and the walk
-// set it at their start and clear it at their end.
-RowPool* current_row_pool();
-void set_current_row_pool(RowPool* pool);
-// Makes sure of the calling thread's own pool with `block_size` bytes per row
-// (emptying it first when it has another size) and puts it in force. Each
-// thread's pool is registered process-wide on first use.
-RowPool* ensure_thread_row_pool(int64_t block_size);
-// Frees the idle blocks of a pool.
-void empty_row_pool(RowPool& pool);
-// Frees the idle blocks of every thread's pool; the solver must be stopped.
-void empty_all_row_pools();
-// Idle blocks on a pool's free list (for tests).
-int64_t row_pool_idle_blocks(const RowPool& pool);
-
-// ---- Memory report ------------------------------------------------------------
-// One line of the breakdown: bytes in all, and how many of them the scalable
-// allocator and the C heap hold (the rest is mapped directly).
-struct MemoryPart {
-  const char* name;
-  int64_t bytes = 0;
-  int64_t scalable = 0;
-  int64_t heap = 0;
-};
-// The parts that the present tree owns (stores, hole sets, tables); installed
-// by the layer that knows the tree. Null or empty without a tree.
-extern std::vector<MemoryPart> (*TreeMemoryParts)();
-// The whole breakdown, every line "#memory ...", ending with the components'
-// total beside the resident size the system counts.
-std::vector<MemoryPart> memory_breakdown(int64_t& resident, int64_t& peak);
-void print_memory_breakdown();
-
-// ---- Commands ---------------------------------------------------------------
-void cmd_show_memory(const Tokens& t);
-// The lines of show_memory for a machine with `total_physical` bytes at
-// `load_percent` load, then "END".
-void print_memory_report(uint64_t total_physical, uint32_t load_percent);

@@ -9,8 +9,12 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "core/core.h"
 #include "storage/arena.h"
-#include "storage/codec.h"
+#include "storage/memory/allocation.h"
+#include "storage/memory/counters.h"
+#include "storage/memory/fatal.h"
+#include "storage/codec/codec.h"
 
 static_assert(CodecChannelCount == ChannelCount);
 

@@ -1,15 +1,28 @@
 // Shapes, cell locks, the walk over the river stores of a group, and the
 // choice of store classes for a node.
-#include <cassert>
 #include "storage/store.h"
 
+#include <cassert>
 #include <cstring>
 #include <stdexcept>
 
+#include "core/core.h"
 #include "platform/platform.h"
+#include "storage/arena.h"
+#include "storage/memory/allocation.h"
+#include "storage/memory/fatal.h"
 #include "storage/store_cells.h"
 
 int32_t RegretIteration = 0;
+double Precision = 0;
+bool AdaptivePrecision = true;
+bool RiverStrategyEnabled = true;
+
+void reset_store_settings() {
+  Precision = 0;
+  AdaptivePrecision = true;
+  RiverStrategyEnabled = true;
+}
 
 // ---- Shapes ---------------------------------------------------------------------
 

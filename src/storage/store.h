@@ -26,7 +26,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "storage/arena.h"
+#include "storage/memory/bytes.h"
+#include "storage/memory/hand_vector.h"
+
+// The arenas that hold compressed groups (arena.h); stores only point at them.
+class Arena;
 
 // ---- Shapes -------------------------------------------------------------------
 
@@ -132,6 +136,15 @@ struct HandGroupRuns {
 // iteration here after every iteration. Adaptive precision rescales cells when
 // it is a multiple of 10.
 extern int32_t RegretIteration;
+
+// The settings the stores read (set_precision, enable_adaptive_precision,
+// enable_river_strategy): the fixed-point precision of 16-bit regrets, whether
+// it adapts per cell, and whether river strategy sums are kept.
+extern double Precision;
+extern bool AdaptivePrecision;
+extern bool RiverStrategyEnabled;
+// The three back to their start values (for tests).
+void reset_store_settings();
 
 // ---- Stores -------------------------------------------------------------------
 //

@@ -10,6 +10,8 @@
 #include <stdexcept>
 
 #include "storage/store_kernels.h"
+#include "core/core.h"
+#include "storage/memory/fatal.h"
 
 alignas(64) const float ZeroRow[ScratchRowValues] = {};
 

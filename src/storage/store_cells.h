@@ -4,7 +4,7 @@
 #pragma once
 #include <cstdint>
 
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 #include "storage/store.h"
 
 // Enough for any betting line; the stores keep per-action pointer arrays on

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "platform/platform.h"
+#include "storage/memory/fatal.h"
 #include "storage/store.h"
 #include "storage/store_cells.h"
 

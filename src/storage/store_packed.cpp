@@ -9,6 +9,9 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "storage/arena.h"
+#include "storage/memory/allocation.h"
+#include "storage/memory/fatal.h"
 #include "storage/store.h"
 #include "storage/store_cells.h"
 
@@ -39,6 +42,23 @@ inline int64_t row_at(const StoreShape& s, int32_t group, const StoreCell& c, in
   return c.offset - s.group_spans[size_t(group)].base + int64_t(action) * align4(c.length);
 }
 
+// The rows of a group in their stored order (see the top of the file), each
+// with where it starts, where its reference starts (-1 for none) and its
+// length. Reading and writing both walk this one order, so the row stored
+// against each row is the same in both directions.
+template <typename Visit>
+void for_each_group_row(const StoreShape& s, int32_t group, Visit&& visit) {
+  const StoreGroup& g = s.groups[size_t(group)];
+  for (int32_t act = 0; act < s.actions; act++) {
+    for (int32_t ci = 0; ci < g.cell_count; ci++) {
+      const StoreCell& c = s.cells[size_t(g.first_cell + ci)];
+      const StoreCell* prev = ci > 0 ? &s.cells[size_t(g.first_cell + ci - 1)] : nullptr;
+      const bool referenced = prev && c.length <= prev->length;
+      visit(row_at(s, group, c, act), referenced ? row_at(s, group, *prev, act) : -1, c.length);
+    }
+  }
+}
+
 }  // namespace
 
 Arena* PackedStore::open_group(Arena* arena, int32_t group, int64_t size) {
@@ -60,23 +80,15 @@ Arena* PackedStore::open_group(Arena* arena, int32_t group, int64_t size) {
     memset(buffer, 0, bytes);
     return a;
   }
-  const StoreGroup& g = shape->groups[size_t(group)];
-  for (int32_t act = 0; act < shape->actions; act++) {
-    for (int32_t ci = 0; ci < g.cell_count; ci++) {
-      const StoreCell& c = shape->cells[size_t(g.first_cell + ci)];
-      const StoreCell* prev = ci > 0 ? &shape->cells[size_t(g.first_cell + ci - 1)] : nullptr;
-      bool referenced = prev && c.length <= prev->length;
-      int64_t at = row_at(*shape, group, c, act);
-      int64_t ref_at = referenced ? row_at(*shape, group, *prev, act) : 0;
-      if (wide16) {
-        uint16_t* v = group16(group);
-        a->read_row16(v + at, referenced ? v + ref_at : nullptr, c.length);
-      } else {
-        uint32_t* v = group32(group);
-        a->read_row32(v + at, referenced ? v + ref_at : nullptr, c.length);
-      }
+  for_each_group_row(*shape, group, [&](int64_t at, int64_t ref_at, int32_t length) {
+    if (wide16) {
+      uint16_t* v = group16(group);
+      a->read_row16(v + at, ref_at >= 0 ? v + ref_at : nullptr, length);
+    } else {
+      uint32_t* v = group32(group);
+      a->read_row32(v + at, ref_at >= 0 ? v + ref_at : nullptr, length);
     }
-  }
+  });
   return a;
 }
 
@@ -95,23 +107,15 @@ Arena* PackedStore::close_group(Arena* arena, int32_t group, bool keep) {
     a = own;
     a->begin_write();
   }
-  const StoreGroup& g = shape->groups[size_t(group)];
-  for (int32_t act = 0; act < shape->actions; act++) {
-    for (int32_t ci = 0; ci < g.cell_count; ci++) {
-      const StoreCell& c = shape->cells[size_t(g.first_cell + ci)];
-      const StoreCell* prev = ci > 0 ? &shape->cells[size_t(g.first_cell + ci - 1)] : nullptr;
-      bool referenced = prev && c.length <= prev->length;
-      int64_t at = row_at(*shape, group, c, act);
-      int64_t ref_at = referenced ? row_at(*shape, group, *prev, act) : 0;
-      if (wide16) {
-        const uint16_t* v = group16(group);
-        a->write_row16(v + at, referenced ? v + ref_at : nullptr, c.length);
-      } else {
-        const uint32_t* v = group32(group);
-        a->write_row32(v + at, referenced ? v + ref_at : nullptr, c.length);
-      }
+  for_each_group_row(*shape, group, [&](int64_t at, int64_t ref_at, int32_t length) {
+    if (wide16) {
+      const uint16_t* v = group16(group);
+      a->write_row16(v + at, ref_at >= 0 ? v + ref_at : nullptr, length);
+    } else {
+      const uint32_t* v = group32(group);
+      a->write_row32(v + at, ref_at >= 0 ? v + ref_at : nullptr, length);
     }
-  }
+  });
   aligned_free_bytes(buffer);
   buffer = nullptr;
   return a;

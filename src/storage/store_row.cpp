@@ -2,6 +2,7 @@
 // vector per action.
 #include <cstring>
 
+#include "storage/memory/allocation.h"
 #include "storage/store.h"
 #include "storage/store_cells.h"
 

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "storage/memory/allocation.h"
+#include "storage/memory/fatal.h"
 #include "storage/store.h"
 #include "storage/store_cells.h"
 #include "storage/store_kernels.h"

@@ -143,7 +143,7 @@ void sort_board(const std::vector<CardMask>& parent_holes, const std::vector<uin
     scratch.keys.resize(parent_count);
   }
 
-  // 1. The parent's pairs off this board; the others could never be dealt.
+  // The parent's pairs off this board; the others could never be dealt.
   size_t alive = 0;
   for (size_t i = 0; i < parent_count; i++) {
     if (parent_holes[i] & board) continue;
@@ -153,7 +153,7 @@ void sort_board(const std::vector<CardMask>& parent_holes, const std::vector<uin
   }
   evaluate_board_holes(scratch.alive.data(), alive, board, scratch.values.data());
 
-  // 2. Ascending value, on rivers then ascending BlockerKey, then parent
+  // Ascending value, on rivers then ascending BlockerKey, then parent
   // position: a stable sort by the first keys.
   size_t kept = 0;
   for (size_t j = 0; j < alive; j++) {
@@ -165,7 +165,7 @@ void sort_board(const std::vector<CardMask>& parent_holes, const std::vector<uin
   }
   std::sort(scratch.keys.begin(), scratch.keys.begin() + ptrdiff_t(kept));
 
-  // 3. The lists, and the parent position of each hand under every variant.
+  // The lists, and the parent position of each hand under every variant.
   rec.holes.resize(kept);
   rec.strength.resize(kept);
   rec.packed.resize(kept);

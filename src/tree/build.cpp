@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "platform/platform.h"
+#include "storage/memory/counters.h"
 #include "storage/store.h"
 #include "tree/board_tree.h"
 #include "tree/tree.h"
@@ -193,34 +194,34 @@ void check_range_consistency() {
 
 void build_game(bool plan_storage) {
   check_build_inputs();
-  // 1. The street the game starts on follows from the board alone.
+  // The street the game starts on follows from the board alone.
   if (!BoardRiver) StartStreet = BoardTurn ? 2 : 1;
   else StartStreet = BoardTurn ? 3 : 2;
-  // 2. No stack is ever given: the deepest level of the lines is the stack.
+  // No stack is ever given: the deepest level of the lines is the stack.
   EffectiveStack = int32_t(largest_key(*SchematicRoot));
-  // 3.
+  // A flop game with isomorphism needs ranges that agree with it.
   if (StartStreet == 1 && IsomorphismFlop) check_range_consistency();
-  // 4, 5.
+  // The lines flattened; none may go past the river.
   std::vector<LineRecord> records = flatten_lines(SchematicRoot.get());
   for (const LineRecord& r : records)
     if (r.kind == NODE_DECISION && r.street > 3) fail_command("invalid line");
-  // 6.
+  // The board's cards.
   Card flop[3];
   int k = 0;
   for (int c = 0; c < 52 && k < 3; c++)
     if (BoardFlop & CardBit(c)) flop[k++] = Card(c);
   int turn = BoardTurn ? __builtin_ctzll(BoardTurn) : -1;
   int river = BoardRiver ? __builtin_ctzll(BoardRiver) : -1;
-  // 7. From here on only exhausted memory can fail.
+  // From here on only exhausted memory can fail.
   bool iso = StartStreet == 1 ? IsomorphismFlop : StartStreet == 2 ? IsomorphismTurn : false;
   TreePresent = false;
   make_tree(records, flop, turn, river, Ranges, iso);
-  // 8.
+  // The stores at the compression level in force.
   if (plan_storage) {
     if (CompressionSetting >= 0) ActualCompression = CompressionSetting;
     else ActualCompression = automatic_compression_level();
     planStorage(compression_pair(ActualCompression));
   }
-  // 9.
+  // Only a whole tree is present.
   TreePresent = true;
 }

@@ -6,6 +6,8 @@
 #include <cmath>
 #include <string>
 
+#include "storage/memory/allocation.h"
+#include "storage/memory/fatal.h"
 #include "storage/store.h"
 #include "tree/board_tree.h"
 #include "tree/tree.h"

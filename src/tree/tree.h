@@ -12,8 +12,27 @@
 #include "cards/cards.h"
 #include "core/core.h"
 #include "platform/platform.h"
-#include "storage/arena.h"
+#include "storage/memory/hand_vector.h"
+#include "storage/memory/memory_report.h"
 #include "storage/store.h"
+
+// ---- The game description (game.cpp) -----------------------------------------
+// What the set-up commands write and the build, the tree file and the queries read.
+extern Range Ranges[2];
+extern double RangeMin[2], RangeMax[2];
+extern CardMask BoardFlop, BoardTurn, BoardRiver;
+extern double PotOop, PotIp, StartPot;
+extern bool IsomorphismFlop, IsomorphismTurn;
+extern int32_t EffectiveStack;
+extern bool TreePresent;  // a built or loaded tree exists
+extern std::vector<std::string> TreeInfoLines;
+extern const char* const PlayerNames[2];
+
+// Player token: "OOP"/"hero" = 0, "IP"/"villain" = 1, otherwise -1.
+int player_from_token(const std::string& token);
+CardMask board_mask();
+// Every field of the description but TreePresent back to its start value (for tests).
+void reset_game_description();
 
 // ---- Schematic tree ---------------------------------------------------------
 struct SchematicNode;

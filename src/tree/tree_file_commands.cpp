@@ -4,7 +4,8 @@
 
 #include "cards/cards.h"
 #include "core/core.h"
-#include "storage/tree_file.h"
+#include "storage/memory/file_bytes.h"
+#include "tree/tree_file.h"
 #include "tree/tree.h"
 
 // ---- The description, both ways -----------------------------------------------------

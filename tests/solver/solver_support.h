@@ -12,6 +12,7 @@
 
 #include "cards/cards.h"
 #include "core/core.h"
+#include "solver/kernels/kernels.h"
 #include "solver/solver.h"
 #include "storage/store.h"
 #include "tree/board_tree.h"
@@ -73,8 +74,9 @@ struct SolverTest : ::testing::Test {
     build_rank_tables();
   }
   void SetUp() override {
-    reset_core_state(); reset_card_settings();
+    reset_core_state(); reset_card_settings(); reset_game_description(); reset_store_settings(); reset_solver_settings();
     reset_tree_state();
+    reset_solver_state();
     CompressionSetting = 0;
     IsomorphismFlop = false;
     IsomorphismTurn = false;
@@ -83,8 +85,9 @@ struct SolverTest : ::testing::Test {
   }
   void TearDown() override {
     free_active_tree();
+    reset_solver_state();
     reset_tree_state();
-    reset_core_state(); reset_card_settings();
+    reset_core_state(); reset_card_settings(); reset_game_description(); reset_store_settings(); reset_solver_settings();
     RegretIteration = 0;
     OutputBuffer.clear();
   }

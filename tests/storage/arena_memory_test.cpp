@@ -9,6 +9,11 @@
 #include "arena_child.h"
 #include "platform/platform.h"
 #include "storage/arena.h"
+#include "storage/memory/allocation.h"
+#include "storage/memory/counters.h"
+#include "storage/memory/fatal.h"
+#include "storage/memory/hand_vector.h"
+#include "storage/memory/memory_report.h"
 
 namespace {
 

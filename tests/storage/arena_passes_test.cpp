@@ -9,7 +9,8 @@
 
 #include "arena_child.h"
 #include "storage/arena.h"
-#include "storage/codec.h"
+#include "storage/memory/counters.h"
+#include "storage/codec/codec.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <random>
 
-#include "storage/codec.h"
+#include "storage/codec/codec.h"
 #include "store_support.h"
 
 using namespace store_test;

@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "storage/arena.h"
 #include "store_support.h"
 
 using namespace store_test;

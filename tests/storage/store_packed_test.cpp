@@ -7,6 +7,8 @@
 #include <memory>
 #include <random>
 
+#include "storage/arena.h"
+#include "storage/memory/counters.h"
 #include "store_support.h"
 
 using namespace store_test;

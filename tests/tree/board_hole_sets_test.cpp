@@ -12,6 +12,7 @@
 
 #include "core/core.h"
 #include "tree/board_tree.h"
+#include "tree/tree.h"
 
 namespace {
 
@@ -94,7 +95,7 @@ struct FlopTree : ::testing::Test {
   static void SetUpTestSuite() {
     build_card_tables();
     ASSERT_TRUE(build_rank_tables());
-    reset_core_state(); reset_card_settings();
+    reset_core_state(); reset_card_settings(); reset_game_description(); reset_store_settings();
     r0 = random_range(1, 2);
     r1 = random_range(2, 3);
     tree = build("Th9h4c", r0, r1);
@@ -227,8 +228,8 @@ struct BoardRules : ::testing::Test {
     build_card_tables();
     ASSERT_TRUE(build_rank_tables());
   }
-  void SetUp() override { reset_core_state(); reset_card_settings(); }
-  void TearDown() override { reset_core_state(); reset_card_settings(); }
+  void SetUp() override { reset_core_state(); reset_card_settings(); reset_game_description(); reset_store_settings(); }
+  void TearDown() override { reset_core_state(); reset_card_settings(); reset_game_description(); reset_store_settings(); }
 };
 
 TEST_F(BoardRules, BlockerKeyOrdersSuitedHandsNextToEachOther) {

@@ -10,6 +10,7 @@
 
 #include "core/core.h"
 #include "tree/board_tree.h"
+#include "tree/tree.h"
 
 namespace {
 
@@ -62,7 +63,7 @@ struct IsomorphicBoards : ::testing::TestWithParam<const char*> {
   static void SetUpTestSuite() {
     build_card_tables();
     ASSERT_TRUE(build_rank_tables());
-    reset_core_state(); reset_card_settings();
+    reset_core_state(); reset_card_settings(); reset_game_description(); reset_store_settings();
   }
 };
 
@@ -148,7 +149,7 @@ struct IsomorphicCardLists : ::testing::Test {
   static void SetUpTestSuite() {
     build_card_tables();
     ASSERT_TRUE(build_rank_tables());
-    reset_core_state(); reset_card_settings();
+    reset_core_state(); reset_card_settings(); reset_game_description(); reset_store_settings();
   }
 };
 

@@ -15,7 +15,7 @@ using Keys = std::vector<double>;
 
 struct Lines : ::testing::Test {
   void SetUp() override {
-    reset_core_state(); reset_card_settings();
+    reset_core_state(); reset_card_settings(); reset_game_description(); reset_store_settings();
     reset_tree_state();
     OutputBuffer.clear();
   }

@@ -18,7 +18,7 @@ struct PlanStores : ::testing::Test {
     build_card_tables();
   }
   void SetUp() override {
-    reset_core_state(); reset_card_settings();
+    reset_core_state(); reset_card_settings(); reset_game_description(); reset_store_settings();
     reset_tree_state();
     CompressionSetting = -1;
     Ranges[0].assign(HandCount, 1.0);

@@ -8,7 +8,8 @@
 #include <cmath>
 #include <fstream>
 
-#include "storage/tree_file.h"
+#include "storage/memory/file_bytes.h"
+#include "tree/tree_file.h"
 #include "tree/board_tree.h"
 #include "tree/tree.h"
 
@@ -21,6 +22,8 @@ struct TreeFileInProcess : ::testing::Test {
   }
   void SetUp() override {
     reset_core_state();
+    reset_game_description();
+    reset_store_settings();
     reset_card_settings();
     reset_tree_state();
     for (int p = 0; p < 2; p++) {
@@ -155,9 +158,9 @@ TEST_F(TreeFileInProcess, ForgottenRiverKeepsStrategiesAboveAndRecords) {
 TEST_F(TreeFileInProcess, ByteSourceAndWriterAcrossBuffersAndFailures) {
   const std::string name = temp_name("io.bin");
   // Small and large writes around the 1 MiB buffer.
-  std::vector<uint8_t> data(3 * TreeFileBufferBytes + 12345);
+  std::vector<uint8_t> data(3 * FileBufferBytes + 12345);
   for (size_t i = 0; i < data.size(); i++) data[i] = uint8_t(i * 7 + (i >> 11));
-  const size_t pieces[] = {1, 7, TreeFileBufferBytes - 3, 2 * TreeFileBufferBytes, 5};
+  const size_t pieces[] = {1, 7, FileBufferBytes - 3, 2 * FileBufferBytes, 5};
   {
     FileByteWriter w(name);
     size_t at = 0;
@@ -172,7 +175,7 @@ TEST_F(TreeFileInProcess, ByteSourceAndWriterAcrossBuffersAndFailures) {
     FileByteSource s(name);
     std::vector<uint8_t> back(data.size());
     size_t at = 0;
-    for (size_t p : {size_t(3), TreeFileBufferBytes, size_t(1), 2 * TreeFileBufferBytes - 10}) {
+    for (size_t p : {size_t(3), FileBufferBytes, size_t(1), 2 * FileBufferBytes - 10}) {
       s.read(back.data() + at, p);
       at += p;
       EXPECT_EQ(s.remaining(), int64_t(data.size() - at));

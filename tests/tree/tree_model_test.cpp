@@ -21,7 +21,7 @@ struct TreeModel : ::testing::Test {
     build_card_tables();
   }
   void SetUp() override {
-    reset_core_state(); reset_card_settings();
+    reset_core_state(); reset_card_settings(); reset_game_description(); reset_store_settings();
     reset_tree_state();
     OutputBuffer.clear();
     QueueEmptied = 0;

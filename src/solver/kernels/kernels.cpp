@@ -111,6 +111,7 @@ const KernelSet PortableKernels = {
 // ---- Choice of the instruction set -------------------------------------------
 
 int32_t KernelIsaLimit = KERNEL_AVX512;
+int32_t SimdLevel = 8;
 
 namespace {
 // The processor does not change under a running process.

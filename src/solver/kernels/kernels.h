@@ -104,6 +104,10 @@ enum KernelIsa : int32_t { KERNEL_PORTABLE = 0, KERNEL_AVX2 = 1, KERNEL_AVX512 =
 // compare the forms. Starts at KERNEL_AVX512.
 extern int32_t KernelIsaLimit;
 
+// set_simd_level: the widest lane batch the kernels and the walk's river
+// batches may use (1 keeps one terminal at a time). Starts at 8.
+extern int32_t SimdLevel;
+
 // The set the kernels use now.
 KernelIsa kernel_isa();
 const char* kernel_isa_name(KernelIsa isa);

@@ -1,0 +1,10 @@
+// What the queries keep between calls, in one place.
+#include "analysis/analysis.h"
+
+AnalysisState Analysis;
+double RecalcAccuracy[3] = {0, 0, 0};
+
+void reset_analysis_state() {
+  Analysis.ev_probes.clear();
+  RecalcAccuracy[0] = RecalcAccuracy[1] = RecalcAccuracy[2] = 0;
+}
