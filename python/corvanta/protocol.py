@@ -85,7 +85,7 @@ class NodeBlock:
     pot: float  # the start pot
 
 
-@dataclass(frozen=True)
+@dataclass
 class Probs:
     """`show_probs`: the two ranges' sums at a node and each action's share of the acting range."""
     oop: float
@@ -184,27 +184,21 @@ def parse_categories(lines: list[str]) -> tuple[list[int], list[int]]:
 # -- the line stream ------------------------------------------------------------
 
 class Transport(Protocol):
-    """Lines to and from one engine: the child process, or a script in the tests."""
+    """Lines to and from one engine: the child process, or a script in the tests.
+
+    `read` gives the next line without its end, None when none came within
+    `timeout`, and EOFError after the last; `write` raises OSError or ValueError
+    once the engine is gone; `returncode` waits up to `wait` seconds for the exit
+    (None: still running); `stderr` holds the last lines of the error stream;
+    `close` asks the engine to exit and kills it if it doesn't within five seconds."""
     pid: int
 
-    def write(self, text: str) -> None:
-        """Sends text; OSError or ValueError when the engine is gone."""
-
-    def read(self, timeout: float | None) -> str | None:
-        """The next line without its end, None when none came within `timeout`; EOFError after the last."""
-
-    def running(self) -> bool: ...
-
-    def returncode(self, wait: float) -> int | None:
-        """The exit code once the engine ended, waiting up to `wait` seconds for it."""
-
-    def stderr(self) -> list[str]:
-        """The last lines of its error stream."""
-
+    def write(self, text: str) -> None: ...
+    def read(self, timeout: float | None) -> str | None: ...
+    def returncode(self, wait: float) -> int | None: ...
+    def stderr(self) -> list[str]: ...
     def kill(self) -> None: ...
-
-    def close(self) -> None:
-        """Asks the engine to exit, and kills it if it doesn't within five seconds."""
+    def close(self) -> None: ...
 
 
 class ChildProcess:
@@ -243,9 +237,6 @@ class ChildProcess:
             self._lines.put(None)  # the end stays the end for every later read
             raise EOFError
         return line
-
-    def running(self) -> bool:
-        return self.proc.poll() is None
 
     def returncode(self, wait: float) -> int | None:
         try:
@@ -288,7 +279,7 @@ class Connection:
         self.iterations: int | None = None
 
     def alive(self) -> bool:
-        return not self.dead and self.transport.running()
+        return not self.dead and self.transport.returncode(0) is None
 
     def died(self) -> EngineDied:
         self.dead = True

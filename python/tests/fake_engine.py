@@ -75,9 +75,6 @@ class ScriptedEngine:
         time.sleep(0 if timeout is None else timeout)
         return None
 
-    def running(self):
-        return self.code is None
-
     def returncode(self, wait):
         return self.code
 

@@ -9,7 +9,6 @@ from contextlib import contextmanager
 import pytest
 from fake_engine import LATER, SILENT, Exit, ScriptedEngine, row
 
-from corvanta.cards import HAND_NAMES
 from corvanta.client import Solver
 from corvanta.lines import NodeCount
 from corvanta.protocol import (CAP_REASON, EngineDied, EngineError, EngineNotImplemented, EngineTimeout, NodeBlock,
