@@ -1,34 +1,21 @@
-"""A typed client that runs the engine as a child process and speaks its protocol.
+"""A typed client of the engine: the blocking API over `protocol`.
 
     with Solver() as s:
         s.set_range("OOP", "AA,KK,AKs")
         ...
         results = s.solve(accuracy=0.005, progress=print)
 
-Every command is followed by `echo <marker>`, so the answer is exactly the lines
-in front of the marker whatever the command prints (some answer nothing, some
-one line, some end in "END"). The solver's report blocks arrive whenever they
-are ready, also between a command and its marker; they are taken out of the
-stream wherever they appear. The engine runs with `-m`, so that each report is
-one "#SOLVER:" line followed by the iteration count.
-
 Input is checked here before it is sent: a malformed line would get an error
 from the engine too, but the caller's mistake is easier to read from Python.
-An "ERROR: " answer raises EngineError with the engine's text; a child that
-dies raises EngineDied with its exit code; no answer within the timeout kills
-the child and raises EngineTimeout.
+The line stream with its markers and reports, and the reading of each answer,
+are the protocol layer's; its errors and plain results are named here as well.
 """
 from __future__ import annotations
 
-import collections
 import dataclasses
 import math
 import os
-import queue
-import re
 import shutil
-import subprocess
-import threading
 import time
 from dataclasses import dataclass
 from pathlib import Path
@@ -36,52 +23,16 @@ from typing import Callable, Iterator, Mapping, Sequence
 
 from .cards import HAND_COUNT, HAND_NAMES, parse_cards, card_text
 from .lines import NodeCount
+from .paths import is_path, last_segment
+from .protocol import (CAP_REASON, ChildProcess, Connection, EngineDied, EngineError, EngineNotImplemented,
+                       EngineTimeout, Report, Results, Transport, parse_children, parse_node_count, parse_results,
+                       parse_row, parse_rows)
 from .ranges import parse_range
 
-CAP_REASON = "iteration cap reached"  # the engine's hard ceiling on iterations
+__all__ = ["CAP_REASON", "EngineDied", "EngineError", "EngineNotImplemented", "EngineTimeout", "HandValues",
+           "Report", "Results", "Solver", "Strategy", "check_path", "default_binary", "player_name"]
+
 PLAYERS = {"oop": "OOP", "hero": "OOP", "0": "OOP", "ip": "IP", "villain": "IP", "1": "IP"}
-_PATH = re.compile(r"r(:0(:[^\s:]+)*)?")
-
-
-class EngineError(Exception):
-    """The engine answered "ERROR: ..."; the message is the engine's text."""
-
-
-class EngineNotImplemented(EngineError):
-    """The engine has the command but doesn't carry it out yet."""
-
-
-class EngineDied(EngineError):
-    def __init__(self, message: str, returncode: int | None):
-        super().__init__(message)
-        self.returncode = returncode
-
-
-class EngineTimeout(EngineError):
-    pass
-
-
-@dataclass(frozen=True)
-class Report:
-    """One evaluation of a running solve; values in chips, EVs include half the start pot."""
-    seconds: float
-    ev_oop: float
-    ev_ip: float
-    mes_oop: float
-    mes_ip: float
-    exploitability: float
-    iteration: int | None = None
-
-
-@dataclass(frozen=True)
-class Results:
-    ev_oop: float
-    ev_ip: float
-    mes_oop: float
-    mes_ip: float
-    exploitability: float
-    iterations: int | None = None
-    stop_reason: str | None = None
 
 
 def _as_array(values):
@@ -161,7 +112,7 @@ def player_name(player: str | int) -> str:
 
 
 def check_path(path: str) -> str:
-    if not isinstance(path, str) or not _PATH.fullmatch(path):
+    if not is_path(path):
         raise ValueError(f"node path {path!r} is not of the form r:0:b30:c")
     return path
 
@@ -173,169 +124,48 @@ def _number(x: float) -> str:
     return str(int(x)) if x.is_integer() else repr(x)
 
 
-def _row(line: str, what: str) -> tuple[float, ...]:
-    values = tuple(float(t) for t in line.split())
-    if len(values) != HAND_COUNT:
-        raise EngineError(f"{what}: expected {HAND_COUNT} values, got {len(values)}")
-    return values
-
-
-_REPORT_KEYS = ("running time", "EV OOP", "EV IP", "OOP's MES", "IP's MES", "Exploitable for")
-
-
-def _report_values(fields: Sequence[str]) -> Report:
-    found = {}
-    for f in fields:
-        key, _, value = f.partition(":")
-        if key.strip() in _REPORT_KEYS:
-            found[key.strip()] = float(value)
-    return Report(*(found[k] for k in _REPORT_KEYS))
-
-
 class Solver:
-    """The engine as a child process behind a typed API. Use it as a context manager."""
+    """The engine as a child process behind a typed API. Use it as a context manager.
 
-    def __init__(self, binary: str | None = None, *, args: Sequence[str] = (), timeout: float = 120.0):
+    `transport` replaces the child process with another line stream (a script in the tests)."""
+
+    def __init__(self, binary: str | None = None, *, args: Sequence[str] = (), timeout: float = 120.0,
+                 transport: Transport | None = None):
         self.binary = binary or default_binary()
-        self.timeout = timeout
-        self._lines: queue.Queue[str | None] = queue.Queue()
-        self._stderr: collections.deque[str] = collections.deque(maxlen=20)
-        self._marker = 0
-        self._dead = False
-        self._pending: Report | None = None
-        self._reports: list[Report] = []
-        self._fresh: collections.deque[Report] = collections.deque()
-        self._stop_reason: str | None = None
-        self._stop_sent = False
-        self.iterations: int | None = None
-        try:
-            self._proc = subprocess.Popen([self.binary, "-m", *args], stdin=subprocess.PIPE,
-                                          stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                          text=True, bufsize=1, encoding="utf-8", errors="replace")
-        except OSError as e:
-            raise EngineDied(f"can't start {self.binary}: {e}", None) from e
-        threading.Thread(target=self._pump, args=(self._proc.stdout, self._lines), daemon=True).start()
-        threading.Thread(target=self._pump, args=(self._proc.stderr, self._stderr), daemon=True).start()
+        self._conn = Connection(transport or ChildProcess([self.binary, "-m", *args]), timeout)
         self.banner = self.command("is_ready")[:-1]
 
     # -- process and stream -------------------------------------------------
 
-    @staticmethod
-    def _pump(stream, sink) -> None:
-        for line in stream:
-            (sink.put if isinstance(sink, queue.Queue) else sink.append)(line.rstrip("\r\n"))
-        if isinstance(sink, queue.Queue):
-            sink.put(None)
+    @property
+    def timeout(self) -> float:
+        return self._conn.timeout
+
+    @timeout.setter
+    def timeout(self, seconds: float) -> None:
+        self._conn.timeout = seconds
+
+    @property
+    def iterations(self) -> int | None:
+        """The iteration count the engine last reported."""
+        return self._conn.iterations
 
     @property
     def pid(self) -> int:
-        return self._proc.pid
+        return self._conn.transport.pid
+
+    @property
+    def _proc(self):  # the child itself, for the tests that look at how it ended
+        return self._conn.transport.proc
 
     def alive(self) -> bool:
-        return not self._dead and self._proc.poll() is None
-
-    def _died(self) -> EngineDied:
-        self._dead = True
-        try:
-            code = self._proc.wait(timeout=5)
-        except subprocess.TimeoutExpired:
-            code = None
-        tail = " | ".join(self._stderr)
-        return EngineDied(f"the engine ended with exit code {code}" + (f": {tail}" if tail else ""), code)
-
-    def _kill(self) -> None:
-        self._dead = True
-        if self._proc.poll() is None:
-            self._proc.kill()
-            self._proc.wait()
-
-    def _write(self, text: str) -> None:
-        if self._dead:
-            raise EngineDied("the engine is no longer running", self._proc.returncode)
-        try:
-            self._proc.stdin.write(text)
-            self._proc.stdin.flush()
-        except (BrokenPipeError, OSError, ValueError):
-            raise self._died() from None
-
-    def _next_line(self, timeout: float | None) -> str | None:
-        """The next line, None when `timeout` passed; a dead child raises."""
-        try:
-            line = self._lines.get(timeout=timeout)
-        except queue.Empty:
-            return None
-        if line is None:
-            self._lines.put(None)
-            raise self._died()
-        return line
-
-    def _side_line(self, line: str) -> bool:
-        """Takes report lines and other side information out of the answer stream."""
-        if line == "SOLVER: started":
-            return True
-        if line.startswith("SOLVER: stopped ("):
-            self._flush_pending()
-            reason = line[len("SOLVER: stopped ("):].rstrip(")")
-            # The engine says "requested" for a stop and for its iteration cap alike;
-            # only this side knows whether it asked.
-            self._stop_reason = reason if reason != "requested" or self._stop_sent else CAP_REASON
-            return True
-        if line.startswith("#SOLVER:"):
-            self._flush_pending()
-            self._pending = _report_values(line[len("#SOLVER:"):].split("\t"))
-            return True
-        if line == "SOLVER:":  # the block form, when comments are off
-            block = []
-            while (nxt := self._next_line(self.timeout)) not in (None, "END"):
-                block.append(nxt)
-            self._add_report(_report_values(block))
-            return True
-        if m := re.fullmatch(r"#(\d+) iterations", line):
-            self.iterations = int(m[1])
-            if self._pending:
-                self._add_report(dataclasses.replace(self._pending, iteration=self.iterations))
-                self._pending = None
-            return True
-        return line.startswith("#") or line.startswith("[")
-
-    def _add_report(self, report: Report) -> None:
-        self._reports.append(report)
-        self._fresh.append(report)
-
-    def _flush_pending(self) -> None:
-        if self._pending:
-            self._add_report(self._pending)
-            self._pending = None
+        return self._conn.alive()
 
     # -- commands -----------------------------------------------------------
 
     def commands(self, lines: Sequence[str], timeout: float | None = None) -> list[str]:
         """Sends lines as they are and returns all their answer lines; the first ERROR raises."""
-        for line in lines:
-            if "\n" in line or "\r" in line:
-                raise ValueError("a command is one line")
-        if any(line.split()[:1] == ["stop"] for line in lines):
-            self._stop_sent = True
-        self._marker += 1
-        marker = f"corvanta-sync-{self._marker}"
-        self._write("".join(f"{line}\n" for line in lines) + f"echo {marker}\n")
-        deadline = time.monotonic() + (self.timeout if timeout is None else timeout)
-        answer = []
-        while True:
-            line = self._next_line(max(0.0, deadline - time.monotonic()))
-            if line is None:
-                self._kill()
-                raise EngineTimeout(f"no answer to {lines[-1] if lines else 'echo'!r} within "
-                                    f"{self.timeout if timeout is None else timeout} s; the engine was stopped")
-            if line == marker:
-                break
-            if not self._side_line(line):
-                answer.append(line)
-        for line in answer:
-            if line.startswith("ERROR: "):
-                text = line[len("ERROR: "):]
-                raise (EngineNotImplemented if text.endswith("not implemented yet") else EngineError)(text)
-        return answer
+        return self._conn.exchange(lines, timeout)
 
     def command(self, line: str, timeout: float | None = None) -> list[str]:
         """One protocol line, its answer lines (reports and "#" lines taken out)."""
@@ -343,19 +173,7 @@ class Solver:
 
     def close(self) -> None:
         """Ends the child: `exit`, and a kill if it doesn't go within five seconds."""
-        if self._dead:
-            return
-        self._dead = True
-        try:
-            self._proc.stdin.write("exit\n")
-            self._proc.stdin.close()
-        except (OSError, ValueError):
-            pass
-        try:
-            self._proc.wait(timeout=5)
-        except subprocess.TimeoutExpired:
-            self._proc.kill()
-            self._proc.wait()
+        self._conn.close()
 
     def __enter__(self) -> "Solver":
         return self
@@ -409,19 +227,7 @@ class Solver:
         self.command("build_tree", timeout)
 
     def node_count(self) -> NodeCount:
-        figures: dict[str, list[int]] = {}
-        current = None
-        total = 0
-        for line in self.command("node_count"):
-            key, _, value = line.partition(":") if ":" in line else line.partition(" ")
-            if key in ("H_DEC", "V_DEC", "SPLIT", "END", "ROOT"):
-                current = figures.setdefault(key, [])
-            elif key == "TOTAL":
-                total = int(value)
-            elif key in ("FLOP", "TURN", "RIVER") and current is not None:
-                current.append(int(value))
-        return NodeCount(tuple(figures["H_DEC"]), tuple(figures["V_DEC"]), tuple(figures["SPLIT"]),
-                         tuple(figures["END"]), figures["ROOT"].index(1) + 1, total)
+        return parse_node_count(self.command("node_count"))
 
     def set_threads(self, threads: int) -> None:
         self.command(f"set_threads {int(threads)}")
@@ -449,37 +255,23 @@ class Solver:
             go = f"go {int(seconds)} seconds"
         elif steps is not None:
             go = f"go {int(steps)} steps"
-        self._reports, self._stop_reason, self._stop_sent = [], None, False
-        self._fresh.clear()
+        conn = self._conn
+        conn.new_run()
         self.command(go)
         deadline = None if timeout is None else time.monotonic() + timeout
         try:
             while True:
-                while self._fresh:
-                    yield self._fresh.popleft()
-                if self._stop_reason is not None:
+                while conn.fresh:
+                    yield conn.fresh.popleft()
+                if conn.stop_reason is not None:
                     return
                 wait = 0.5 if deadline is None else max(0.0, deadline - time.monotonic())
-                line = self._next_line(wait)
-                if line is None:
-                    if deadline is not None and time.monotonic() >= deadline:
-                        self._stop_run()
-                        raise EngineTimeout(f"the solve took more than {timeout} s; stopped")
-                    continue
-                self._side_line(line)
+                if not conn.poll(wait) and deadline is not None and time.monotonic() >= deadline:
+                    conn.stop_run()
+                    raise EngineTimeout(f"the solve took more than {timeout} s; stopped")
         finally:
-            if self._stop_reason is None and self.alive():
-                self._stop_run()
-
-    def _stop_run(self) -> None:
-        self.command("stop")
-        deadline = time.monotonic() + self.timeout
-        while self._stop_reason is None:
-            line = self._next_line(max(0.0, deadline - time.monotonic()))
-            if line is None:
-                self._kill()
-                raise EngineTimeout("the solver didn't stop; the engine was stopped")
-            self._side_line(line)
+            if conn.stop_reason is None and conn.alive():
+                conn.stop_run()
 
     def solve(self, accuracy: float | None = None, seconds: int | None = None, steps: int | None = None,
               progress: Callable[[Report], None] | None = None, timeout: float | None = None) -> Results:
@@ -493,44 +285,38 @@ class Solver:
     @property
     def reports(self) -> list[Report]:
         """The reports of the last solve."""
-        return list(self._reports)
+        return list(self._conn.reports)
 
     def stop_reason(self) -> str | None:
-        return self._stop_reason
+        return self._conn.stop_reason
 
     # -- queries ------------------------------------------------------------
 
     def results(self) -> Results:
-        self.iterations = None
-        lines = self.command("calc_results")
-        values = {}
-        for line in lines:
-            key, _, value = line.partition(":")
-            if key in _REPORT_KEYS:
-                values[key] = float(value)
-        return Results(*(values[k] for k in _REPORT_KEYS[1:]), iterations=self.iterations,
-                       stop_reason=self._stop_reason)
+        self._conn.iterations = None
+        results = parse_results(self.command("calc_results"))  # the iteration count comes with it
+        return dataclasses.replace(results, iterations=self._conn.iterations, stop_reason=self._conn.stop_reason)
 
     def children(self, path: str = "r:0") -> list[str]:
         """Action names at a node, in the engine's order: the last segment of each child's path."""
         lines = self.command(f"show_children {check_path(path)}")
-        return [lines[i + 1].rsplit(":", 1)[1] for i, line in enumerate(lines) if line.startswith("child ")]
+        return [last_segment(child.path) for child in parse_children(lines)]
 
     def strategy(self, path: str = "r:0") -> Strategy:
         actions = self.children(path)
-        rows = [_row(line, "show_strategy") for line in self.command(f"show_strategy {path}") if line != "END"]
+        rows = parse_rows(self.command(f"show_strategy {path}"), "show_strategy")
         if len(rows) != len(actions):
             raise EngineError(f"show_strategy gave {len(rows)} rows for {len(actions)} actions")
         return Strategy(path, actions, rows)
 
     def range(self, player: str | int, path: str = "r:0") -> HandValues:
         lines = self.command(f"show_range {player_name(player)} {check_path(path)}")
-        return HandValues(_row(lines[0], "show_range"))
+        return HandValues(parse_row(lines[0], "show_range"))
 
     def ev(self, player: str | int, path: str = "r:0") -> HandValues:
         """EV per hand in chips (NaN where a hand meets nothing) and matchups."""
         lines = self.command(f"calc_ev {player_name(player)} {check_path(path)}")
-        return HandValues(_row(lines[0], "calc_ev"), _row(lines[1], "calc_ev"))
+        return HandValues(parse_row(lines[0], "calc_ev"), parse_row(lines[1], "calc_ev"))
 
     def equity(self, player: str | int, path: str | None = None) -> HandValues:
         """Showdown equity per hand against the other range (the game's ranges, or with a
@@ -541,7 +327,7 @@ class Solver:
             lines = self.command(f"calc_eq {name}")
         else:
             lines = self.command(f"calc_eq_node {name} {check_path(path)}")
-        values, matchups = _row(lines[0], "calc_eq"), _row(lines[1], "calc_eq")
+        values, matchups = parse_row(lines[0], "calc_eq"), parse_row(lines[1], "calc_eq")
         # The engine's own total line counts every hand that meets the other range alike,
         # whether the player holds it or not; the player's range at the node has to weigh in.
         weights = self.range(name, path or "r:0").values

@@ -13,7 +13,6 @@ the board.
 from __future__ import annotations
 
 import math
-import re
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Callable
@@ -21,9 +20,10 @@ from typing import Any, Callable
 from .cards import HAND_CARDS, HAND_NAMES, RANKS, parse_cards
 from .client import EngineDied, EngineError, EngineNotImplemented, EngineTimeout, Report, Solver
 from .game import Game, GameError
+from .paths import is_path, last_segment, steps
+from .protocol import (NodeBlock, parse_categories, parse_category_names, parse_children, parse_line_freq, parse_node,
+                       parse_probs)
 
-# Stricter than the engine's reader: a bet is digits, a card is rank and suit.
-PATH_RE = re.compile(r"r(:0(:(b\d{1,7}(\.\d{1,6})?|c|f|[2-9TJQKA][cdhs])){0,40})?")
 PLAYERS = ("OOP", "IP")
 
 FOLD_COLOR = "#5b8fd6"
@@ -38,7 +38,7 @@ class ViewError(ValueError):
 
 
 def check_path(path: str) -> str:
-    if not isinstance(path, str) or not PATH_RE.fullmatch(path):
+    if not is_path(path):
         raise ViewError(f"bad path {path[:60]!r}: expected a form like r:0:b50:c or r:0:c:c:Ah")
     return path
 
@@ -165,23 +165,16 @@ def open_game(solver: Solver, path: str, progress: Callable[[Report], None] | No
             raise ViewError(f"{path}: not a tree file this engine can load ({e})") from None
     root = node_block(solver, "r:0")
     if results is None:
-        results = {**r.__dict__, "exploitability_share": r.exploitability / root["pot"] if root["pot"] else None}
-    return Opened(p.name, root["board"], root["pot"], results)
+        results = {**r.__dict__, "exploitability_share": r.exploitability / root.pot if root.pot else None}
+    return Opened(p.name, root.board, root.pot, results)
 
 
-def _block(lines: list[str]) -> dict[str, Any]:
-    invested = lines[3].split()
-    return {"path": lines[0], "kind": lines[1], "board": lines[2].split(),
-            "invested": [float(invested[0]), float(invested[1])], "pot": float(invested[2])}
+def node_block(solver: Solver, path: str) -> NodeBlock:
+    return parse_node(solver.command(f"show_node {path}"))
 
 
-def node_block(solver: Solver, path: str) -> dict[str, Any]:
-    return _block(solver.command(f"show_node {path}"))
-
-
-def children(solver: Solver, path: str) -> list[dict[str, Any]]:
-    lines = solver.command(f"show_children {path}")
-    return [_block(lines[i + 1:i + 7]) for i, line in enumerate(lines) if line.startswith("child ")]
+def children(solver: Solver, path: str) -> list[NodeBlock]:
+    return parse_children(solver.command(f"show_children {path}"))
 
 
 # -- one node ---------------------------------------------------------------
@@ -206,25 +199,25 @@ _BROKEN = (EngineNotImplemented, EngineDied, EngineTimeout)
 
 def _node_view(solver: Solver, path: str, player: str | None) -> dict[str, Any]:
     node = node_block(solver, path)
-    kind = node["kind"]
+    kind = node.kind
     acting = {"OOP_DEC": "OOP", "IP_DEC": "IP"}.get(kind)
     shown = player or acting or "OOP"
-    board = node["board"]
+    board = node.board
     board_cards = set(parse_cards("".join(board)))
     live = [h for h in range(len(HAND_NAMES)) if not (set(HAND_CARDS[h]) & board_cards)]
     live_set = frozenset(live)
 
     kids = children(solver, path) if kind not in ("END_NODE",) else []
-    out: dict[str, Any] = {"path": path, "kind": kind, "board": board, "pot": node["pot"],
-                           "invested": node["invested"], "acting": acting, "player": shown,
+    out: dict[str, Any] = {"path": path, "steps": steps(path), "kind": kind, "board": board, "pot": node.pot,
+                           "invested": node.invested, "acting": acting, "player": shown,
                            "actions": [], "cards": []}
     if kind == "SPLIT_NODE":
         # The end of the river is marked as a split too: no card comes there.
         if len(board) < 5:
-            out["cards"] = [k["path"].rsplit(":", 1)[1] for k in kids]
+            out["cards"] = [last_segment(k.path) for k in kids]
         kids = []
-    facing = node["invested"][0] != node["invested"][1]
-    segments = order_actions([k["path"].rsplit(":", 1)[1] for k in kids]) if acting else []
+    facing = node.invested[0] != node.invested[1]
+    segments = order_actions([last_segment(k.path) for k in kids]) if acting else []
 
     ranges = {p: solver.range(p, path).values for p in PLAYERS}
     sums = {p: sum(ranges[p][h] for h in live) for p in PLAYERS}
@@ -233,8 +226,7 @@ def _node_view(solver: Solver, path: str, player: str | None) -> dict[str, Any]:
     rows: dict[str, tuple] = {}
     freqs: dict[str, float] = {}
     if acting and segments and sums[acting] > 0:
-        probs = solver.command(f"show_probs {path}")[0].split()
-        freqs = {probs[i]: float(probs[i + 1]) for i in range(4, len(probs) - 1, 2)}
+        freqs = parse_probs(solver.command(f"show_probs {path}")).actions
         if shown == acting:
             strategy = solver.strategy(path)
             rows = {a: strategy[a] for a in segments}
@@ -257,7 +249,7 @@ def _node_view(solver: Solver, path: str, player: str | None) -> dict[str, Any]:
             per_hand[p] = got.values
             summary[p] = range_average(got.values, got.matchups, ranges[p], live)
     try:
-        line_freq = _finite(float(solver.command(f"calc_line_freq {path}")[0]))
+        line_freq = _finite(parse_line_freq(solver.command(f"calc_line_freq {path}")))
     except _BROKEN:
         raise
     except (EngineError, ValueError, IndexError):
@@ -291,17 +283,15 @@ def _cell_weight(cell: str, weights, live: frozenset) -> float:
     return sum(weights[h] for h in hands) / len(hands) if hands else 0.0
 
 
-_NAMES: dict[str, list[list[str]]] = {}
+_NAMES: dict[str, tuple[list[str], list[str]]] = {}
 
 
 def classes(solver: Solver, board: list[str], live: list[int], weights, rows) -> tuple[list, list]:
     """Each hand class's share of the range and its action mix: made hands, then draws."""
     if "names" not in _NAMES:
-        lines = solver.command("show_category_names")
-        _NAMES["names"] = [lines[0].split(), lines[1].split()]
+        _NAMES["names"] = parse_category_names(solver.command("show_category_names"))
     made_names, draw_names = _NAMES["names"]
-    lines = solver.command("show_categories " + " ".join(board))
-    made, draw = [int(x) for x in lines[0].split()], [int(x) for x in lines[1].split()]
+    made, draw = parse_categories(solver.command("show_categories " + " ".join(board)))
     total = sum(weights[h] for h in live)
     out = []
     for numbers, names, skip in ((made, made_names, None), (draw, draw_names, 0)):

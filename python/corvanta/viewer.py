@@ -35,6 +35,7 @@ from typing import Any
 from .client import EngineError, Report, Solver
 from .game import Game, GameError
 from .nodeview import ViewError, check_path, check_player, node_view, open_game
+from .paths import PATTERN
 
 STATIC = Path(__file__).with_name("static")
 PAGES = {"/": ("index.html", "text/html; charset=utf-8"),
@@ -96,7 +97,7 @@ class Session:
     def status(self) -> dict[str, Any]:
         # The first report stays: the page measures the progress from it.
         with self.state_lock:
-            return {"state": self.state, "message": self.message, "game": self.info,
+            return {"state": self.state, "message": self.message, "game": self.info, "path_pattern": PATTERN,
                     "reports": self.reports[:1] + self.reports[1:][-199:], "seconds": round(time.monotonic() - self.started, 1)}
 
     def check_node(self, path: str, player: str | None) -> None:

@@ -399,6 +399,11 @@ class TestBrowser:
             browser.find_element("css selector", 'button.card[data-card="Ks"]').click()
             wait(browser, lambda d: d.execute_script("return document.body.dataset.path") == "r:0:c:c:Ks")
             assert browser.find_elements("css selector", "button.action")
+            # The line and the check of a typed path follow the server's grammar.
+            links = [(a.get_attribute("href").split("#")[1], a.text) for a in browser.find_elements("css selector", "#line a")]
+            assert links == [("r:0", "start"), ("r:0:c", "c"), ("r:0:c:c", "c"), ("r:0:c:c:Ks", "K\u2660")]
+            browser.execute_script("location.hash = '#r:0:c:k'")
+            wait(browser, lambda d: d.find_element("id", "error").text == "not a node path: r:0:c:k")
             # The picture in the README: the first decision with one cell's hands listed.
             open_page(browser, url, "r:0")
             browser.find_element("css selector", '#grid .cell[data-hand="KQs"]').click()

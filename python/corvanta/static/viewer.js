@@ -2,10 +2,10 @@
 // node named in the address's fragment (#r:0:b50:c) and follows clicks there.
 "use strict";
 
-const PATH_RE = /^r(:0(:(b\d{1,7}(\.\d{1,6})?|c|f|[2-9TJQKA][cdhs])){0,40})?$/;
 const SUIT_SIGN = { s: "\u2660", h: "\u2665", d: "\u2666", c: "\u2663" };
 const $ = (id) => document.getElementById(id);
 let node = null;
+let pathRe = null;  // the server's node-path grammar, from the status
 let pinned = null;
 let chosen = null;  // the main grid's player when picked by hand; else the one to act
 
@@ -62,6 +62,7 @@ function progressShare(reports, target) {
 }
 
 function showStatus(st) {
+  if (st.path_pattern) pathRe = new RegExp("^(?:" + st.path_pattern + ")$");
   const g = st.game || {};
   $("game").textContent = g.name + (g.board ? "  \u00b7  " + g.board.join(" ") + "  \u00b7  pot " + g.pot : "");
   const reports = st.reports || [];
@@ -103,7 +104,7 @@ async function poll() {
 
 async function loadNode() {
   const path = currentPath();
-  if (!PATH_RE.test(path)) {
+  if (pathRe && !pathRe.test(path)) {
     showError("not a node path: " + path);
     return;
   }
@@ -146,17 +147,14 @@ function render() {
 function renderLine() {
   const nav = $("line");
   nav.replaceChildren();
-  const parts = node.path.split(":");
   const start = el("a", "", "start");
   start.href = "#r:0";
   nav.append(start);
-  for (let i = 2; i < parts.length; i++) {
-    const prefix = parts.slice(0, i + 1).join(":");
-    const seg = parts[i];
+  for (const step of node.steps) {
     const link = el("a");
-    link.href = "#" + prefix;
-    if (/^[2-9TJQKA][cdhs]$/.test(seg)) link.append(cardNode(seg));
-    else link.textContent = seg;
+    link.href = "#" + step.path;
+    if (step.card) link.append(cardNode(step.segment));
+    else link.textContent = step.segment;
     nav.append(" \u203a ", link);
   }
   nav.append(el("span", "here", "  " + kindText() +
