@@ -205,7 +205,11 @@ class Solver:
         self._reports: list[Report] = []
         self._fresh: collections.deque[Report] = collections.deque()
         self._stop_reason: str | None = None
+        self._stop_wanted = False
         self.iterations: int | None = None
+        # The latest side lines ("#..." comments, "[...]" under -v), for callers that read
+        # what the engine says beside its answers, such as the storage plan of a build.
+        self.notes: collections.deque[str] = collections.deque(maxlen=64)
         try:
             self._proc = subprocess.Popen([self.binary, "-m", *args], stdin=subprocess.PIPE,
                                           stdout=subprocess.PIPE, stderr=subprocess.PIPE,
@@ -291,7 +295,10 @@ class Solver:
                 self._add_report(dataclasses.replace(self._pending, iteration=self.iterations))
                 self._pending = None
             return True
-        return line.startswith("#") or line.startswith("[")
+        if line.startswith("#") or line.startswith("["):
+            self.notes.append(line)
+            return True
+        return False
 
     def _add_report(self, report: Report) -> None:
         self._reports.append(report)
@@ -442,7 +449,7 @@ class Solver:
             go = f"go {int(seconds)} seconds"
         elif steps is not None:
             go = f"go {int(steps)} steps"
-        self._reports, self._stop_reason = [], None
+        self._reports, self._stop_reason, self._stop_wanted = [], None, False
         self._fresh.clear()
         self.command(go)
         deadline = None if timeout is None else time.monotonic() + timeout
@@ -452,6 +459,9 @@ class Solver:
                     yield self._fresh.popleft()
                 if self._stop_reason is not None:
                     return
+                if self._stop_wanted:
+                    self._stop_run()
+                    continue
                 wait = 0.5 if deadline is None else max(0.0, deadline - time.monotonic())
                 line = self._next_line(wait)
                 if line is None:
@@ -463,6 +473,10 @@ class Solver:
         finally:
             if self._stop_reason is None and self.alive():
                 self._stop_run()
+
+    def request_stop(self) -> None:
+        """Asks a solve running on another thread to stop; its loop ends within half a second."""
+        self._stop_wanted = True
 
     def _stop_run(self) -> None:
         self.command("stop")

@@ -19,6 +19,7 @@
     raise = "60%, a"
     max_raises = 1            # raises after the bet; the default comes from [tree]
     donk = "50%"              # optional: OOP's lead sizes into the last aggressor, false for none
+    ip_bet = "50%"            # optional: IP's own bet sizes (ip_raise: its raises); else bet and raise
 """
 from __future__ import annotations
 
@@ -38,7 +39,7 @@ class GameError(ValueError):
 
 _TOP = {"board", "pot", "stack", "accuracy", "seconds", "steps", "threads", "ranges", "tree"}
 _TREE = {"allin_threshold", "min_bet", "max_raises", *STREET_NAMES}
-_STREET = {"bet", "raise", "max_raises", "donk"}
+_STREET = {"bet", "raise", "max_raises", "donk", "ip_bet", "ip_raise"}
 
 
 def _unknown(table: dict, known: set, where: str) -> None:
@@ -104,7 +105,8 @@ class Game:
             _unknown(st, _STREET, f"tree.{name}")
             try:
                 streets.append(StreetRules.of(st.get("bet"), st.get("raise"), st.get("donk"),
-                                              st.get("max_raises", tree.get("max_raises", 1))))
+                                              st.get("max_raises", tree.get("max_raises", 1)),
+                                              st.get("ip_bet"), st.get("ip_raise")))
             except (RulesError, TypeError, ValueError) as e:
                 raise GameError(f"tree.{name}: {e}") from None
         rules = TreeRules(pot, stack, streets, first, tree.get("allin_threshold"), tree.get("min_bet", 1))
