@@ -135,6 +135,8 @@ def create_app(session: Session, token: str, study: StudyEngine | None = None) -
                     return error(415, "a JSON body (Content-Type: application/json)")
                 if request.content_length is None:
                     return error(411, "the body needs a Content-Length")
+                if request.content_length > MAX_BODY:
+                    return error(413, f"the body is over {MAX_BODY // 1024} kB")
             if request.method == "HEAD":  # the headers only: no engine work
                 return Response(status=200, mimetype="application/json")
         return None

@@ -227,6 +227,8 @@ class Session:
 
     def solve(self, body: Any) -> None:
         settings = check_solve(body)
+        if self.state == "solving":
+            raise Busy("the engine is busy: solving")
         if self.state not in ("built", "solved") and not (self.state == "error" and self.game):
             raise Refused("solve: set up a game or open a tree first")
         if not self._lock.acquire(blocking=False):
@@ -449,7 +451,7 @@ class Session:
     def range_files(self) -> list[str]:
         if not self.ranges or not self.ranges.is_dir():
             return []
-        return sorted(p.name for p in self.ranges.glob("*.txt") if not p.name.startswith("."))
+        return sorted(p.name for p in self.ranges.glob("*.txt") if not p.name.startswith(".") and not p.is_symlink())
 
     def range_file(self, name: Any) -> Path:
         if not self.ranges:

@@ -1,0 +1,262 @@
+"""The app's API over the real engine, whose input is copied to a log: what a request
+is refused for must never reach the engine, whatever the request holds."""
+import http.client
+import json
+import os
+import socket
+import stat
+import subprocess
+import sys
+import time
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+import pytest
+
+from corvanta.app import Server
+from corvanta.session import Session
+
+ROOT = Path(__file__).resolve().parents[2]
+POLAR = {"board": "2c 7d 9h Ts Ks", "pot": 100, "stack": 100, "ranges": {"oop": "99,77,43s", "ip": "KQ"},
+         "tree": {"river": {"bet": "100%", "ip_bet": "", "max_raises": 0}}}
+TURN = {"board": "Qs Jh 2h 7c", "pot": 100, "stack": 150,
+        "ranges": {"oop": "TT+,AQ+,KQ,QJs,QTs,JTs,T9s,98s,A5s-A3s,KJs", "ip": "99+,AJ+,KQ,QJs,KJs,JTs,T9s,87s,A5s"},
+        "tree": {"turn": {"bet": "50%", "max_raises": 0}, "river": {"bet": "a", "max_raises": 0}}}
+GETS = ["/api/status", "/api/meta", "/api/files", "/api/ranges", "/api/node?path=r:0", "/api/values?path=r:0",
+        "/api/cards?path=r:0:c:c", "/api/export?path=r:0", "/api/study?folder=0&name=study",
+        "/api/study/line?folder=0&name=study&flop=QsJh2h&path=r:0"]
+POSTS = {"/api/check": POLAR, "/api/range/parse": {"text": "AA"}, "/api/range/text": {"weights": [0] * 1326},
+         "/api/ranges/load": {"name": "x"}, "/api/ranges/save": {"name": "x", "text": "AA"}, "/api/setup": POLAR,
+         "/api/solve": {}, "/api/stop": {}, "/api/lock": {"path": "r:0", "all": {}},
+         "/api/unlock": {"path": "r:0"}, "/api/save": {"name": "x"}, "/api/open": {"name": "x.tree"}}
+
+
+@pytest.fixture(scope="module")
+def app(engine, tmp_path_factory):
+    """The app in this process over an engine whose input goes to a log as well."""
+    folder = tmp_path_factory.mktemp("files")
+    log = folder.parent / "engine.log"
+    wrapper = folder.parent / "engine.sh"
+    wrapper.write_text(f'#!/bin/sh\ntee -a "{log}" | exec "{engine}" "$@"\n')
+    wrapper.chmod(wrapper.stat().st_mode | stat.S_IEXEC)
+    (folder / "ranges").mkdir()
+    server = Server(Session(str(wrapper), [folder], folder / "ranges")).start()
+    yield Api(server, log, folder)
+    server.close()
+
+
+class Api:
+    def __init__(self, server, log, folder):
+        self.server, self.log, self.folder = server, log, folder
+        self.host = f"127.0.0.1:{server.port}"
+
+    def __call__(self, method, path, body=None, headers=None, raw=None, token=True):
+        conn = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=120)
+        h = {"Host": self.host}
+        if token:
+            h["X-Corvanta-Token"] = self.server.token
+        data = raw
+        if body is not None:
+            data = json.dumps(body).encode()
+        if data is not None:
+            h["Content-Type"] = "application/json"
+        h.update(headers or {})
+        conn.request(method, path, body=data, headers=h)
+        r = conn.getresponse()
+        text = r.read()
+        conn.close()
+        try:
+            return r.status, json.loads(text) if text else None
+        except ValueError:
+            return r.status, text.decode()
+
+    def sent(self) -> str:
+        return self.log.read_text() if self.log.exists() else ""
+
+    def wait(self, timeout=60):
+        deadline = time.monotonic() + timeout
+        while (st := self("GET", "/api/status")[1])["state"] in ("solving", "building"):
+            assert time.monotonic() < deadline, st
+            time.sleep(0.05)
+        return st
+
+
+def refused(api, method, path, body=None, status=400, **kw):
+    """The request is refused with a message, and the engine saw nothing of it."""
+    before = api.sent()
+    code, answer = api(method, path, body, **kw)
+    assert code == status and answer and answer["error"], (method, path, body, code, answer)
+    assert api.sent() == before, (method, path, body)
+    return answer["error"]
+
+
+class TestGuards:
+    def test_foreign_host_origin_and_missing_token_are_refused_everywhere(self, app):
+        port = app.server.port
+        for method, path, body in [*(("GET", p, None) for p in GETS), *(("POST", p, b) for p, b in POSTS.items())]:
+            assert "answers only" in refused(app, method, path, body, 403, headers={"Host": f"evil.example:{port}"})
+            refused(app, method, path, body, 403, headers={"Host": f"127.0.0.1:{port + 1}"})
+            assert "other sites" in refused(app, method, path, body, 403,
+                                            headers={"Origin": f"http://evil.example:{port}"})
+            assert "token" in refused(app, method, path, body, 403, token=False)
+            refused(app, method, path, body, 403, headers={"X-Corvanta-Token": "x" + app.server.token[1:]})
+        # The page itself needs no token, only the right Host.
+        assert app("GET", "/", token=False)[0] == 200
+        assert app("GET", "/", token=False, headers={"Host": "evil.example"})[0] == 403
+
+    def test_posts_need_a_json_body_of_limited_size(self, app):
+        for path in POSTS:
+            assert "JSON" in refused(app, "POST", path, raw=b'{"a": 1}', status=415,
+                                     headers={"Content-Type": "text/plain"})
+            refused(app, "POST", path, raw=b"{not json", status=400)
+            assert "kB" in refused(app, "POST", path, raw=b'{"text": "' + b"A" * 300_000 + b'"}', status=413)
+            refused(app, "GET", path, status=405)
+        for path in GETS:
+            refused(app, "POST", path.split("?")[0], {}, status=405)
+        refused(app, "GET", "/api/node?path=r:0&path=r:0:c")
+        refused(app, "GET", "/api/node?path=r:0&depth=2")
+        refused(app, "GET", "/static/../session.py", status=404)
+
+    def test_head_answers_without_asking_the_engine(self, app):
+        before = app.sent()
+        for path in GETS:
+            assert app("HEAD", path)[0] == 200
+        assert app.sent() == before
+
+
+class TestHostileInput:
+    SMUGGLED = "\nexit\n"
+
+    def test_engine_commands_smuggled_in_fields_never_reach_the_engine(self, app):
+        for field, value in [("board", "2c 7d 9h Ts Ks" + self.SMUGGLED), ("pot", "100\nexit"), ("pot", True),
+                             ("stack", 1e300), ("ranges", {"oop": "AA" + self.SMUGGLED, "ip": "KK"}),
+                             ("ranges", {"oop": "AA", "ip": "KK", "x": "QQ"}),
+                             ("tree", {"river": {"bet": "50%" + self.SMUGGLED}}),
+                             ("tree", {"river": {"max_raises": "1\nexit"}}),
+                             ("tree", {"flop": {"bet": "50%"}}), ("tree", {"river": {"go": "1"}}), ("x", 1)]:
+            message = refused(app, "POST", "/api/setup", {**POLAR, field: value})
+            assert message.split(":")[0] in (field, f"ranges.oop", "ranges", f"tree.river", "tree.flop",
+                                             "tree.river.bet", "tree.river.max_raises", "tree.river.go", "x"), message
+            assert app("POST", "/api/check", {**POLAR, field: value})[1]["errors"]
+        for path in ("r:0" + self.SMUGGLED, "r:0:b50\r\nexit", "r:0:b 50", "x:0", "r:0:" + "c:" * 60 + "c"):
+            for url in ("/api/node", "/api/values", "/api/cards", "/api/export"):
+                refused(app, "GET", f"{url}?path={path.replace(chr(10), '%0A').replace(chr(13), '%0D').replace(' ', '%20')}")
+            refused(app, "POST", "/api/lock", {"path": path, "all": {"c": 1}})
+            refused(app, "POST", "/api/unlock", {"path": path})
+        refused(app, "GET", "/api/node?path=r:0&player=OOP%0Aexit")
+        for body in ({"threads": "1\nexit"}, {"threads": True}, {"accuracy": -1}, {"seconds": 0},
+                     {"compression": "auto\nexit"}, {"seconds": 5, "steps": 5}, {"go": 1}, []):
+            refused(app, "POST", "/api/solve", body)
+        assert "exit" not in app.sent()
+
+    def test_files_stay_inside_the_named_folders(self, app, tmp_path):
+        outside = tmp_path / "outside.tree"
+        outside.write_bytes(b"x")
+        (app.folder / "link.tree").symlink_to(outside)
+        (app.folder / "linkdir").symlink_to(tmp_path)
+        (app.folder / "ranges" / "link.txt").symlink_to(outside)
+        for name in ("../outside.tree", "/etc/passwd", str(outside), "a/../../outside.tree", "link.tree",
+                     "linkdir/outside.tree", 'a".tree', "x\nexit", "", "a" * 400, "..", "./x"):
+            refused(app, "POST", "/api/open", {"folder": 0, "name": name})
+            refused(app, "POST", "/api/save", {"folder": 0, "name": name})
+            for url in ("/api/ranges/save", "/api/ranges/load"):
+                refused(app, "POST", url, {"name": name.replace("tree", "txt"), "text": "AA"}
+                        if url.endswith("save") else {"name": name.replace("tree", "txt")})
+        for folder in (1, -1, "0", True, None):
+            refused(app, "POST", "/api/open", {"folder": folder, "name": "x.tree"})
+        refused(app, "GET", "/api/study?folder=0&name=..")
+        refused(app, "GET", "/api/study?folder=0&name=linkdir")
+        refused(app, "GET", "/api/study/line?folder=0&name=.&flop=../../x&path=r:0")
+        assert outside.read_bytes() == b"x" and not (tmp_path / "x.tree").exists()
+
+
+class TestSession:
+    def test_polar_river_solves_locks_saves_and_opens(self, app):
+        code, preview = app("POST", "/api/setup", POLAR)
+        assert code == 200 and preview["lines"] == 2 and preview["auto"] == 0
+        assert preview["decisions"] == 2 * 2352 + 2352 and len(preview["levels"]) == 6
+        assert app("POST", "/api/solve", {"accuracy": 0.001})[0] == 200
+        st = app.wait()
+        assert st["state"] == "solved" and st["results"]["ev_oop"] == pytest.approx(90, abs=0.5)
+        node = app("GET", "/api/node?path=r:0")[1]
+        bet = {a["name"]: a["freq"] for a in node["actions"]}
+        assert bet["b100"] == pytest.approx(0.9, abs=0.01)  # value 6 combos, bluffs 6 x 100/200
+        # IP always calls: no bluff is worth making, OOP's value bets win pot and bet.
+        assert app("POST", "/api/lock", {"path": "r:0:b100", "all": {"c": 1, "f": 0}})[0] == 200
+        assert app("POST", "/api/solve", {"accuracy": 0.001})[0] == 200
+        st = app.wait()
+        assert st["results"]["ev_oop"] == pytest.approx(120, abs=0.5) and st["locks"][0]["path"] == "r:0:b100"
+        assert st["locks"][0]["before"]["ev_oop"] == pytest.approx(90, abs=0.5)
+        want = app("GET", "/api/export?path=r:0&format=json")[1]
+        assert {h["hand"][:2]: h["strategy"]["b100"] for h in want["hands"]} == {"4c": 0, "4d": 0, "4h": 0, "4s": 0,
+                                                                                 "7h": 1, "7s": 1, "9d": 1, "9s": 1}
+        assert app("POST", "/api/save", {"folder": 0, "name": "polar"}) == (200, {"name": "polar.tree"})
+        assert app("POST", "/api/setup", TURN)[0] == 200
+        assert app("POST", "/api/open", {"folder": 0, "name": "polar.tree"})[0] == 200
+        assert app("GET", "/api/export?path=r:0&format=json")[1] == want
+        csv = app("GET", "/api/export?path=r:0&format=csv")[1].splitlines()
+        assert csv[0] == "hand,weight,b100,c,ev,equity" and "7s7c,1,1,0,200,1" in csv
+
+    def test_a_solve_holds_the_engine_and_stops_on_request(self, app):
+        assert app("POST", "/api/setup", TURN)[0] == 200
+        assert app("POST", "/api/solve", {"accuracy": 0, "seconds": 60, "threads": 1})[0] == 200
+        with ThreadPoolExecutor(6) as pool:
+            answers = list(pool.map(lambda a: app(*a), [("POST", "/api/setup", POLAR), ("GET", "/api/node?path=r:0"),
+                                                        ("POST", "/api/lock", {"path": "r:0", "all": {"c": 1}}),
+                                                        ("POST", "/api/open", {"name": "polar.tree"}),
+                                                        ("POST", "/api/solve", {}), ("GET", "/api/cards?path=r:0:c:c")]))
+        assert all(code == 409 and answer["error"] == "the engine is busy: solving" for code, answer in answers), answers
+        started = time.monotonic()
+        assert app("POST", "/api/stop", {}) == (200, {"stopping": True})
+        st = app.wait(10)
+        assert st["state"] == "solved" and st["results"]["stop_reason"] and time.monotonic() - started < 5
+        assert app("GET", "/api/node?path=r:0")[0] == 200
+
+    def test_card_report_and_ranges(self, app):
+        assert app("POST", "/api/setup", TURN)[0] == 200
+        assert app("POST", "/api/solve", {"steps": 30, "threads": 1})[0] == 200
+        app.wait()
+        report = app("GET", "/api/cards?path=r:0:c:c")[1]
+        assert len(report["cards"]) == 48 and report["acting"] == "OOP"
+        assert all(0 < r["freq"] < 1 for r in report["cards"])
+        assert all(set(r["actions"]) == {"c", "b150"} and r["ev"]["OOP"] > 0 for r in report["cards"])
+        assert app("GET", "/api/cards?path=r:0")[0] == 400  # a decision: no card comes
+        weights = app("POST", "/api/range/parse", {"text": "AKs,QQ:0.5"})[1]["weights"]
+        assert sum(weights) == 4 + 3 and app("POST", "/api/range/text", {"weights": weights})[1]["text"] == "QQ:0.5,AKs"
+        assert "position" in refused(app, "POST", "/api/range/parse", {"text": "AKs,QX"})
+        assert app("POST", "/api/ranges/save", {"name": "mine", "text": "AKs,QQ:0.5"})[0] == 200
+        assert app("GET", "/api/ranges")[1]["files"] == ["mine.txt"]
+        assert app("POST", "/api/ranges/load", {"name": "mine"})[1]["text"] == "AKs,QQ:0.5"
+
+
+def test_view_of_a_toml_game_serves_quietly_through_disconnects(engine, tmp_path):
+    """`view GAME` sets up and solves the game; clients that hang up leave no trace on stderr."""
+    game = tmp_path / "polar.toml"
+    game.write_text('board = "2c 7d 9h Ts Ks"\npot = 100\nstack = 100\naccuracy = 0.001\n[ranges]\n'
+                    'oop = "99,77,43s"\nip = "KQ"\n[tree.river]\nbet = "100%"\nip_bet = ""\nmax_raises = 0\n')
+    proc = subprocess.Popen([sys.executable, "-m", "corvanta", "view", str(game), "--bin", engine],
+                            cwd=ROOT / "python", stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, text=True)
+    try:
+        line = proc.stdout.readline()
+        port, token = int(line.split(":")[2].split("/")[0]), line.split("token=")[1].split()[0]
+        headers = {"Host": f"127.0.0.1:{port}", "X-Corvanta-Token": token}
+        for _ in range(3):  # hang up mid-request, and before reading the answer
+            with socket.create_connection(("127.0.0.1", port)) as s:
+                s.sendall(b"GET /api/status HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n" % port)
+            with socket.create_connection(("127.0.0.1", port)) as s:
+                s.sendall(b"GET / HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n\r\n" % port)
+        deadline = time.monotonic() + 60
+        while True:
+            conn = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+            conn.request("GET", "/api/status", headers=headers)
+            st = json.loads(conn.getresponse().read())
+            if st["state"] == "solved" or time.monotonic() > deadline:
+                break
+            time.sleep(0.1)
+        assert st["state"] == "solved" and st["results"]["ev_oop"] == pytest.approx(90, abs=0.5)
+        assert st["form"]["ranges"]["oop"] == "99,77,43s"
+    finally:
+        proc.terminate()
+        _, err = proc.communicate(timeout=20)
+    assert proc.returncode == 0 and "Traceback" not in err and "Error" not in err, err
