@@ -39,7 +39,7 @@ from .game import Game, GameError
 from .nodeview import ViewError
 from .ranges import parse_range, range_text
 from .session import LEVELS, Busy, Refused, Session, TREE_SUFFIX
-from .setupform import check_fields, game_form
+from .setupform import check_form, game_form
 from .studyview import BusyStudy, StudyEngine, read as read_study
 
 STATIC = Path(__file__).with_name("static")
@@ -269,7 +269,7 @@ def create_app(session: Session, token: str, study: StudyEngine | None = None) -
 
     @app.post("/api/check")
     def api_check():
-        return reply({"errors": check_fields(body())})
+        return reply({"errors": check_form(body())})
 
     @app.post("/api/range/parse")
     def api_range_parse():

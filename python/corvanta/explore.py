@@ -13,9 +13,9 @@ import math
 from typing import Any
 
 from .cards import HAND_CARDS, HAND_COUNT, HAND_NAMES, parse_cards
-from .client import Solver
+from .client import EngineDied, EngineError, EngineNotImplemented, EngineTimeout, Solver
 from .nodeview import (CELL_HANDS, PLAYERS, ViewError, check_path, check_player, children, node_block,
-                       range_average)
+                       order_actions, range_average)
 
 
 def _finite(x: float) -> float | None:
@@ -33,6 +33,17 @@ def frequencies(solver: Solver, path: str) -> dict[str, float]:
     return {words[i]: float(words[i + 1]) for i in range(4, len(words) - 1, 2)}
 
 
+def _maybe(query, player: str, path: str):
+    """A per-hand query that the engine answers only at some nodes (no EV where a card
+    comes): None there; a broken engine still raises."""
+    try:
+        return query(player, path)
+    except (EngineDied, EngineTimeout, EngineNotImplemented):
+        raise
+    except EngineError:
+        return None
+
+
 def node_values(solver: Solver, path: str, player: str) -> dict[str, Any]:
     """Both players' EV and equity over their ranges at the node, and per hand of `player`."""
     check_path(path)
@@ -42,11 +53,11 @@ def node_values(solver: Solver, path: str, player: str) -> dict[str, Any]:
     per_hand = {}
     for p in PLAYERS:
         weights = solver.range(p, path).values
-        ev, eq = solver.ev(p, path), solver.equity(p, path)
-        out["ev"][p] = range_average(ev.values, ev.matchups, weights, live)
-        out["eq"][p] = range_average(eq.values, eq.matchups, weights, live)
+        ev, eq = _maybe(solver.ev, p, path), _maybe(solver.equity, p, path)
+        out["ev"][p] = range_average(ev.values, ev.matchups, weights, live) if ev else None
+        out["eq"][p] = range_average(eq.values, eq.matchups, weights, live) if eq else None
         if p == player:
-            per_hand = {HAND_NAMES[h]: [_finite(ev.values[h]), _finite(eq.values[h])]
+            per_hand = {HAND_NAMES[h]: [_finite(ev.values[h]) if ev else None, _finite(eq.values[h]) if eq else None]
                         for h in live if weights[h] > 0}
     out["hands"] = per_hand
     return out
@@ -87,7 +98,7 @@ def card_report(solver: Solver, path: str, values: bool = True) -> dict[str, Any
     actions: list[str] = []
     for row in rows:
         actions += [a for a in row["actions"] if a not in actions]
-    return {"path": path, "board": node["board"], "acting": acting, "actions": actions, "values": values,
+    return {"path": path, "board": node["board"], "acting": acting, "actions": order_actions(actions), "values": values,
             "cards": rows}
 
 
@@ -100,14 +111,14 @@ def node_table(solver: Solver, path: str, player: str | None = None) -> dict[str
     live = live_hands(node["board"])
     weights = solver.range(player, path).values
     strategy = solver.strategy(path) if acting == player else None
-    ev, eq = solver.ev(player, path), solver.equity(player, path)
+    ev, eq = _maybe(solver.ev, player, path), _maybe(solver.equity, player, path)
     hands = []
     for h in live:
         if weights[h] <= 0:
             continue
         hands.append({"hand": HAND_NAMES[h], "weight": weights[h],
                       "strategy": {a: strategy[a][h] for a in strategy} if strategy else {},
-                      "ev": _finite(ev.values[h]), "equity": _finite(eq.values[h])})
+                      "ev": _finite(ev.values[h]) if ev else None, "equity": _finite(eq.values[h]) if eq else None})
     return {"path": path, "board": node["board"], "player": player,
             "actions": list(strategy.actions) if strategy else [], "hands": hands}
 

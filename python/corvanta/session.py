@@ -434,7 +434,7 @@ class Session:
         """Per folder: its tree files and the study folders in it (those holding summaries), to some depth."""
         out = []
         for i, root in enumerate(self.folders):
-            trees, studies = [], []
+            trees, studies = [], ["."] if any(root.glob("*.json")) else []
             for p in sorted(_walk(root, 3)):
                 rel = str(p.relative_to(root))
                 if p.is_file() and p.suffix == TREE_SUFFIX and not p.name.startswith("."):

@@ -152,11 +152,26 @@ def to_game(form: Any) -> Game:
     try:
         return Game.from_dict(_clean(form))
     except (GameError, RulesError, TypeError, ValueError) as e:
-        # game.py names the field first ("tree.river: ..."): keep that as the field.
+        # game.py names the field first ("tree.river: ...", "tree: river: ..."): keep that as the field.
         text = str(e)
         field, _, message = text.partition(": ")
-        return_field = field if message and " " not in field else "form"
-        raise FormError(return_field, message if message and " " not in field else text) from None
+        if not message or " " in field:
+            raise FormError("form", text) from None
+        street, _, rest = message.partition(": ")
+        if field == "tree" and street in STREET_NAMES and rest:
+            field, message = f"tree.{street}", rest
+        raise FormError(field, message) from None
+
+
+def check_form(form: Any) -> dict[str, str]:
+    """Every field that is wrong by itself; when none is, what is wrong with the whole game."""
+    errors = check_fields(form)
+    if not errors:
+        try:
+            to_game(form)
+        except FormError as e:
+            errors[e.field] = e.message
+    return errors
 
 
 def game_form(game: Game) -> dict:
