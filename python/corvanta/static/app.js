@@ -168,9 +168,9 @@ function lineChart(box, points, opts) {
 // Bars [{label, value, color?}] with a zero line.
 function barChart(box, bars, opts = {}) {
   box.replaceChildren();
-  const W = Math.max(360, Math.min(1100, 40 + bars.length * 22)), H = 200, L = 48, B = 36, T = 8;
-  const root = svg("svg", { viewBox: `0 0 ${W} ${H}`, width: "100%", class: "chart-svg" });
-  root.style.maxWidth = W + "px";
+  // As wide as its box (at most 22 px a bar); labels stand upright when the bars are narrow.
+  const W = Math.max(300, Math.min(box.clientWidth || 520, 60 + bars.length * 22)), H = 210, L = 48, B = 40, T = 8;
+  const root = svg("svg", { viewBox: `0 0 ${W} ${H}`, width: W, height: H, class: "chart-svg" });
   const values = bars.map((b) => b.value).filter((v) => v !== null && v !== undefined && isFinite(v));
   let lo = Math.min(0, ...values), hi = Math.max(0, ...values);
   if (hi - lo < 1e-12) hi = lo + 1;
@@ -191,7 +191,10 @@ function barChart(box, bars, opts = {}) {
       rect.append(svg("title", {}, `${b.label}: ${opts.percent ? pct(b.value) : num(b.value, 3)}`));
       root.append(rect);
     }
-    root.append(svg("text", { x: x + step / 2 - 2, y: H - B + 14, class: "tick", "text-anchor": "middle" }, b.label));
+    const cx = x + step / 2 - 2;
+    root.append(step >= 30
+      ? svg("text", { x: cx, y: H - B + 14, class: "tick", "text-anchor": "middle" }, b.label)
+      : svg("text", { x: cx + 3, y: H - B + 6, class: "tick", "text-anchor": "end", transform: `rotate(-90 ${cx + 3} ${H - B + 6})` }, b.label));
   });
   box.append(root);
 }
