@@ -11,6 +11,7 @@ import time
 
 from .cards import HAND_CARDS, HAND_NAMES
 from .client import EngineError, EngineNotImplemented, Report, Solver
+from .files import TargetError, check_target, replace
 from .game import Game, GameError
 from .ranges import parse_range
 from . import aggregate, batch
@@ -62,7 +63,9 @@ def root_strategy(solver: Solver, game: Game) -> dict:
 def solve(args) -> int:
     try:
         game = Game.from_toml(args.game)
-    except (OSError, GameError) as e:
+        if args.out:
+            check_target(args.out, "--out")
+    except (OSError, GameError, TargetError) as e:
         print(f"corvanta: {e}", file=sys.stderr)
         return 2
     bar = ProgressBar(game.pot, game.accuracy)
@@ -90,8 +93,11 @@ def solve(args) -> int:
         return 1
     text = json.dumps(out, indent=1)
     if args.out:
-        with open(args.out, "w") as f:
-            f.write(text + "\n")
+        try:
+            replace(args.out, lambda tmp: tmp.write_text(text + "\n"))
+        except OSError as e:
+            print(f"corvanta: --out {args.out}: {e.strerror or e}", file=sys.stderr)
+            return 1
     else:
         print(text)
     r = results

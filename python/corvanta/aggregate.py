@@ -1,8 +1,10 @@
 """The report of a study: python3 -m corvanta aggregate DIR --csv out.csv --html out.html
 
-One row per flop summary in DIR (several machines' folders copied together
-are one DIR), the weighted totals, and the weighted means by texture class.
-Means are weighted by each flop's weight: the raw flops it stands for.
+One row per flop summary in DIR, the weighted totals, and the weighted means
+by texture class. Means are weighted by each flop's weight: the raw flops its
+class stands for, or 1 for each flop of a sample. A report is of one study: a
+folder with summaries of several (other settings, or sample and class weights)
+is refused unless --study KEY picks one.
 """
 from __future__ import annotations
 
@@ -14,7 +16,7 @@ import json
 import sys
 from pathlib import Path
 
-from .flops import canonical, textures
+from .flops import textures
 from .cards import parse_cards
 
 TEXTURES = ("suits", "pairing", "high_card", "connectedness")
@@ -36,7 +38,9 @@ def read_rows(folder: Path) -> tuple[list[dict], list[str]]:
             row = {"flop": s["flop"], "weight": s["weight"], **textures(cards),
                    "ev_oop": s["results"]["ev_oop"], "ev_ip": s["results"]["ev_ip"],
                    "equity_oop": s["equity"]["oop"], "equity_ip": s["equity"]["ip"],
-                   "exploitability": s["results"]["exploitability"], "key": canonical(cards)}
+                   "exploitability": s["results"]["exploitability"],
+                   "study": str(s.get("study")), "weights": str(s.get("weights", "unknown")),
+                   "key": tuple(sorted(cards, reverse=True))}
         except (OSError, ValueError, KeyError, TypeError, AttributeError) as e:
             print(f"corvanta: {path.name} left out: {e!r}", file=sys.stderr)
             continue
@@ -130,7 +134,10 @@ def write_html(path: Path, folder: Path, rows: list[dict], columns: list[str], t
              "<style>body{font:14px sans-serif;margin:2em}table{border-collapse:collapse;margin:1em 0}"
              "td,th{border:1px solid #ccc;padding:2px 6px;text-align:right}</style>",
              f"<h1>Study {html.escape(folder.name)}</h1>",
-             f"<p>{total['flops']} flops standing for {total['weight']} raw flops; means weighted by them.</p>",
+             f"<p>{total['flops']} flops standing for {total['weight']} raw flops; means weighted by them.</p>"
+             if not rows[0]["weights"].startswith("sample") else
+             f"<p>A sample of {total['flops']} flops {html.escape(rows[0]['weights'].removeprefix('sample '))}, "
+             "drawn in proportion to the raw flops they stand for; each weighs 1.</p>",
              "<h2>Totals</h2>", _table(["flops", "weight", *columns], [[total["flops"], total["weight"],
                                                                          *(total[c] for c in columns)]])]
     for t, classes in groups.items():
@@ -157,6 +164,22 @@ def aggregate(args) -> int:
     if not rows:
         print(f"corvanta: no flop summaries in {folder}", file=sys.stderr)
         return 1
+    studies: dict[tuple, int] = {}
+    for r in rows:
+        studies[(r["study"], r["weights"])] = studies.get((r["study"], r["weights"]), 0) + 1
+    if args.study:
+        rows = [r for r in rows if r["study"] == args.study]
+        if not rows:
+            print(f"corvanta: --study {args.study}: no summary of it in {folder} (it holds "
+                  f"{', '.join(str(k) for k, _ in studies)})", file=sys.stderr)
+            return 2
+        studies = {k: n for k, n in studies.items() if k[0] == args.study}
+    if len(studies) > 1:
+        kinds = "; ".join(f"{k}: {n} flops, {w} weights" for (k, w), n in studies.items())
+        what = "studies" if len({k for k, _ in studies}) > 1 else "weight schemes"
+        print(f"corvanta: {folder} mixes {len(studies)} {what} ({kinds}); pick one with --study KEY",
+              file=sys.stderr)
+        return 2
     columns = [*VALUES, *(f"freq_{a}" for a in actions)]
     total = weighted(rows, columns)
     groups = breakdowns(rows, columns)
@@ -171,7 +194,8 @@ def aggregate(args) -> int:
 
 def add_parser(sub) -> None:
     p = sub.add_parser("aggregate", help="one report of a study's flop summaries: CSV and HTML")
-    p.add_argument("folder", help="the --out folder of batch (folders of several machines copied together)")
+    p.add_argument("folder", help="the --out folder of batch")
     p.add_argument("--csv", help="CSV file: flop rows, the total, the texture classes")
     p.add_argument("--html", help="HTML file with tables and charts")
+    p.add_argument("--study", help="the study key of the summaries to take, when the folder holds several")
     p.set_defaults(run=aggregate)

@@ -38,6 +38,7 @@ from .cards import HAND_COUNT, HAND_NAMES, parse_cards, card_text
 from .lines import NodeCount
 from .ranges import parse_range
 
+CAP_REASON = "iteration cap reached"  # the engine's hard ceiling on iterations
 PLAYERS = {"oop": "OOP", "hero": "OOP", "0": "OOP", "ip": "IP", "villain": "IP", "1": "IP"}
 _PATH = re.compile(r"r(:0(:[^\s:]+)*)?")
 
@@ -93,7 +94,7 @@ def _as_array(values):
 
 @dataclass(frozen=True)
 class HandValues:
-    """1326 numbers in hand order; `matchups` and `total` where the command gives them."""
+    """1326 numbers in hand order; `matchups`, and for equities `total`, the range's equity."""
     values: tuple[float, ...]
     matchups: tuple[float, ...] | None = None
     total: float | None = None
@@ -205,6 +206,7 @@ class Solver:
         self._reports: list[Report] = []
         self._fresh: collections.deque[Report] = collections.deque()
         self._stop_reason: str | None = None
+        self._stop_sent = False
         self._stop_wanted = False
         self.iterations: int | None = None
         # The latest side lines ("#..." comments, "[...]" under -v), for callers that read
@@ -277,7 +279,10 @@ class Solver:
             return True
         if line.startswith("SOLVER: stopped ("):
             self._flush_pending()
-            self._stop_reason = line[len("SOLVER: stopped ("):].rstrip(")")
+            reason = line[len("SOLVER: stopped ("):].rstrip(")")
+            # The engine says "requested" for a stop and for its iteration cap alike;
+            # only this side knows whether it asked.
+            self._stop_reason = reason if reason != "requested" or self._stop_sent else CAP_REASON
             return True
         if line.startswith("#SOLVER:"):
             self._flush_pending()
@@ -316,6 +321,8 @@ class Solver:
         for line in lines:
             if "\n" in line or "\r" in line:
                 raise ValueError("a command is one line")
+        if any(line.split()[:1] == ["stop"] for line in lines):
+            self._stop_sent = True
         self._marker += 1
         marker = f"corvanta-sync-{self._marker}"
         self._write("".join(f"{line}\n" for line in lines) + f"echo {marker}\n")
@@ -449,7 +456,8 @@ class Solver:
             go = f"go {int(seconds)} seconds"
         elif steps is not None:
             go = f"go {int(steps)} steps"
-        self._reports, self._stop_reason, self._stop_wanted = [], None, False
+        self._reports, self._stop_reason, self._stop_sent = [], None, False
+        self._stop_wanted = False
         self._fresh.clear()
         self.command(go)
         deadline = None if timeout is None else time.monotonic() + timeout
@@ -540,10 +548,21 @@ class Solver:
         return HandValues(_row(lines[0], "calc_ev"), _row(lines[1], "calc_ev"))
 
     def equity(self, player: str | int, path: str | None = None) -> HandValues:
-        """Showdown equity per hand against the other range: the game's ranges, or
-        with a path the ranges at that node, with the weighted total."""
+        """Showdown equity per hand against the other range (the game's ranges, or with a
+        path the ranges at that node), and `total`: the equity of the player's whole range
+        there, each hand counted by its weight times its matchups."""
+        name = player_name(player)
         if path is None:
-            lines = self.command(f"calc_eq {player_name(player)}")
-            return HandValues(_row(lines[0], "calc_eq"), _row(lines[1], "calc_eq"))
-        lines = self.command(f"calc_eq_node {player_name(player)} {check_path(path)}")
-        return HandValues(_row(lines[0], "calc_eq_node"), _row(lines[1], "calc_eq_node"), float(lines[2]))
+            lines = self.command(f"calc_eq {name}")
+        else:
+            lines = self.command(f"calc_eq_node {name} {check_path(path)}")
+        values, matchups = _row(lines[0], "calc_eq"), _row(lines[1], "calc_eq")
+        # The engine's own total line counts every hand that meets the other range alike,
+        # whether the player holds it or not; the player's range at the node has to weigh in.
+        weights = self.range(name, path or "r:0").values
+        num = den = 0.0
+        for w, eq, m in zip(weights, values, matchups):
+            if w > 0 and m > 0 and math.isfinite(eq):
+                num += w * m * eq
+                den += w * m
+        return HandValues(values, matchups, num / den if den > 0 else math.nan)

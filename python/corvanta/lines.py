@@ -56,6 +56,8 @@ def parse_sizes(text: str | Sequence[str] | None) -> tuple[Size, ...]:
     """"33%, 75%, a" (or a list of such texts) to sizes; RulesError names the bad one."""
     if text is None:
         return ()
+    if not (isinstance(text, str) or isinstance(text, (list, tuple)) and all(isinstance(t, str) for t in text)):
+        raise RulesError(f"sizes are a text such as \"33%, 75%, a\", not {text!r}")
     parts = [text] if isinstance(text, str) else list(text)
     sizes = []
     for part in parts:
@@ -126,6 +128,8 @@ class TreeRules:
             for size in st.raises + (st.ip_raises or ()):
                 if size.kind == "geo":
                     raise RulesError(f"{name}: geometric size '{size}' is for bets")
+                if size.kind == "x" and size.value <= 1:
+                    raise RulesError(f"{name}: a raise to '{size}' of the bet faced is no raise; give more than 1x")
 
 
 @dataclass

@@ -10,24 +10,15 @@ from __future__ import annotations
 import html
 import os
 import sys
-from pathlib import Path
 from typing import Any
 
 from .client import EngineError, Report, Solver
-from .nodeview import CELLS, EMPTY_COLOR, ViewError, check_path, check_player, node_view, open_game
+from .files import TargetError, check_target, replace
+from .game import Game, GameError
+from .nodeview import ViewError, check_path, check_player, node_view, open_game
+from .plotting import MISSING, pyplot
 
 PNG_SIZE = (1200, 720)  # pixels: 12 x 7.2 inches at 100 dpi
-
-
-def _replace(path: str, write) -> None:
-    """Writes through a temporary name in the target folder, then renames."""
-    target = Path(path)
-    tmp = target.with_name(f".{target.name}.{os.getpid()}.tmp")
-    try:
-        write(tmp)
-        os.replace(tmp, target)
-    finally:
-        tmp.unlink(missing_ok=True)
 
 
 def _pct(x: float | None, digits: int = 1) -> str:
@@ -56,9 +47,9 @@ def _summary_lines(view: dict[str, Any]) -> list[tuple[str, str]]:
 # -- PNG --------------------------------------------------------------------
 
 def write_png(view: dict[str, Any], path: str, game: str) -> None:
-    import matplotlib
-    matplotlib.use("Agg")
-    from matplotlib import pyplot as plt
+    plt = pyplot()
+    if plt is None:
+        raise ImportError(MISSING)
     from matplotlib.patches import Rectangle
 
     fig = plt.figure(figsize=(PNG_SIZE[0] / 100, PNG_SIZE[1] / 100), dpi=100)
@@ -113,7 +104,7 @@ def write_png(view: dict[str, Any], path: str, game: str) -> None:
                 side.add_patch(Rectangle((left, y - 0.012), w, 0.024, facecolor=colors[a["name"]], linewidth=0))
                 left += w
         y += 0.035
-    _replace(path, lambda tmp: fig.savefig(tmp, dpi=100, format="png", facecolor="white"))
+    replace(path, lambda tmp: fig.savefig(tmp, dpi=100, format="png", facecolor="white"))
     plt.close(fig)
 
 
@@ -195,7 +186,7 @@ def html_report(view: dict[str, Any], game: str) -> str:
 
 def write_html(view: dict[str, Any], path: str, game: str) -> None:
     text = html_report(view, game)
-    _replace(path, lambda tmp: tmp.write_text(text, encoding="utf-8"))
+    replace(path, lambda tmp: tmp.write_text(text, encoding="utf-8"))
 
 
 # -- command ----------------------------------------------------------------
@@ -204,11 +195,20 @@ def run(args) -> int:
     if not args.png and not args.html:
         print("corvanta: report: give --png, --html or both", file=sys.stderr)
         return 2
-    try:
+    try:  # everything that can be told before the solve
         check_path(args.path)
         if args.player:
             check_player(args.player)
-    except ViewError as e:
+        for option, path in (("--png", args.png), ("--html", args.html)):
+            if path:
+                check_target(path, option)
+        if args.png and pyplot() is None:
+            raise ViewError(f"--png: {MISSING}; --html needs nothing more")
+        if args.game.lower().endswith(".toml"):
+            Game.from_toml(args.game)
+        elif not os.path.isfile(args.game):
+            raise ViewError(f"{args.game}: no such file")
+    except (ViewError, TargetError, GameError, OSError) as e:
         print(f"corvanta: {e}", file=sys.stderr)
         return 2
 
@@ -223,10 +223,14 @@ def run(args) -> int:
     except (ViewError, EngineError) as e:
         print(f"corvanta: {e}", file=sys.stderr)
         return 1
-    if args.png:
-        write_png(view, args.png, opened.name)
-    if args.html:
-        write_html(view, args.html, opened.name)
+    try:
+        if args.png:
+            write_png(view, args.png, opened.name)
+        if args.html:
+            write_html(view, args.html, opened.name)
+    except OSError as e:
+        print(f"corvanta: {e.filename or 'report'}: {e.strerror or e}", file=sys.stderr)
+        return 1
     print(f"corvanta: {args.path} of {opened.name} written to "
           + " and ".join(p for p in (args.png, args.html) if p), file=sys.stderr)
     return 0

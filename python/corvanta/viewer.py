@@ -10,11 +10,15 @@ and a tree the engine can't load ends the command with the engine's reason.
 Nothing from a request reaches the engine unchecked: a path must match the
 viewer's own pattern before the engine parses it again, a player is OOP or IP,
 unknown or repeated parameters are refused, and all refusals answer 400 with a
-message. Only the few page files below are served.
+message. Only the few page files below are served. A request must name this
+server in its Host (a loopback name or the address listened on, with the port)
+and come from no other page's Origin, else 403: another site's page can't read
+the answers by pointing its own name at 127.0.0.1. A HEAD gets its checks and
+headers but no engine work, and a client that leaves mid-answer is let go in
+silence.
 """
 from __future__ import annotations
 
-import argparse
 import ipaddress
 import json
 import math
@@ -24,7 +28,6 @@ import sys
 import threading
 import time
 import urllib.parse
-from http import HTTPStatus
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 from typing import Any
@@ -96,12 +99,16 @@ class Session:
             return {"state": self.state, "message": self.message, "game": self.info,
                     "reports": self.reports[:1] + self.reports[1:][-199:], "seconds": round(time.monotonic() - self.started, 1)}
 
-    def node(self, path: str, player: str | None) -> dict[str, Any]:
+    def check_node(self, path: str, player: str | None) -> None:
+        """What can be told of a node request without the engine: ViewError or Busy."""
         check_path(path)
         if player is not None:
             check_player(player)
         if self.state != "ready":
             raise Busy(f"the game is not ready ({self.state})")
+
+    def node(self, path: str, player: str | None) -> dict[str, Any]:
+        self.check_node(path, player)
         key = (path, player)
         with self.engine_lock:
             if key not in self.cache:
@@ -128,6 +135,27 @@ def _json_safe(x):
     if isinstance(x, (list, tuple)):
         return [_json_safe(v) for v in x]
     return x
+
+
+LOOPBACK_NAMES = ("127.0.0.1", "localhost", "[::1]")
+
+
+def allowed_hosts(listen: str, port: int) -> frozenset[str]:
+    """The Host values of this server: a loopback name, or the address it listens on, with its port.
+
+    A page of another site that got its name pointed at 127.0.0.1 (DNS rebinding)
+    still sends its own name as Host, and is refused for it."""
+    names = set(LOOPBACK_NAMES)
+    try:
+        ip = ipaddress.ip_address(listen)
+        if not ip.is_unspecified:
+            names.add(f"[{ip}]" if ip.version == 6 else str(ip))
+    except ValueError:
+        pass
+    hosts = {f"{n}:{port}" for n in names}
+    if port == 80:  # a browser leaves out the default port
+        hosts |= names
+    return frozenset(hosts)
 
 
 def loopback(host: str) -> bool:
@@ -158,6 +186,17 @@ class Handler(BaseHTTPRequestHandler):
         if self.command != "HEAD":
             self.wfile.write(body)
 
+    def _refusal(self) -> str | None:
+        """Why a request from outside this server's own page is refused, or None."""
+        host = (self.headers.get("Host") or "").strip().lower()
+        allowed = allowed_hosts(*self.server.server_address[:2])
+        if host not in allowed:
+            return f"Host {host[:80]!r} is not this server (use http://{sorted(allowed)[0]}/)"
+        origin = self.headers.get("Origin")
+        if origin is not None and origin.strip().lower() != f"http://{host}":
+            return f"requests from the page of {origin[:80]!r} are refused"
+        return None
+
     def _json(self, status: int, data: Any) -> None:
         self._send(status, json.dumps(_json_safe(data), separators=(",", ":")).encode(),
                    "application/json; charset=utf-8")
@@ -167,9 +206,17 @@ class Handler(BaseHTTPRequestHandler):
 
     def do_GET(self) -> None:
         try:
+            refusal = self._refusal()
+            if refusal:
+                return self._error(403, refusal)
             self._route()
+        except ConnectionError:
+            self.close_connection = True  # the client went away: nobody to tell
         except Exception as e:  # a broken request must never end the server
-            self._error(500, f"internal error: {type(e).__name__}: {e}")
+            try:
+                self._error(500, f"internal error: {type(e).__name__}: {e}")
+            except ConnectionError:
+                self.close_connection = True
 
     do_HEAD = do_GET
 
@@ -195,6 +242,9 @@ class Handler(BaseHTTPRequestHandler):
         if target.path == "/api/status":
             return self._json(200, self.session.status())
         try:
+            if self.command == "HEAD":  # the headers alone: checked, but no work for the engine
+                self.session.check_node(args.get("path", "r:0"), args.get("player"))
+                return self._send(200, b"", "application/json; charset=utf-8")
             data = self.session.node(args.get("path", "r:0"), args.get("player"))
         except ViewError as e:
             return self._error(400, str(e))
@@ -205,10 +255,21 @@ class Handler(BaseHTTPRequestHandler):
         self._json(200, data)
 
 
+class Server(ThreadingHTTPServer):
+    daemon_threads = True
+
+    def handle_error(self, request, client_address) -> None:
+        # A client that goes away mid-request is no fault of the server's; anything else is one line.
+        error = sys.exc_info()[1]
+        if not isinstance(error, ConnectionError):
+            print(f"corvanta: request from {client_address[0]}: {type(error).__name__}: {error}",
+                  file=sys.stderr, flush=True)
+
+
 def serve(session: Session, host: str = "127.0.0.1", port: int = 0) -> ThreadingHTTPServer:
     handler = type("BoundHandler", (Handler,), {"session": session})
     family = socket.AF_INET6 if ":" in host else socket.AF_INET
-    server = type("Server", (ThreadingHTTPServer,), {"address_family": family})((host, port), handler)
+    server = type("BoundServer", (Server,), {"address_family": family})((host, port), handler)
     server.daemon_threads = True
     return server
 
@@ -219,6 +280,12 @@ def _interrupt(*_) -> None:
 
 
 def run(args) -> int:
+    if not 0 <= args.port <= 65535:
+        print(f"corvanta: --port {args.port}: a port is 0 (any free one) to 65535", file=sys.stderr)
+        return 2
+    if not Path(args.game).is_file():
+        print(f"corvanta: {args.game}: no such file", file=sys.stderr)
+        return 2
     session = Session(args.game, args.bin)
     toml = args.game.lower().endswith(".toml")
     if toml:

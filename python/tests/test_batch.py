@@ -1,7 +1,9 @@
+import collections
 import csv
 import itertools
 import json
 import os
+import shutil
 import signal
 import subprocess
 import sys
@@ -11,6 +13,8 @@ from pathlib import Path
 import pytest
 
 from corvanta import Solver
+from corvanta.__main__ import main
+from corvanta.cards import parse_cards
 from corvanta.flops import canonical_flops, read_list, sample, textures
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -21,11 +25,12 @@ accuracy = 0.05
 threads = 1
 runout = "7c 4d"
 [ranges]
-oop = "AA,KK,QQ,AK,KQ"
-ip = "AA-TT,AK,AQ,KQ"
+{ranges}
 [tree.river]
 bet = "50%"
 """
+STUDY_RANGES = 'oop = "AA,KK,QQ,AK,KQ"\nip = "AA-TT,AK,AQ,KQ"'
+STUDY = STUDY.replace("{ranges}", STUDY_RANGES)
 FLOPS = ["AsKhQd", "JsTs9s", "8s8h2d", "As5s3h", "KsKhKd", "Qs6s2s"]
 
 
@@ -90,7 +95,7 @@ def test_batch_resumes_after_a_kill_and_aggregates(engine, tmp_path):
     (tmp_path / "flops.txt").write_text("\n".join(FLOPS) + "\n")
     out = tmp_path / "out"
     cmd = [sys.executable, "-m", "corvanta", "batch", "study.toml", "--flops", "flops.txt", "--out", "out",
-           "--jobs", "2", "--threads", "1", "--bin", str(slow)]
+           "--jobs", "2", "--threads", "1", "--bin", str(slow), "--trees"]
     first = subprocess.Popen(cmd, cwd=tmp_path, env=run_env(engine), stdin=subprocess.DEVNULL,
                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
     deadline = time.monotonic() + 60
@@ -144,3 +149,138 @@ def test_slurm_array_tasks_share_the_flops(engine, tmp_path):
     first, both = seen
     assert len(first) == 2 and sorted(both) == sorted(FLOPS[:4])
     assert {k: both[k] for k in first} == first  # the second task solved none of the first's
+
+
+def dry_run(tmp_path, capsys, study: str, *flags: str) -> tuple[int, list[tuple[list[int], int]], str]:
+    """The boards a batch would solve: (flop and run-out cards, weight) each."""
+    (tmp_path / "dry.toml").write_text(study)
+    code = main(["batch", str(tmp_path / "dry.toml"), "--dry-run", *flags])
+    out, err = capsys.readouterr()
+    return code, [(parse_cards("".join(line.split()[:-1])), int(line.split()[-1])) for line in out.splitlines()], err
+
+
+def board_kind(board: list[int], suits: tuple[int, ...]) -> tuple:
+    """What no renaming of the study may change: the flop's textures, the most cards of one suit and the
+    pairs on the whole board, and the flop's cards of each suit the study pins (the run-out's, a range's)."""
+    flop, ranks = board[:3], collections.Counter(c // 4 for c in board)
+    return (textures(flop)["suits"], textures(flop)["pairing"], max(collections.Counter(c % 4 for c in board).values()),
+            tuple(sorted(ranks.values())), *(sum(c % 4 == s for c in flop) for s in suits))
+
+
+def test_runout_studies_weigh_boards_as_a_plain_enumeration(tmp_path, capsys):
+    for runout, ranges, pinned in (("7c", STUDY_RANGES, (0,)), ("7s", STUDY_RANGES, (3,)),
+                                   ("7c 4d", STUDY_RANGES, (0, 1)), ("7c", 'oop = "AA,AhKh"\nip = "KK+"', (0, 2))):
+        study = STUDY.replace('runout = "7c 4d"', f'runout = "{runout}"').replace(STUDY_RANGES, ranges)
+        code, boards, err = dry_run(tmp_path, capsys, study, "--flops", "all")
+        fixed = parse_cards(runout)
+        raw = [[*flop, *fixed] for flop in itertools.combinations([c for c in range(52) if c not in fixed], 3)]
+        assert code == 0 and sum(w for _, w in boards) == len(raw) and f"{len(raw)} raw flops" in err
+        assert all(board[3:] == fixed for board, _ in boards)
+        got = collections.Counter()
+        for board, w in boards:
+            got[board_kind(board, pinned)] += w
+        assert got == collections.Counter(board_kind(board, pinned) for board in raw), (runout, ranges)
+    assert "2 of 24" in err and "AhKh" in err  # the smaller symmetry, and why
+
+    # A sample and a list take the same classes: a sampled flop is one of them, a listed one its class.
+    code, every, _ = dry_run(tmp_path, capsys, STUDY.replace("7c 4d", "7c"), "--flops", "all")
+    code, drawn, _ = dry_run(tmp_path, capsys, STUDY.replace("7c 4d", "7c"), "--flops", "sample:40", "--seed", "3")
+    assert code == 0 and len(drawn) == 40 and {w for _, w in drawn} == {1}
+    assert {tuple(b) for b, _ in drawn} <= {tuple(b) for b, _ in every}
+    (tmp_path / "list.txt").write_text("Qh Jd 2d\nQcJd2d\n")
+    code, listed, _ = dry_run(tmp_path, capsys, STUDY.replace("7c 4d", "7c"), "--flops", str(tmp_path / "list.txt"))
+    assert [(b, w) for b, w in listed] == [(parse_cards("QsJh2h7c"), 6), (parse_cards("QcJs2s7c"), 3)]
+    (tmp_path / "list.txt").write_text("Qh Jd 2d\n7c 8d 9d\n")
+    code, listed, err = dry_run(tmp_path, capsys, STUDY.replace("7c 4d", "7c"), "--flops", str(tmp_path / "list.txt"))
+    assert code == 2 and listed == [] and err.count("\n") == 1 and "line 2" in err and "run-out" in err
+
+
+def batch_run(tmp_path, engine, *args, study="study.toml"):
+    return subprocess.run([sys.executable, "-m", "corvanta", "batch", study, "--threads", "1", *args],
+                          cwd=tmp_path, env=run_env(engine), stdin=subprocess.DEVNULL, capture_output=True,
+                          text=True, timeout=120)
+
+
+def aggregate_run(tmp_path, engine, *args):
+    return subprocess.run([sys.executable, "-m", "corvanta", "aggregate", *args], cwd=tmp_path,
+                          env=run_env(engine), stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60)
+
+
+def test_a_folder_holds_one_study_and_only_summaries(engine, tmp_path):
+    (tmp_path / "study.toml").write_text(STUDY)
+    (tmp_path / "other.toml").write_text(STUDY.replace("accuracy = 0.05", "accuracy = 0.04"))
+    (tmp_path / "flops.txt").write_text("\n".join(FLOPS[:2]) + "\n")
+    run = batch_run(tmp_path, engine, "--flops", "flops.txt", "--out", "out")
+    assert run.returncode == 0, run.stderr
+    out = tmp_path / "out"
+    assert sorted(summaries(out)) == sorted(FLOPS[:2]) and not trees(out)  # summaries only
+    # The disk use shows before the first flop is done, and is about right.
+    before = run.stderr[:run.stderr.index("flops done")]
+    size = float(before.split("disk: about ")[1].split(" KB")[0]) * 1024
+    assert "no trees" in before and 0.5 < size / (sum(p.stat().st_size for p in out.glob("*.json")) / 2) < 2
+    kept = {p.name: p.read_bytes() for p in out.iterdir()}
+
+    for study, flops in (("other.toml", "flops.txt"), ("study.toml", "sample:2")):
+        run = batch_run(tmp_path, engine, "--flops", flops, "--out", "out", "--bin", "no-engine", study=study)
+        assert run.returncode == 2 and run.stderr.count("\n") == 1 and f"--out {out}: holds another study" in run.stderr
+        assert {p.name: p.read_bytes() for p in out.iterdir()} == kept  # flop list, job log, summaries
+    (tmp_path / "a-file").write_text("")
+    for where in ("a-file", "a-file/out"):  # nothing can be written there: said before any solving
+        run = batch_run(tmp_path, engine, "--flops", "flops.txt", "--out", where, "--bin", "no-engine")
+        assert run.returncode == 2 and run.stderr.count("\n") == 1 and f"--out {tmp_path / where}" in run.stderr
+
+    # Summaries of other studies copied in: aggregate takes one study, named by --study.
+    for study, flops, folder in (("other.toml", "flops.txt", "out2"), ("study.toml", "sample:2", "out3")):
+        assert batch_run(tmp_path, engine, "--flops", flops, "--out", folder, study=study).returncode == 0
+    key = json.loads((out / FLOPS[0]).with_suffix(".json").read_text())["study"]
+    for stranger in ["out2/" + next(p.name for p in (tmp_path / "out2").glob("*.json")),
+                     "out3/" + next(p.name for p in (tmp_path / "out3").glob("*.json"))]:
+        shutil.copytree(out, tmp_path / "mixed", dirs_exist_ok=True)
+        shutil.copy(tmp_path / stranger, tmp_path / "mixed" / "stranger.json")
+        run = aggregate_run(tmp_path, engine, "mixed", "--csv", "m.csv")
+        assert run.returncode == 2 and run.stderr.count("\n") == 1 and "--study" in run.stderr
+        assert not (tmp_path / "m.csv").exists()
+    assert "sample (seed 1) weights" in run.stderr and "class weights" in run.stderr
+    run = aggregate_run(tmp_path, engine, "mixed", "--study", key, "--csv", "m.csv")
+    assert run.returncode == 0, run.stderr
+    rows = {r["flop"]: r for r in csv.DictReader(open(tmp_path / "m.csv"))}
+    weights = [json.loads((out / f"{f}.json").read_text())["weight"] for f in FLOPS[:2]]
+    assert int(rows["total"]["weight"]) == sum(weights) and len(rows) > 2 and "stranger" not in str(rows)
+
+
+FAKE_SSH = """#!/bin/sh
+# ssh HOST COMMAND as a machine with its own disk: the local side's folder is hidden under an empty
+# file system, and the command runs in a home folder of its own.
+echo "$*" | cut -c1-60 >> "{log}"
+while [ "$1" != "--" ]; do shift; done; shift
+exec unshare -rm sh -c 'mount -t tmpfs none "$0" && cd "$1" && HOME="$1" exec sh -c "$2"' "{local}" "{remote}" "$*"
+"""
+
+
+def test_a_batch_on_another_machine_brings_its_results_home(engine, tmp_path):
+    if subprocess.run(["unshare", "-rm", "true"], capture_output=True).returncode != 0:
+        pytest.skip("no mount namespaces here (unshare -rm) to give the stand-in machine a disk of its own")
+    local, remote = tmp_path / "local", tmp_path / "remote"
+    local.mkdir(), remote.mkdir()
+    ssh, log = tmp_path / "fake-ssh", tmp_path / "ssh.log"
+    ssh.write_text(FAKE_SSH.format(log=log, local=local, remote=remote))
+    ssh.chmod(0o755)
+    (local / "study.toml").write_text(STUDY)
+    (local / "flops.txt").write_text("\n".join(FLOPS[:3]) + "\n")
+    run = batch_run(local, engine, "--flops", "flops.txt", "--out", "here")
+    assert run.returncode == 0, run.stderr
+    run = batch_run(local, engine, "--flops", "flops.txt", "--out", "out", "--jobs", "2", "--trees",
+                    "--sshlogin", f"2/{ssh} elsewhere")
+    assert run.returncode == 0 and "3 of 3 flops done" in run.stderr, run.stderr
+    assert "of tree (the engine's storage figure" in run.stderr
+    assert sorted(run.stderr.count(f"(done {f})") for f in FLOPS[:3]) == [1, 1, 1]
+    assert len(log.read_text().splitlines()) == 3  # one job each, all on the other machine
+    assert [p for p in remote.rglob("*") if p.is_file()] == []  # nothing left there
+    out = local / "out"
+    strip = lambda p: {k: v for k, v in json.loads(p.read_text()).items() if k not in ("seconds", "host", "tree_file")}
+    assert sorted(summaries(out)) == sorted(trees(out)) == sorted(FLOPS[:3])
+    for f in FLOPS[:3]:
+        assert strip(out / f"{f}.json") == strip(local / "here" / f"{f}.json")
+    check_tree_files(engine, out)
+    again = batch_run(local, engine, "--flops", "flops.txt", "--out", "out", "--sshlogin", f"2/{ssh} elsewhere")
+    assert again.returncode == 0 and "3 done already" in again.stderr and len(log.read_text().splitlines()) == 3

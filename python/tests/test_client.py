@@ -1,3 +1,5 @@
+import collections
+import itertools
 import json
 import math
 import os
@@ -8,7 +10,7 @@ from pathlib import Path
 
 import pytest
 
-from corvanta.cards import HAND_NAMES, HAND_ORDER_TEXT
+from corvanta.cards import HAND_CARDS, HAND_NAMES, HAND_ORDER_TEXT, parse_cards
 from corvanta.client import EngineDied, EngineError, EngineTimeout, Solver
 from corvanta.lines import StreetRules, TreeRules, lines
 from corvanta.ranges import parse_range
@@ -51,7 +53,7 @@ class TestSolve:
     def test_river_game_end_to_end(self, solved):
         s, results, seen = solved
         assert seen and all(r.iteration and r.iteration % 25 == 0 for r in seen)
-        assert results.stop_reason in ("required accuracy reached", "requested")
+        assert results.stop_reason in ("required accuracy reached", "iteration cap reached")
         assert results.iterations >= seen[-1].iteration
         assert results.exploitability <= max(0.2, seen[-1].exploitability)
         assert results.ev_oop + results.ev_ip == pytest.approx(100, abs=0.01)
@@ -67,6 +69,16 @@ class TestSolve:
                 break
             assert s.stop_reason() == "requested"
             assert s.command("is_ready") == ["is_ready ok!"]
+
+    def test_a_run_ended_by_the_iteration_cap_says_so(self, engine):
+        # The engine calls this stop "requested" too; nobody asked for it here.
+        with Solver(engine) as s:
+            river_game(s)
+            s.set_threads(1)
+            first = s.solve(accuracy=0)
+            again = s.solve(accuracy=0)  # at the cap already: stops before a step
+        assert (first.iterations, first.stop_reason) == (9000, "iteration cap reached")
+        assert (again.iterations, again.stop_reason) == (9000, "iteration cap reached")
 
 
 class TestQueries:
@@ -98,6 +110,77 @@ class TestQueries:
         assert all(0 <= x <= 1 for x, m in zip(eq.values, eq.matchups) if m > 0)
         node = s.equity("OOP", "r:0:c")
         assert 0 <= node.total <= 1
+
+
+def rank5(cards):
+    """A five-card hand's strength as a tuple that sorts like the hands do."""
+    ranks = sorted((c // 4 for c in cards), reverse=True)
+    groups = sorted(collections.Counter(ranks).items(), key=lambda kv: (kv[1], kv[0]), reverse=True)
+    shape, order = [n for _, n in groups], [r for r, _ in groups]
+    flush = len({c % 4 for c in cards}) == 1
+    straight = len(groups) == 5 and (ranks[0] - ranks[4] == 4 or ranks == [12, 3, 2, 1, 0])
+    high = 3 if ranks == [12, 3, 2, 1, 0] else ranks[0]
+    if straight:
+        return (8 if flush else 4, high)
+    if flush:
+        return (5, *ranks)
+    category = {(4, 1): 7, (3, 2): 6, (3, 1, 1): 3, (2, 2, 1): 2, (2, 1, 1, 1): 1}.get(tuple(shape), 0)
+    return (category, *order)
+
+
+def brute_equity(board, mine, theirs):
+    """The equity of range `mine` against `theirs` over every run-out: each pair of
+    hands that can meet counts with the product of their weights."""
+    rest = [c for c in range(52) if c not in board]
+    won = total = 0.0
+    for runout in itertools.combinations(rest, 5 - len(board)):
+        cards = set(board) | set(runout)
+
+        def strengths(weights):
+            return {h: max(rank5(five) for five in itertools.combinations([*cards, *HAND_CARDS[h]], 5))
+                    for h, w in enumerate(weights) if w > 0 and not cards & set(HAND_CARDS[h])}
+
+        ours, others = strengths(mine), strengths(theirs)
+        for h, a in ours.items():
+            for o, b in others.items():
+                if not set(HAND_CARDS[h]) & set(HAND_CARDS[o]):
+                    w = mine[h] * theirs[o]
+                    won += w * (1.0 if a > b else 0.5 if a == b else 0.0)
+                    total += w
+    return won / total
+
+
+def small_turn_game(s):
+    s.set_range("OOP", "QQ,JJ,AQs,KQs,T9s,A5s")
+    s.set_range("IP", "AA,QJs,KQs,JTs,98s")
+    s.set_board("Qs Jh 2h 7c")
+    s.set_pot(100)
+    s.add_lines(lines(TreeRules(100, 150, [StreetRules.of("50%", max_raises=0), StreetRules.of("a", max_raises=0)],
+                                first_street=2)))
+    s.build_tree()
+    s.set_threads(1)
+    s.solve(accuracy=0, steps=50)
+
+
+class TestEquityTotal:
+    """The equity of a whole range at a node, against a plain enumeration of its matchups."""
+
+    def check(self, s, path):
+        board = parse_cards(s.command(f"show_node {path}")[2].replace(" ", ""))
+        for me, other in (("OOP", "IP"), ("IP", "OOP")):
+            want = brute_equity(board, s.range(me, path).values, s.range(other, path).values)
+            assert s.equity(me, path).total == pytest.approx(want, abs=1e-6), (path, me)
+
+    def test_river_game_at_the_root(self, solved):
+        s = solved[0]
+        self.check(s, "r:0")
+        assert s.equity("OOP").total == s.equity("OOP", "r:0").total
+
+    def test_turn_game_after_a_bet(self, engine):
+        with Solver(engine) as s:
+            small_turn_game(s)
+            assert s.range("OOP", "r:0:b50").values != s.range("OOP", "r:0").values  # a range the bet changed
+            self.check(s, "r:0:b50")
 
 
 class TestFailures:
@@ -158,4 +241,4 @@ def test_query_answers_are_read_in_their_documented_forms():
         ev = s.ev("OOP")
         assert math.isnan(ev.values[0]) and ev.matchups == (0.0,) * 1326
         assert s.equity("OOP").matchups[5] == 12
-        assert s.equity("OOP", "r:0:c").total == 0.375
+        assert s.equity("OOP", "r:0:c").total == 0.25  # every hand 0.25, whatever the weights

@@ -4,14 +4,17 @@ The games are tiny and solved for a fixed number of steps on one thread, so
 the server's engine and the test's own engine hold the same strategies: the
 test's engine is the oracle for what the page and the reports show.
 """
+import http.client
 import json
 import os
 import re
 import selectors
 import shutil
+import socket
 import struct
 import subprocess
 import sys
+import threading
 import time
 import urllib.error
 import urllib.parse
@@ -22,6 +25,7 @@ from pathlib import Path
 
 import pytest
 
+from corvanta import viewer
 from corvanta.cards import HAND_CARDS, HAND_NAMES, RANKS, SUITS, parse_cards
 from corvanta.client import Solver
 from corvanta.game import Game
@@ -186,6 +190,97 @@ class TestApi:
                                  capture_output=True, text=True, timeout=30, stdin=subprocess.DEVNULL)
             assert run.returncode == 1 and "game.tree" in run.stderr and not run.stdout, args
         assert not (tmp_path / "r.html").exists()
+
+
+def raw_request(url, method="GET", target="/api/node?path=r:0", **headers):
+    """Status and body of a request with exactly these headers: no Host unless given."""
+    parts = urllib.parse.urlsplit(url)
+    conn = http.client.HTTPConnection(parts.hostname, parts.port, timeout=30)
+    try:
+        conn.putrequest(method, target, skip_host=True, skip_accept_encoding=True)
+        for name, value in headers.items():
+            conn.putheader(name.replace("_", "-"), value)
+        conn.endheaders()
+        answer = conn.getresponse()
+        return answer.status, answer.read()
+    finally:
+        conn.close()
+
+
+def test_requests_that_name_another_host_or_come_from_another_page_are_refused(river):
+    url, _ = river
+    here = urllib.parse.urlsplit(url).netloc
+    port = urllib.parse.urlsplit(url).port
+    for headers in ({"Host": f"evil.example.com:{port}"}, {"Host": "evil.example.com"}, {},
+                    {"Host": f"127.0.0.1:{port + 1}"}, {"Host": f"127.0.0.2:{port}"},
+                    {"Host": here, "Origin": "http://evil.example.com"}, {"Host": here, "Origin": "null"},
+                    {"Host": here, "Origin": f"http://localhost:{port}"}):
+        status, body = raw_request(url, **headers)
+        assert status == 403 and json.loads(body)["error"] and b"AsAh" not in body, headers
+        assert raw_request(url, target="/", **headers)[0] == 403
+    for headers in ({"Host": here}, {"Host": f"localhost:{port}"}, {"Host": f"LocalHost:{port}"},
+                    {"Host": f"[::1]:{port}"}, {"Host": here, "Origin": f"http://{here}"}):
+        status, body = raw_request(url, **headers)
+        assert status == 200 and json.loads(body)["path"] == "r:0", headers
+
+
+class SlowSession(viewer.Session):
+    """A ready game whose nodes are large and come when `go` is set, with no engine behind it."""
+
+    def __init__(self):
+        super().__init__("game.toml")
+        self.state = "ready"
+        self.asked = 0
+        self.go = threading.Event()
+
+    def node(self, path, player):
+        self.asked += 1
+        self.go.wait(10)
+        return {"path": path, "rows": ["0.5 " * 1326] * 400}
+
+
+@contextmanager
+def served(session):
+    server = viewer.serve(session)
+    thread = threading.Thread(target=server.serve_forever, kwargs={"poll_interval": 0.05})
+    thread.start()
+    try:
+        yield server, "http://127.0.0.1:%d/" % server.server_address[1]
+    finally:
+        session.go.set()
+        server.shutdown()
+        server.server_close()  # waits for the requests' threads
+        thread.join()
+
+
+def test_head_is_checked_but_asks_the_engine_nothing():
+    session = SlowSession()
+    session.go.set()
+    with served(session) as (server, url):
+        here = urllib.parse.urlsplit(url).netloc
+        assert raw_request(url, "HEAD", Host=here) == (200, b"")
+        assert raw_request(url, "HEAD", "/api/node?path=x:0", Host=here)[0] == 400
+        assert raw_request(url, "HEAD", Host="evil.example.com")[0] == 403
+        assert session.asked == 0
+        status, body = raw_request(url, Host=here)
+        assert status == 200 and len(body) > 1_000_000 and session.asked == 1
+
+
+def test_a_client_that_leaves_mid_answer_is_let_go_quietly(capfd):
+    session = SlowSession()
+    with served(session) as (server, url):
+        port = server.server_address[1]
+        with socket.create_connection(("127.0.0.1", port)) as sock:
+            sock.sendall(f"GET /api/node?path=r:0 HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\n\r\n".encode())
+            deadline = time.monotonic() + 10
+            while session.asked < 1 and time.monotonic() < deadline:
+                time.sleep(0.01)
+            # Gone with a reset before the answer: every write of the server fails.
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        session.go.set()
+        assert raw_request(url, Host=f"127.0.0.1:{port}")[0] == 200
+    out, err = capfd.readouterr()  # the server's threads have ended here
+    assert session.asked == 2 and err == "" and out == ""
 
 
 def test_a_dumped_tree_shows_what_its_game_showed(engine, games, tmp_path):
