@@ -29,10 +29,6 @@ import threading
 from pathlib import Path
 from typing import Any
 
-from flask import Flask, Response, request
-from werkzeug.exceptions import HTTPException
-from werkzeug.serving import make_server
-
 from . import cards, nodeview
 from .client import EngineError
 from .game import Game, GameError
@@ -68,13 +64,47 @@ def _json_safe(x):
     return x
 
 
-def reply(data: Any, status: int = 200) -> Response:
-    return Response(json.dumps(_json_safe(data), separators=(",", ":"), allow_nan=False), status,
-                    mimetype="application/json")
+DEBIAN_PACKAGES = Path("/usr/lib/python3/dist-packages")
+MISSING = "the app needs Flask (apt-get install python3-flask)"
 
 
-def error(status: int, message: str) -> Response:
-    return reply({"error": message}, status)
+def web() -> bool:
+    """Whether Flask imports: from this python, or from Debian's folder for another python
+    of the same version (Flask and its parts are plain Python there)."""
+    try:
+        import flask  # noqa: F401
+        return True
+    except ImportError:
+        if not (DEBIAN_PACKAGES / "flask").is_dir() or str(DEBIAN_PACKAGES) in sys.path:
+            return False
+        sys.path.append(str(DEBIAN_PACKAGES))  # last: nothing of this python's own is shadowed
+        try:
+            import flask  # noqa: F401,F811
+            return True
+        except ImportError:
+            sys.path.remove(str(DEBIAN_PACKAGES))
+            return False
+
+
+LOOPBACK_NAMES = ("127.0.0.1", "localhost", "[::1]")
+
+
+def allowed_hosts(listen: str, port: int) -> frozenset[str]:
+    """The Host values of this server: a loopback name, or the address it listens on, with its port.
+
+    A page of another site that got its name pointed at 127.0.0.1 (DNS rebinding)
+    still sends its own name as Host, and is refused for it."""
+    names = set(LOOPBACK_NAMES)
+    try:
+        ip = ipaddress.ip_address(listen)
+        if not ip.is_unspecified:
+            names.add(f"[{ip}]" if ip.version == 6 else str(ip))
+    except ValueError:
+        pass
+    hosts = {f"{n}:{port}" for n in names}
+    if port == 80:  # a browser leaves out the default port
+        hosts |= names
+    return frozenset(hosts)
 
 
 def loopback(host: str) -> bool:
@@ -94,8 +124,18 @@ def _meta() -> dict:
             "levels": LEVELS}
 
 
-def create_app(session: Session, token: str, study: StudyEngine | None = None) -> Flask:
+def create_app(session: Session, token: str, study: StudyEngine | None = None):
     """The Flask app; `app.config["HOSTS"]` must hold the Host values that name the server."""
+    from flask import Flask, Response, request
+    from werkzeug.exceptions import HTTPException
+
+    def reply(data: Any, status: int = 200) -> Response:
+        return Response(json.dumps(_json_safe(data), separators=(",", ":"), allow_nan=False), status,
+                        mimetype="application/json")
+
+    def error(status: int, message: str) -> Response:
+        return reply({"error": message}, status)
+
     app = Flask(__name__, static_folder=None)
     app.config["MAX_CONTENT_LENGTH"] = MAX_BODY
     app.config["HOSTS"] = set()
@@ -122,11 +162,12 @@ def create_app(session: Session, token: str, study: StudyEngine | None = None) -
     @app.before_request
     def guard():
         hosts = app.config["HOSTS"]
-        if request.host not in hosts:
-            return error(403, f"this server answers only to {' or '.join(sorted(hosts))}")
+        host = (request.headers.get("Host") or "").strip().lower()
+        if host not in hosts:
+            return error(403, f"Host {host[:80]!r} is not this server (use http://{sorted(hosts)[0]}/)")
         origin = request.headers.get("Origin")
-        if origin is not None and origin not in {f"http://{h}" for h in hosts}:
-            return error(403, "requests from other sites are refused")
+        if origin is not None and origin.strip().lower() != f"http://{host}":
+            return error(403, f"requests from the page of {origin[:80]!r} are refused")
         if request.path.startswith("/api/"):
             if not hmac.compare_digest(request.headers.get(TOKEN_HEADER, "").encode(), token.encode()):
                 return error(403, "missing or wrong token: open the address the app printed, with its token")
@@ -137,7 +178,12 @@ def create_app(session: Session, token: str, study: StudyEngine | None = None) -
                     return error(411, "the body needs a Content-Length")
                 if request.content_length > MAX_BODY:
                     return error(413, f"the body is over {MAX_BODY // 1024} kB")
-            if request.method == "HEAD":  # the headers only: no engine work
+            if request.method == "HEAD":  # the headers alone: checked, but no work for the engine
+                a = args()
+                if "path" in a:
+                    nodeview.check_path(a["path"])
+                if "player" in a:
+                    nodeview.check_player(a["player"])
                 return Response(status=200, mimetype="application/json")
         return None
 
@@ -370,6 +416,7 @@ class Server:
     """The app on a loopback port, on a thread or in the foreground."""
 
     def __init__(self, session: Session, host: str = "127.0.0.1", port: int = 0, token: str | None = None):
+        from werkzeug.serving import make_server
         self.token = token or secrets.token_urlsafe(24)
         self.session = session
         self.app = create_app(session, self.token)
@@ -378,7 +425,7 @@ class Server:
         self.http.daemon_threads = True
         self.port = self.http.server_port
         shown = f"[{host}]" if ":" in host else host
-        self.app.config["HOSTS"] = {f"{shown}:{self.port}", f"localhost:{self.port}"}
+        self.app.config["HOSTS"] = allowed_hosts(host, self.port)
         self.base = f"http://{shown}:{self.port}/"
         self.url = f"{self.base}?token={self.token}"
 
@@ -398,8 +445,14 @@ def _interrupt(*_) -> None:
 
 
 def run(args) -> int:
+    if not 0 <= args.port <= 65535:
+        print(f"corvanta: --port {args.port}: a port is 0 (any free one) to 65535", file=sys.stderr)
+        return 2
     if not loopback(args.host):
         print(f"corvanta: --host {args.host}: the app listens on loopback addresses only", file=sys.stderr)
+        return 2
+    if not web():
+        print(f"corvanta: {MISSING}", file=sys.stderr)
         return 2
     folders = [Path(f) for f in (args.folder or [])]
     for f in folders:

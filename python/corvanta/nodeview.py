@@ -1,4 +1,4 @@
-"""What the viewer and the reports show of one node, read from the engine.
+"""What the app and the reports show of one node, read from the engine.
 
 A game comes in two forms: a TOML game, set up and solved here, or a stored
 tree, which the engine loads. Either way everything shown afterwards comes
@@ -34,7 +34,7 @@ EMPTY_COLOR = "#3a3f47"
 
 
 class ViewError(ValueError):
-    """A request the viewer refuses: a bad path or player, or one the engine refuses."""
+    """A request the app refuses: a bad path or player, or one the engine refuses."""
 
 
 def check_path(path: str) -> str:

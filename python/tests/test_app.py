@@ -2,11 +2,12 @@
 is refused for must never reach the engine, whatever the request holds."""
 import http.client
 import json
-import os
 import socket
 import stat
+import struct
 import subprocess
 import sys
+import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
@@ -14,7 +15,10 @@ from pathlib import Path
 import pytest
 
 from corvanta.app import Server
+from corvanta.client import Solver
 from corvanta.session import Session
+
+from test_report import expected_mix
 
 ROOT = Path(__file__).resolve().parents[2]
 POLAR = {"board": "2c 7d 9h Ts Ks", "pot": 100, "stack": 100, "ranges": {"oop": "99,77,43s", "ip": "KQ"},
@@ -81,6 +85,20 @@ class Api:
         return st
 
 
+def raw_request(port, method="GET", target="/api/status", **headers):
+    """Status and body of a request with exactly these headers: no Host unless given."""
+    conn = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+    try:
+        conn.putrequest(method, target, skip_host=True, skip_accept_encoding=True)
+        for name, value in headers.items():
+            conn.putheader(name.replace("_", "-"), value)
+        conn.endheaders()
+        answer = conn.getresponse()
+        return answer.status, answer.read()
+    finally:
+        conn.close()
+
+
 def refused(api, method, path, body=None, status=400, **kw):
     """The request is refused with a message, and the engine saw nothing of it."""
     before = api.sent()
@@ -94,15 +112,25 @@ class TestGuards:
     def test_foreign_host_origin_and_missing_token_are_refused_everywhere(self, app):
         port = app.server.port
         for method, path, body in [*(("GET", p, None) for p in GETS), *(("POST", p, b) for p, b in POSTS.items())]:
-            assert "answers only" in refused(app, method, path, body, 403, headers={"Host": f"evil.example:{port}"})
+            assert "is not this server" in refused(app, method, path, body, 403, headers={"Host": f"evil.example:{port}"})
             refused(app, method, path, body, 403, headers={"Host": f"127.0.0.1:{port + 1}"})
-            assert "other sites" in refused(app, method, path, body, 403,
+            assert "are refused" in refused(app, method, path, body, 403,
                                             headers={"Origin": f"http://evil.example:{port}"})
             assert "token" in refused(app, method, path, body, 403, token=False)
             refused(app, method, path, body, 403, headers={"X-Corvanta-Token": "x" + app.server.token[1:]})
         # The page itself needs no token, only the right Host.
         assert app("GET", "/", token=False)[0] == 200
-        assert app("GET", "/", token=False, headers={"Host": "evil.example"})[0] == 403
+        here, token = app.host, {"X-Corvanta-Token": app.server.token}
+        for headers in ({"Host": f"evil.example.com:{port}"}, {"Host": "evil.example.com"}, {},
+                        {"Host": f"127.0.0.2:{port}"}, {"Host": here, "Origin": "http://evil.example.com"},
+                        {"Host": here, "Origin": "null"}, {"Host": here, "Origin": f"http://localhost:{port}"}):
+            status, body = raw_request(port, **token, **headers)
+            assert status == 403 and json.loads(body)["error"] and b"state" not in body, headers
+            assert raw_request(port, target="/", **headers)[0] == 403
+        for headers in ({"Host": here}, {"Host": f"localhost:{port}"}, {"Host": f"LocalHost:{port}"},
+                        {"Host": f"[::1]:{port}"}, {"Host": here, "Origin": f"http://{here}"}):
+            status, body = raw_request(port, **token, **headers)
+            assert status == 200 and "state" in json.loads(body), headers
 
     def test_posts_need_a_json_body_of_limited_size(self, app):
         for path in POSTS:
@@ -117,11 +145,50 @@ class TestGuards:
         refused(app, "GET", "/api/node?path=r:0&depth=2")
         refused(app, "GET", "/static/../session.py", status=404)
 
-    def test_head_answers_without_asking_the_engine(self, app):
+    def test_head_is_checked_but_asks_the_engine_nothing(self, app):
         before = app.sent()
         for path in GETS:
-            assert app("HEAD", path)[0] == 200
+            assert app("HEAD", path) == (200, None)
+        assert app("HEAD", "/api/node?path=x:0")[0] == 400 and app("HEAD", "/api/node?player=BB")[0] == 400
+        assert app("HEAD", "/api/node", headers={"Host": "evil.example.com"})[0] == 403
+        assert app("HEAD", "/api/node", token=False)[0] == 403
         assert app.sent() == before
+
+
+class SlowSession(Session):
+    """A game whose nodes are large and come when `go` is set, with no engine behind it."""
+
+    def __init__(self):
+        super().__init__("/nonexistent/corvanta")
+        self.asked = 0
+        self.go = threading.Event()
+
+    def node(self, path, player):
+        self.asked += 1
+        self.go.wait(10)
+        return {"path": path, "rows": ["0.5 " * 1326] * 400}
+
+
+def test_a_client_that_leaves_mid_answer_is_let_go_quietly(capfd):
+    session = SlowSession()
+    server = Server(session).start()
+    try:
+        port, token = server.port, server.token
+        with socket.create_connection(("127.0.0.1", port)) as sock:
+            sock.sendall(f"GET /api/node?path=r:0 HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\n"
+                         f"X-Corvanta-Token: {token}\r\n\r\n".encode())
+            deadline = time.monotonic() + 10
+            while session.asked < 1 and time.monotonic() < deadline:
+                time.sleep(0.01)
+            # Gone with a reset before the answer: every write of the server fails.
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        session.go.set()
+        status, body = raw_request(port, target="/api/node?path=r:0", Host=f"127.0.0.1:{port}", X_Corvanta_Token=token)
+        assert status == 200 and len(body) > 1_000_000
+    finally:
+        server.close()
+    out, err = capfd.readouterr()
+    assert session.asked == 2 and err == "" and out == ""
 
 
 class TestHostileInput:
@@ -212,10 +279,22 @@ class TestSession:
         assert st["state"] == "solved" and st["results"]["stop_reason"] and time.monotonic() - started < 5
         assert app("GET", "/api/node?path=r:0")[0] == 200
 
-    def test_card_report_and_ranges(self, app):
+    def test_card_report_concurrent_nodes_and_ranges(self, app, engine):
         assert app("POST", "/api/setup", TURN)[0] == 200
         assert app("POST", "/api/solve", {"steps": 30, "threads": 1})[0] == 200
         app.wait()
+        # Requests at once queue for the one engine, and each gets its own node.
+        assert app("POST", "/api/save", {"name": "turn"})[0] == 200
+        asks = [(p, who) for p in ("r:0", "r:0:c", "r:0:b50", "r:0:c:b50") for who in ("OOP", "IP")]
+        with ThreadPoolExecutor(8) as pool:
+            answers = list(pool.map(lambda a: app("GET", f"/api/node?path={a[0]}&player={a[1]}"), asks))
+        with Solver(engine) as oracle:
+            oracle.command(f"load_tree {app.folder / 'turn.tree'}")
+            for (path, who), (status, node) in zip(asks, answers):
+                assert status == 200 and node["path"] == path and node["player"] == who
+                mixes = {c["hand"]: c["mix"] for c in node["cells"] if c["mix"]}
+                want = expected_mix(oracle, path, who) if who == node["acting"] else {}
+                assert mixes.keys() == want.keys() and all(mixes[c] == pytest.approx(want[c], abs=1e-9) for c in want)
         report = app("GET", "/api/cards?path=r:0:c:c")[1]
         assert len(report["cards"]) == 48 and report["acting"] == "OOP"
         assert all(0 < r["freq"] < 1 for r in report["cards"])

@@ -152,7 +152,7 @@ def debian_pip() -> bool:
 
 
 @pytest.mark.skipif(not debian_pip(), reason="no python3-pip, python3-setuptools and python3-wheel")
-def test_the_wheel_installs_and_serves_the_viewer(engine, tmp_path):
+def test_the_wheel_installs_and_serves_the_app(engine, tmp_path):
     # A copy laid out as the checkout is (pip builds in the source folder); no network, no build isolation.
     source = tmp_path / "python"
     shutil.copytree(ROOT / "python", source, ignore=shutil.ignore_patterns("tests", "__pycache__", "build",
@@ -179,9 +179,10 @@ def test_the_wheel_installs_and_serves_the_viewer(engine, tmp_path):
         url = re.search(r"http://127\.0\.0\.1:\d+/", line)
         assert url, line + (proc.stderr.read() if proc.poll() is not None else "")
         url = url[0]
-        for page in ("", "viewer.js", "viewer.css"):
+        static = ROOT / "python" / "corvanta" / "static"
+        for page in ("", *(f"static/{p.name}" for p in static.iterdir() if p.name != "app.html")):
             with urllib.request.urlopen(url + page, timeout=30) as r:
-                assert r.read() == (ROOT / "python" / "corvanta" / "static" / (page or "index.html")).read_bytes()
+                assert r.read() == (static / (page[len("static/"):] or "app.html")).read_bytes()
     finally:
         proc.terminate()
         proc.wait(10)
