@@ -390,7 +390,9 @@ function renderPreview(p) {
   t.append(row(["by street (flop, turn, river)", p.decisions_by_street.map((x) => x.toLocaleString("en")).join(" / ")]));
   t.append(row(["lines", String(p.lines)]));
   t.append(row(["nodes in all", p.nodes.toLocaleString("en")]));
-  box.append(el("h3", "", "The tree"), t);
+  const tree = el("div");
+  tree.append(el("h3", "", "The tree"), t);
+  box.append(tree);
   const m = el("table");
   m.id = "memory";
   m.append(row(["level", "storage (MB)", "engine in all (MB)", ""], true));
@@ -400,9 +402,11 @@ function renderPreview(p) {
     if (l.level === p.auto) tr.classList.add("auto");
     m.append(tr);
   }
-  box.append(el("h3", "", "Memory"), m);
+  const memory = el("div");
+  memory.append(el("h3", "", "Memory"), m);
+  box.append(memory);
   const mem = p.memory || {};
-  box.append(el("div", "muted", `The engine plans ${p.uncompressed_mb ?? "?"} MB of uncompressed storage; levels 1 to 4 ` +
+  memory.append(el("div", "muted note", `The engine plans ${p.uncompressed_mb ?? "?"} MB of uncompressed storage; levels 1 to 4 ` +
     `are the shares its automatic choice counts on. Free memory: ${mem.available ?? "?"} of ${mem.physical ?? "?"} MB.`));
 }
 
