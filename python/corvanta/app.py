@@ -323,10 +323,10 @@ def create_app(session: Session, token: str, study: StudyEngine | None = None):
         text = data.get("text") if isinstance(data, dict) else None
         if not isinstance(text, str) or len(text) > 4000 or set(data) != {"text"}:
             raise Refused("range: a text of range notation")
-        try:
+        try:  # a check, as the set-up's: text that doesn't read is an answer, not a failed request
             return reply({"weights": parse_range(text)})
         except ValueError as e:
-            raise Refused(f"range: {e}") from None
+            return reply({"weights": None, "problem": str(e)})
 
     @app.post("/api/range/text")
     def api_range_text():

@@ -207,7 +207,6 @@ class Solver:
         self._fresh: collections.deque[Report] = collections.deque()
         self._stop_reason: str | None = None
         self._stop_sent = False
-        self._stop_wanted = False
         self.iterations: int | None = None
         # The latest side lines ("#..." comments, "[...]" under -v), for callers that read
         # what the engine says beside its answers, such as the storage plan of a build.
@@ -442,11 +441,13 @@ class Solver:
     # -- solving ------------------------------------------------------------
 
     def iter_solve(self, accuracy: float | None = None, seconds: int | None = None,
-                   steps: int | None = None, timeout: float | None = None) -> Iterator[Report]:
+                   steps: int | None = None, timeout: float | None = None,
+                   stop: threading.Event | None = None) -> Iterator[Report]:
         """Starts the solver and yields each evaluation as it arrives, up to the stop.
 
         Leaving the loop early stops the solver. `timeout` (seconds) stops it
-        from here and raises EngineTimeout."""
+        from here and raises EngineTimeout. Another thread stops the solve by
+        setting `stop`, which is looked at twice a second."""
         if seconds is not None and steps is not None:
             raise ValueError("give seconds or steps, not both")
         if accuracy is not None:
@@ -457,7 +458,6 @@ class Solver:
         elif steps is not None:
             go = f"go {int(steps)} steps"
         self._reports, self._stop_reason, self._stop_sent = [], None, False
-        self._stop_wanted = False
         self._fresh.clear()
         self.command(go)
         deadline = None if timeout is None else time.monotonic() + timeout
@@ -467,7 +467,7 @@ class Solver:
                     yield self._fresh.popleft()
                 if self._stop_reason is not None:
                     return
-                if self._stop_wanted:
+                if stop is not None and stop.is_set():
                     self._stop_run()
                     continue
                 wait = 0.5 if deadline is None else max(0.0, deadline - time.monotonic())
@@ -481,10 +481,6 @@ class Solver:
         finally:
             if self._stop_reason is None and self.alive():
                 self._stop_run()
-
-    def request_stop(self) -> None:
-        """Asks a solve running on another thread to stop; its loop ends within half a second."""
-        self._stop_wanted = True
 
     def _stop_run(self) -> None:
         self.command("stop")

@@ -112,6 +112,7 @@ class Session:
         self.locks: dict[str, dict] = {}
         self.generation = 0
         self._cache: dict[tuple, Any] = {}
+        self._stop = threading.Event()   # set by a stop request, cleared when the next solve starts
 
     # -- the engine ---------------------------------------------------------
 
@@ -151,8 +152,7 @@ class Session:
                   message="", generation=self.generation + 1)
 
     def close(self) -> None:
-        if self.solver is not None:
-            self.solver.request_stop()
+        self._stop.set()
         with self._lock:
             if self.solver is not None:
                 self.solver.close()
@@ -235,6 +235,7 @@ class Session:
             raise Busy(f"the engine is busy: {self.busy or 'working'}")
         # The lock goes to the solving thread, which lets it go when the solver stopped.
         self.busy = "solving"
+        self._stop.clear()
         self._cache.clear()
         self._set(state="solving", message="", reports=[], settings={**settings},
                   generation=self.generation + 1)
@@ -254,7 +255,7 @@ class Session:
             s.set_threads(settings["threads"])
             started = time.monotonic()
             for r in s.iter_solve(accuracy=settings["accuracy"], seconds=settings["seconds"],
-                                  steps=settings["steps"]):
+                                  steps=settings["steps"], stop=self._stop):
                 with self._state:
                     self.reports.append({"iteration": r.iteration, "seconds": r.seconds, "ev_oop": r.ev_oop,
                                          "ev_ip": r.ev_ip, "exploitability": r.exploitability})
@@ -275,9 +276,9 @@ class Session:
             self._lock.release()
 
     def stop(self) -> bool:
-        if self.state != "solving" or self.solver is None:
+        if self.state != "solving":
             return False
-        self.solver.request_stop()
+        self._stop.set()
         return True
 
     # -- reading the tree ---------------------------------------------------

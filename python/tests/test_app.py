@@ -15,8 +15,14 @@ from pathlib import Path
 import pytest
 
 from corvanta.app import Server
+from corvanta.cards import HAND_NAMES, parse_cards
 from corvanta.client import Solver
+from corvanta.explore import check_mix, chosen_hands, live_hands, lock_rows
+from corvanta.game import Game
+from corvanta.nodeview import ViewError
+from corvanta.ranges import parse_range
 from corvanta.session import Session
+from corvanta.setupform import check_form, game_form, to_game
 
 from test_report import expected_mix
 
@@ -106,6 +112,61 @@ def refused(api, method, path, body=None, status=400, **kw):
     assert code == status and answer and answer["error"], (method, path, body, code, answer)
     assert api.sent() == before, (method, path, body)
     return answer["error"]
+
+
+class TestForm:
+    # A field of the polarised game, its bad value, the field the message names, words of the message.
+    BAD = {"six cards": ("board", "2c 7d 9h Ts Ks As", "board", "3 to 5"),
+           "a card twice": ("board", "2c 2c 9h", "board", "twice"),
+           "no pot": ("pot", 0, "pot", "whole number"),
+           "a bad token": ("ranges", {"oop": "AKs,QX", "ip": "KQ"}, "ranges.oop", "QX"),
+           "an empty range": ("ranges", {"oop": "", "ip": "KQ"}, "ranges.oop", "empty"),
+           "ranges that never meet": ("ranges", {"oop": "AsAh", "ip": "AsAd"}, "ranges", "meet"),
+           "a raise size as a bet": ("tree", {"river": {"bet": "2x"}}, "tree.river", "multiplies"),
+           "a bad size": ("tree", {"river": {"bet": "50%, big"}}, "tree.river.bet", "big"),
+           "flop sizes on the river": ("tree", {"flop": {"bet": "50%"}, "river": {}}, "tree.flop", "not played"),
+           "donk true": ("tree", {"river": {"donk": True}}, "tree.river.donk", "false"),
+           "all-in at twice the stack": ("tree", {"allin_threshold": 2, "river": {}}, "tree.allin_threshold",
+                                         "share")}
+
+    @pytest.mark.parametrize("case", BAD)
+    def test_the_wrong_field_is_named_with_the_readers_words(self, case):
+        key, value, field, words = self.BAD[case]
+        errors = check_form({**POLAR, key: value})
+        assert list(errors) == [field] and words in errors[field], errors
+
+    def test_a_form_is_its_game(self):
+        assert check_form(POLAR) == {} and to_game(POLAR).lines() == ["add_line 0 0", "add_line 100 100"]
+        game = Game.from_toml(ROOT / "examples" / "turn.toml")
+        assert to_game(game_form(game)).lines() == game.lines()
+
+
+class TestLockRows:
+    BOARD = parse_cards("2c 7d 9h Ts Ks")
+    LIVE = live_hands(["2c", "7d", "9h", "Ts", "Ks"])
+    WEIGHTS = parse_range("99,77,43s")
+    CALL = {"c": 1, "f": 0}
+
+    def names(self, selection):
+        return sorted(HAND_NAMES[h] for h in chosen_hands(selection, self.LIVE, self.WEIGHTS))
+
+    def test_a_lock_takes_the_hands_of_the_range_it_names(self):
+        assert self.names({"cells": {"99": self.CALL}}) == ["9d9c", "9s9c", "9s9d"]  # 9h is on the board
+        assert self.names({"hands": {"9c9s": self.CALL}}) == ["9s9c"]
+        assert len(self.names({"all": self.CALL})) == 10
+        for selection, words in (({"cells": {"AA": self.CALL}}, "no hand of AA"), ({"cells": {"XX": {}}}, "no cell"),
+                                 ({"hands": {"9h9s": {}}}, "no hand of 9h9s"), ({"all": {}, "cells": {}}, "one of"),
+                                 ({"rows": {}}, "one of")):
+            with pytest.raises(ViewError, match=words):
+                chosen_hands(selection, self.LIVE, self.WEIGHTS)
+
+    def test_a_mix_is_a_share_for_each_action(self):
+        assert check_mix({"c": 0.25, "f": 0.75}, ["c", "f"], "lock") == {"c": 0.25, "f": 0.75}
+        for mix in ({"c": 0.5, "f": 0.4}, {"c": True, "f": 0}, {"c": 1}, {"c": 1, "f": 0, "b9": 0}, {"c": "1", "f": 0}):
+            with pytest.raises(ViewError):
+                check_mix(mix, ["c", "f"], "lock")
+        rows = lock_rows({"c": [0.5] * 1326, "f": [0.5] * 1326}, {7: {"c": 1.0, "f": 0.0}})
+        assert (rows["c"][7], rows["f"][7], rows["c"][8], rows["f"][8]) == (1.0, 0.0, 0.5, 0.5)
 
 
 class TestGuards:
@@ -264,6 +325,22 @@ class TestSession:
         csv = app("GET", "/api/export?path=r:0&format=csv")[1].splitlines()
         assert csv[0] == "hand,weight,b100,c,ev,equity" and "7s7c,1,1,0,200,1" in csv
 
+    def test_a_lock_of_cells_binds_their_hands_alone_and_unlocks(self, app):
+        assert app("POST", "/api/setup", POLAR)[0] == 200
+        assert app("POST", "/api/solve", {"accuracy": 0.001, "compression": "max"})[0] == 200
+        assert app.wait()["results"]["ev_oop"] == pytest.approx(90, abs=0.5)
+        # OOP's missed draws never bet: IP folds to every bet, and the sets win the pot alone.
+        assert app("POST", "/api/lock", {"path": "r:0", "cells": {"43s": {"c": 1, "b100": 0}}})[1]["what"] == "4 hands"
+        assert app("POST", "/api/solve", {"accuracy": 0.001, "compression": "max"})[0] == 200
+        assert app.wait()["results"]["ev_oop"] == pytest.approx(60, abs=0.5)
+        mask = [line for line in app.sent().splitlines() if line.startswith("combo_lock_node r:0 ")][-1].split()[2:]
+        assert sorted(HAND_NAMES[h] for h, x in enumerate(mask) if x == "1") == ["4c3c", "4d3d", "4h3h", "4s3s"]
+        assert "set_compression max" in app.sent()
+        assert app("POST", "/api/unlock", {"path": "r:0"})[0] == 200
+        assert app("POST", "/api/solve", {"accuracy": 0.001})[0] == 200
+        st = app.wait()
+        assert st["results"]["ev_oop"] == pytest.approx(90, abs=0.5) and st["locks"] == []
+
     def test_a_solve_holds_the_engine_and_stops_on_request(self, app):
         assert app("POST", "/api/setup", TURN)[0] == 200
         assert app("POST", "/api/solve", {"accuracy": 0, "seconds": 60, "threads": 1})[0] == 200
@@ -302,24 +379,29 @@ class TestSession:
         assert app("GET", "/api/cards?path=r:0")[0] == 400  # a decision: no card comes
         weights = app("POST", "/api/range/parse", {"text": "AKs,QQ:0.5"})[1]["weights"]
         assert sum(weights) == 4 + 3 and app("POST", "/api/range/text", {"weights": weights})[1]["text"] == "QQ:0.5,AKs"
-        assert "position" in refused(app, "POST", "/api/range/parse", {"text": "AKs,QX"})
+        assert "position" in app("POST", "/api/range/parse", {"text": "AKs,QX"})[1]["problem"]
         assert app("POST", "/api/ranges/save", {"name": "mine", "text": "AKs,QQ:0.5"})[0] == 200
         assert app("GET", "/api/ranges")[1]["files"] == ["mine.txt"]
         assert app("POST", "/api/ranges/load", {"name": "mine"})[1]["text"] == "AKs,QQ:0.5"
 
 
-def test_view_of_a_toml_game_serves_quietly_through_disconnects(engine, tmp_path):
+def viewing(engine, game):
+    """`view GAME` as a child process; its port and headers."""
+    proc = subprocess.Popen([sys.executable, "-m", "corvanta", "view", str(game), "--bin", engine],
+                            cwd=ROOT / "python", stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, text=True)
+    line = proc.stdout.readline()
+    port, token = int(line.split(":")[2].split("/")[0]), line.split("token=")[1].split()[0]
+    return proc, port, {"Host": f"127.0.0.1:{port}", "X-Corvanta-Token": token}
+
+
+def test_view_of_a_toml_game_serves_quietly_through_disconnects_and_its_tree_opens(engine, tmp_path):
     """`view GAME` sets up and solves the game; clients that hang up leave no trace on stderr."""
     game = tmp_path / "polar.toml"
     game.write_text('board = "2c 7d 9h Ts Ks"\npot = 100\nstack = 100\naccuracy = 0.001\n[ranges]\n'
                     'oop = "99,77,43s"\nip = "KQ"\n[tree.river]\nbet = "100%"\nip_bet = ""\nmax_raises = 0\n')
-    proc = subprocess.Popen([sys.executable, "-m", "corvanta", "view", str(game), "--bin", engine],
-                            cwd=ROOT / "python", stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE, text=True)
+    proc, port, headers = viewing(engine, game)
     try:
-        line = proc.stdout.readline()
-        port, token = int(line.split(":")[2].split("/")[0]), line.split("token=")[1].split()[0]
-        headers = {"Host": f"127.0.0.1:{port}", "X-Corvanta-Token": token}
         for _ in range(3):  # hang up mid-request, and before reading the answer
             with socket.create_connection(("127.0.0.1", port)) as s:
                 s.sendall(b"GET /api/status HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n" % port)
@@ -335,7 +417,21 @@ def test_view_of_a_toml_game_serves_quietly_through_disconnects(engine, tmp_path
             time.sleep(0.1)
         assert st["state"] == "solved" and st["results"]["ev_oop"] == pytest.approx(90, abs=0.5)
         assert st["form"]["ranges"]["oop"] == "99,77,43s"
+        # The game's folder is the app's folder: the tree saved there opens with `view` too.
+        conn = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+        conn.request("POST", "/api/save", body=b'{"name": "polar"}',
+                     headers={**headers, "Content-Type": "application/json"})
+        assert conn.getresponse().status == 200
     finally:
         proc.terminate()
         _, err = proc.communicate(timeout=20)
     assert proc.returncode == 0 and "Traceback" not in err and "Error" not in err, err
+    proc, port, headers = viewing(engine, tmp_path / "polar.tree")
+    try:
+        conn = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+        conn.request("GET", "/api/status", headers=headers)
+        st = json.loads(conn.getresponse().read())
+        assert st["name"] == "polar.tree" and st["results"]["ev_oop"] == pytest.approx(90, abs=0.5)
+    finally:
+        proc.terminate()
+        proc.communicate(timeout=20)

@@ -134,6 +134,38 @@ SPLITS = """return Object.fromEntries([...document.querySelectorAll('#grid .cell
   .map(c => [c.dataset.hand, Object.fromEntries([...c.querySelectorAll('.seg')].map(s => [s.dataset.action, +s.dataset.freq]))]));"""
 
 
+def cell_weights(driver, player):
+    return driver.execute_script(f"""return Object.fromEntries([...document.querySelectorAll(
+        '.range-editor[data-player="{player}"] .grid .cell')].map(c => [c.dataset.hand, +c.dataset.weight]));""")
+
+
+def test_the_range_grid_and_its_notation_follow_each_other(browser, app):
+    d = browser
+    d.get(app.url)
+    wait(d, lambda d: d.find_elements("css selector", ".range-editor .cell"))
+    text = find(d, 'textarea[data-player="IP"]')
+    type_in(text, "AKs:0.5,QQ")
+    wait(d, lambda d: cell_weights(d, "IP")["AKs"] == 0.5)
+    assert {c: w for c, w in cell_weights(d, "IP").items() if w} == {"AKs": 0.5, "QQ": 1}
+    type_in(text, "AKs,QX")  # a mistake leaves the grid and is named under the box
+    wait(d, lambda d: "QX" in find(d, '.msg[data-for="ranges.ip"]').text)
+    assert cell_weights(d, "IP")["AKs"] == 0.5
+    # One hand of a cell, weighted by itself.
+    find(d, '.range-editor[data-player="IP"] .modes button[data-mode="hands"]').click()
+    find(d, '.range-editor[data-player="IP"] .cell[data-hand="AKs"]').click()
+    box = find(d, '.range-editor[data-player="IP"] input[data-hand="AsKs"]')
+    type_in(box, "100")
+    box.send_keys("\t")
+    wait(d, lambda d: text.get_attribute("value") == "QQ,AKs:0.5,AsKs")
+    assert cell_weights(d, "IP")["AKs"] == 0.625
+    from selenium.webdriver.support.ui import Select
+    Select(find(d, '.range-editor[data-player="OOP"] select.range-files')).select_by_visible_text("catchers.txt")
+    find(d, '.range-editor[data-player="OOP"] select.range-files + button').click()
+    wait(d, lambda d: find(d, 'textarea[data-player="OOP"]').get_attribute("value") == "KQ")
+    assert {c for c, w in cell_weights(d, "OOP").items() if w} == {"KQs", "KQo"}
+    assert severe(d) == []
+
+
 def test_a_game_set_up_by_clicking_solves_to_the_closed_form_locks_saves_and_opens(browser, app):
     d = browser
     d.get(app.url)
@@ -201,6 +233,8 @@ def test_a_game_set_up_by_clicking_solves_to_the_closed_form_locks_saves_and_ope
     # The solve outlives a reload of the page; a tree opened from the file shows the same.
     d.refresh()
     wait(d, lambda d: state(d) == "solved")
+    wait(d, lambda d: find(d, 'textarea[data-player="OOP"]').get_attribute("value") == "99,77,43s")
+    assert len(d.find_elements("css selector", "#board-picker button.on")) == 5
     tab(d, "solve")
     assert "120.000" in find(d, "#results").text
     tab(d, "files")

@@ -211,6 +211,7 @@ async function textChanged(ed) {
   touched();
   try {
     const got = await api("/api/range/parse", { text: ed.text.value });
+    if (!got.weights) { setMsg(ed.msg, got.problem); return; }
     ed.weights = got.weights;
     setMsg(ed.msg, "");
     drawEditor(ed);
