@@ -116,26 +116,31 @@ class Session:
 
     # -- the engine ---------------------------------------------------------
 
-    def _engine(self) -> Solver:
+    def _engine(self, new_game: bool = False) -> Solver:
+        """The engine; a new one for a new game when there is none or it died. An engine that
+        died under a game is not replaced behind the page's back: its game is gone."""
+        if self.solver is not None and not self.solver.alive() and not new_game:
+            dead, self.solver = self.solver, None
+            try:
+                dead.command("echo")  # the client's account of the end: exit code, last words
+            except EngineDied as e:
+                raise EngineDied(f"{e}; set up or open a game again", e.returncode) from None
         if self.solver is None or not self.solver.alive():
             # -v: the build reports the storage it plans ("[uncompressed storage N MB]").
             self.solver = Solver(self.binary, args=("-v",))
         return self.solver
 
     @contextlib.contextmanager
-    def engine(self, doing: str, wait: float = 0.0) -> Iterator[Solver]:
+    def engine(self, doing: str, wait: float = 0.0, new_game: bool = False) -> Iterator[Solver]:
         """The engine for one request: at once (wait 0) or within `wait` seconds, else Busy."""
-        if self.state == "solving" and wait:
-            raise Busy("the engine is busy: solving")
         got = self._lock.acquire(timeout=wait) if wait else self._lock.acquire(blocking=False)
         if not got:
             raise Busy(f"the engine is busy: {self.busy or 'working'}")
         self.busy = doing
         try:
-            yield self._engine()
+            yield self._engine(new_game)
         except (EngineDied, EngineTimeout) as e:
             self._set(state="error", message=f"the engine stopped: {e}")
-            self.solver = None
             raise
         finally:
             self.busy = ""
@@ -165,7 +170,7 @@ class Session:
             game = to_game(form)
         except FormError as e:
             raise Refused(str(e)) from None
-        with self.engine("building the tree") as s:
+        with self.engine("building the tree", new_game=True) as s:
             self._new_game(name, "building", None, game.pot)
             try:
                 self._build(s, game)
@@ -284,8 +289,9 @@ class Session:
     # -- reading the tree ---------------------------------------------------
 
     def _readable(self) -> None:
-        if self.state not in ("built", "solved"):
-            raise Busy(f"no tree to read: {self.state}" if self.state != "solving" else "the engine is busy: solving")
+        # A read that comes while the solver runs waits its turn (its answer is of the solved tree).
+        if self.state not in ("built", "solved", "solving"):
+            raise Busy(f"no tree to read: {self.state}")
 
     def _cached(self, key: tuple, make) -> Any:
         key = (self.generation, *key)
@@ -417,7 +423,7 @@ class Session:
 
     def open(self, body: Any = None, path: Path | None = None) -> dict:
         path = path or self.file(body, None, True)
-        with self.engine("opening a tree") as s:
+        with self.engine("opening a tree", new_game=True) as s:
             self._new_game(path.name, "building", None, 0.0)
             try:
                 s.command(f"load_tree {quoted(path)}", timeout=600)

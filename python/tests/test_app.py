@@ -2,6 +2,8 @@
 is refused for must never reach the engine, whatever the request holds."""
 import http.client
 import json
+import os
+import signal
 import socket
 import stat
 import struct
@@ -19,7 +21,8 @@ from corvanta.cards import HAND_NAMES, parse_cards
 from corvanta.client import Solver
 from corvanta.explore import check_mix, chosen_hands, live_hands, lock_rows
 from corvanta.game import Game
-from corvanta.nodeview import ViewError
+from corvanta.lines import node_count
+from corvanta.nodeview import ViewError, range_average
 from corvanta.ranges import parse_range
 from corvanta.session import Session
 from corvanta.setupform import check_form, game_form, to_game
@@ -29,6 +32,9 @@ from test_report import expected_mix
 ROOT = Path(__file__).resolve().parents[2]
 POLAR = {"board": "2c 7d 9h Ts Ks", "pot": 100, "stack": 100, "ranges": {"oop": "99,77,43s", "ip": "KQ"},
          "tree": {"river": {"bet": "100%", "ip_bet": "", "max_raises": 0}}}
+FLOP = {"board": "Qs Jh 2h", "pot": 100, "stack": 100, "ranges": {"oop": "AA,QJs,T9s", "ip": "KK,AQs"},
+        "tree": {"flop": {"bet": "a", "max_raises": 0}, "turn": {"bet": "a", "max_raises": 0},
+                 "river": {"bet": "a", "max_raises": 0}}}
 TURN = {"board": "Qs Jh 2h 7c", "pot": 100, "stack": 150,
         "ranges": {"oop": "TT+,AQ+,KQ,QJs,QTs,JTs,T9s,98s,A5s-A3s,KJs", "ip": "99+,AJ+,KQ,QJs,KJs,JTs,T9s,87s,A5s"},
         "tree": {"turn": {"bet": "50%", "max_raises": 0}, "river": {"bet": "a", "max_raises": 0}}}
@@ -344,17 +350,21 @@ class TestSession:
     def test_a_solve_holds_the_engine_and_stops_on_request(self, app):
         assert app("POST", "/api/setup", TURN)[0] == 200
         assert app("POST", "/api/solve", {"accuracy": 0, "seconds": 60, "threads": 1})[0] == 200
+        # What changes the game is refused while the solver runs; what reads it waits its turn.
         with ThreadPoolExecutor(6) as pool:
-            answers = list(pool.map(lambda a: app(*a), [("POST", "/api/setup", POLAR), ("GET", "/api/node?path=r:0"),
+            reads = [pool.submit(app, "GET", p) for p in ("/api/node?path=r:0", "/api/cards?path=r:0:c:c&values=0")]
+            answers = list(pool.map(lambda a: app(*a), [("POST", "/api/setup", POLAR),
                                                         ("POST", "/api/lock", {"path": "r:0", "all": {"c": 1}}),
                                                         ("POST", "/api/open", {"name": "polar.tree"}),
-                                                        ("POST", "/api/solve", {}), ("GET", "/api/cards?path=r:0:c:c")]))
-        assert all(code == 409 and answer["error"] == "the engine is busy: solving" for code, answer in answers), answers
-        started = time.monotonic()
-        assert app("POST", "/api/stop", {}) == (200, {"stopping": True})
-        st = app.wait(10)
-        assert st["state"] == "solved" and st["results"]["stop_reason"] and time.monotonic() - started < 5
-        assert app("GET", "/api/node?path=r:0")[0] == 200
+                                                        ("POST", "/api/solve", {})]))
+            assert all(code == 409 and answer["error"] == "the engine is busy: solving" for code, answer in answers)
+            assert not any(r.done() for r in reads)
+            started = time.monotonic()
+            assert app("POST", "/api/stop", {}) == (200, {"stopping": True})
+            st = app.wait(10)
+            assert st["state"] == "solved" and st["results"]["stop_reason"] and time.monotonic() - started < 5
+            (code, node), (code2, cards) = (r.result(10) for r in reads)
+        assert (code, code2, node["path"], len(cards["cards"])) == (200, 200, "r:0", 48)
 
     def test_card_report_concurrent_nodes_and_ranges(self, app, engine):
         assert app("POST", "/api/setup", TURN)[0] == 200
@@ -372,6 +382,14 @@ class TestSession:
                 mixes = {c["hand"]: c["mix"] for c in node["cells"] if c["mix"]}
                 want = expected_mix(oracle, path, who) if who == node["acting"] else {}
                 assert mixes.keys() == want.keys() and all(mixes[c] == pytest.approx(want[c], abs=1e-9) for c in want)
+            for row in app("GET", "/api/cards?path=r:0:c:c&values=0")[1]["cards"]:
+                p = row["path"]
+                probs = oracle.command(f"show_probs {p}")[0].split()
+                assert row["freq"] == pytest.approx(float(oracle.command(f"calc_global_freq {p}")[0]), abs=1e-9)
+                assert row["actions"] == {probs[i]: pytest.approx(float(probs[i + 1])) for i in range(4, len(probs), 2)}
+                eq, weights = oracle.equity("IP", p), oracle.range("IP", p).values
+                live = [h for h in range(1326) if eq.matchups[h] > 0]
+                assert row["eq"]["IP"] == pytest.approx(range_average(eq.values, eq.matchups, weights, live))
         report = app("GET", "/api/cards?path=r:0:c:c")[1]
         assert len(report["cards"]) == 48 and report["acting"] == "OOP"
         assert all(0 < r["freq"] < 1 for r in report["cards"])
@@ -383,6 +401,61 @@ class TestSession:
         assert app("POST", "/api/ranges/save", {"name": "mine", "text": "AKs,QQ:0.5"})[0] == 200
         assert app("GET", "/api/ranges")[1]["files"] == ["mine.txt"]
         assert app("POST", "/api/ranges/load", {"name": "mine"})[1]["text"] == "AKs,QQ:0.5"
+
+
+class TestEngine:
+    def test_the_preview_is_the_engines_plan(self, app):
+        code, p = app("POST", "/api/setup", FLOP)
+        want = node_count(to_game(FLOP).rules)
+        assert code == 200 and p["lines"] == len(to_game(FLOP).lines()) and p["nodes"] == want.total
+        assert p["decisions"] == sum(want.ip_decisions) + sum(want.oop_decisions)
+        storage = [level["storage_mb"] for level in p["levels"]]
+        assert storage[0] == p["uncompressed_mb"] > 0 and storage[0] > storage[1] > storage[2] > storage[3]
+        assert storage[4] == storage[3] and p["levels"][4]["bound"] == "below" and storage[5] == storage[0]
+        assert p["auto"] in range(5) and p["memory"]["available"] > 0
+        assert all(level["total_mb"] >= level["storage_mb"] for level in p["levels"])
+
+    def test_a_study_reads_its_summaries_and_the_lines_of_its_kept_trees(self, app, engine):
+        study = app.folder / "study"
+        study.mkdir()
+        assert app("POST", "/api/setup", FLOP)[0] == 200 and app("POST", "/api/solve", {"steps": 10})[0] == 200
+        app.wait()
+        assert app("POST", "/api/save", {"name": "study/QsJh2h"})[0] == 200
+        for flop, ev in (("QsJh2h", 60.0), ("7c7d2s", 55.0)):
+            (study / f"{flop}.json").write_text(json.dumps({
+                "flop": flop, "weight": 12, "results": {"ev_oop": ev, "ev_ip": 100 - ev, "exploitability": 1},
+                "equity": {"oop": 0.5, "ip": 0.5}, "root": {"frequencies": {"c": 0.75, "b100": 0.25}}}))
+        (study / "broken.json").write_text("{")
+        got = app("GET", "/api/study?folder=0&name=study")[1]
+        assert [(f["flop"], f["tree"]) for f in got["flops"]] == [("QsJh2h", "QsJh2h.tree"), ("7c7d2s", None)]
+        assert len(got["skipped"]) == 1 and "broken.json" in got["skipped"][0]
+        line = app("GET", "/api/study/line?folder=0&name=study&flop=QsJh2h&path=r:0:c")[1]
+        with Solver(engine) as s:
+            s.command(f"load_tree {study / 'QsJh2h.tree'}")
+            probs = s.command("show_probs r:0:c")[0].split()
+            assert line["actions"] == {probs[i]: pytest.approx(float(probs[i + 1])) for i in range(4, len(probs), 2)}
+            assert line["line_freq"] == pytest.approx(float(s.command("calc_line_freq r:0:c")[0]))
+        for query, words in (("flop=7c7d2s&path=r:0", "no tree"), ("flop=QsJh2&path=r:0", "three cards"),
+                             ("flop=QsJh2h&path=r:0:x", "bad path")):
+            code, answer = app("GET", f"/api/study/line?folder=0&name=study&{query}")
+            assert code == 400 and words in answer["error"], answer
+
+
+def test_an_engine_that_dies_is_an_error_and_a_new_set_up_starts_another(engine, tmp_path):
+    server = Server(Session(engine, [tmp_path])).start()
+    try:
+        api = Api(server, tmp_path / "no.log", tmp_path)
+        assert api("POST", "/api/setup", POLAR)[0] == 200 and api("POST", "/api/solve", {"accuracy": 0.001})[0] == 200
+        api.wait()
+        os.kill(server.session.solver.pid, signal.SIGKILL)
+        code, answer = api("GET", "/api/node?path=r:0:b100")
+        assert code == 500 and "exit code -9" in answer["error"], answer
+        assert api("GET", "/api/status")[1]["state"] == "error"
+        assert api("GET", "/api/node?path=r:0")[0] == 409  # nothing to read until a new set-up
+        assert api("POST", "/api/setup", POLAR)[0] == 200 and api("POST", "/api/solve", {"accuracy": 0.001})[0] == 200
+        assert api.wait()["results"]["ev_oop"] == pytest.approx(90, abs=0.5)
+    finally:
+        server.close()
 
 
 def viewing(engine, game):

@@ -255,6 +255,10 @@ def test_the_card_report_agrees_with_the_engine(browser, app, engine, tmp_path):
     solved(d, solves)
     path = "r:0:c:c"
     show_node(d, path)
+    offered = {b.get_attribute("data-card") for b in d.find_elements("css selector", "#next button.card")}
+    assert len(offered) == 49 and not offered & {"Qs", "Jh", "2h"}
+    find(d, '#players button[data-player="IP"]').click()
+    wait(d, lambda d: find(d, "#grid-title").text == "IP's range")
     find(d, "#cards-ev").click()
     wait(d, lambda d: d.execute_script("return document.body.dataset.cards") == path + " with EVs"
          and len(d.find_elements("css selector", "#cards-table tr")) == 50)
@@ -285,6 +289,25 @@ def test_the_card_report_agrees_with_the_engine(browser, app, engine, tmp_path):
     csv = d.downloads / "node-r_0_c_c.csv"
     wait(d, lambda d: csv.exists())
     assert csv.read_text().splitlines()[0] == "hand,weight,ev,equity"
+    assert severe(d) == []
+
+
+def test_a_long_solve_draws_its_progress_and_stops_at_the_button(browser, app):
+    d = browser
+    app.session.set_up(FLOP)
+    d.get(app.url)
+    tab(d, "solve")
+    wait(d, lambda d: state(d) == "built")
+    type_in(find(d, "#accuracy"), "0")
+    type_in(find(d, "#seconds"), "120")
+    type_in(find(d, "#threads"), "1")
+    find(d, "#solve").click()
+    wait(d, lambda d: len(d.find_elements("css selector", "#chart circle")) >= 3)
+    assert "iteration" in find(d, "#progress-text").text and find(d, "#solve").get_attribute("disabled")
+    started = time.monotonic()
+    find(d, "#stop").click()
+    wait(d, lambda d: state(d) == "solved" and "requested" in find(d, "#results").text, 10)
+    assert time.monotonic() - started < 5 and app.session.settings["threads"] == 1
     assert severe(d) == []
 
 
