@@ -278,6 +278,7 @@ class TestHostileInput:
             refused(app, "POST", "/api/lock", {"path": path, "all": {"c": 1}})
             refused(app, "POST", "/api/unlock", {"path": path})
         refused(app, "GET", "/api/node?path=r:0&player=OOP%0Aexit")
+        assert "set up a game" in refused(app, "POST", "/api/solve", {})  # nothing to solve yet
         for body in ({"threads": "1\nexit"}, {"threads": True}, {"accuracy": -1}, {"seconds": 0},
                      {"compression": "auto\nexit"}, {"seconds": 5, "steps": 5}, {"go": 1}, []):
             refused(app, "POST", "/api/solve", body)

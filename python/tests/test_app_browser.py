@@ -292,6 +292,27 @@ def test_the_card_report_agrees_with_the_engine(browser, app, engine, tmp_path):
     assert severe(d) == []
 
 
+def test_sizes_show_in_chips_and_as_shares_of_the_pot(browser, app):
+    # River, pot 100: OOP bets 50 (half the pot); IP raises to 125, 75 more than the call
+    # into a pot of 200 once it is called (37.5%); OOP raises again to 2.5 x 125 = 313 (halves
+    # up), 263 more than its 50 and 188 more than the call into a pot of 350.
+    app.session.set_up({"board": "2c 7d 9h Ts Ks", "pot": 100, "stack": 400, "ranges": {"oop": "99,77,43s", "ip": "KQ"},
+                        "tree": {"river": {"bet": "50%", "raise": "2.5x, a", "max_raises": 2}}})
+    app.session.solve({"steps": 5})
+    d = browser
+    d.get(app.url)
+    wait(d, lambda d: state(d) == "solved")
+    sizes = lambda: {b.get_attribute("data-action"): b.text.split("(")[1].split(")")[0]
+                     for b in d.find_elements("css selector", "button.action") if "(" in b.text}
+    show_node(d, "r:0")
+    assert sizes() == {"b50": "50 chips, 50% pot"}
+    show_node(d, "r:0:b50")
+    assert sizes() == {"b125": "125 chips, 38% pot", "b400": "400 chips, 175% pot"}
+    show_node(d, "r:0:b50:b125")
+    assert sizes() == {"b313": "263 chips, 54% pot", "b400": "350 chips, 79% pot"}
+    assert severe(d) == []
+
+
 def test_a_long_solve_draws_its_progress_and_stops_at_the_button(browser, app):
     d = browser
     app.session.set_up(FLOP)

@@ -73,6 +73,8 @@ BAD = {
     "view --port 99999": (GAME, ["--port", "99999"], "--port"),
     "view of a bad game": (edit("accuracy = 0", "accuracy = nan"), [], "accuracy"),
     "view of no file": (None, [], "game.tree"),
+    "view on every address": (GAME, ["--host", "0.0.0.0"], "--host"),
+    "view with a folder that isn't there": (GAME, ["--folder", "{tmp}/missing"], "--folder"),
     "report of no file": (None, ["--html", "{tmp}/report.html"], "game.tree"),
 }
 
@@ -127,6 +129,15 @@ def test_report_without_matplotlib(engine, tmp_path):
     run = corvanta("report", tmp_path / "game.toml", "--html", page, "--bin", engine, "--quiet", env=env)
     assert run.returncode == 0, run.stderr
     assert page.read_text().count('<g class="cell" ') == 169 and not png.exists()
+
+
+def test_the_app_without_flask_names_the_package(tmp_path):
+    hide = tmp_path / "hide"
+    hide.mkdir()
+    (hide / "sitecustomize.py").write_text(HIDE.replace('"matplotlib"', '"flask"').replace("matplotlib.", "flask."))
+    env = {**os.environ, "PYTHONPATH": os.pathsep.join([str(hide), str(ROOT / "python")])}
+    run = corvanta("app", "--bin", NO_ENGINE, env=env, timeout=30)
+    assert run.returncode == 2 and run.stderr.count("\n") == 1 and "python3-flask" in run.stderr, run.stderr
 
 
 DEBIAN_MATPLOTLIB = Path("/usr/lib/python3/dist-packages/matplotlib") / f"_path{sysconfig.get_config_var('EXT_SUFFIX')}"

@@ -74,11 +74,6 @@ async function loadValues(node, generation) {
   }
 }
 
-function actionColor(name) {
-  const a = Explore.node.actions.find((x) => x.name === name);
-  return a ? a.color : "#aab2bd";
-}
-
 function render() {
   const node = Explore.node;
   renderLine();
