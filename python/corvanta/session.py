@@ -343,7 +343,8 @@ class Session:
     # -- locks --------------------------------------------------------------
 
     def lock(self, body: Any) -> dict:
-        if not isinstance(body, dict) or set(body) - {"path", "all", "cells", "hands"} or "path" not in body:
+        if (not isinstance(body, dict) or set(body) - {"path", "all", "cells", "hands"} or "path" not in body
+                or len(body) != 2):
             raise Refused("lock: path and one of all, cells or hands")
         path = check_path(body["path"])
         self._readable()

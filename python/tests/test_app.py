@@ -282,6 +282,14 @@ class TestHostileInput:
         for body in ({"threads": "1\nexit"}, {"threads": True}, {"accuracy": -1}, {"seconds": 0},
                      {"compression": "auto\nexit"}, {"seconds": 5, "steps": 5}, {"go": 1}, []):
             refused(app, "POST", "/api/solve", body)
+        for url, body in (("/api/save", {"name": "x", "folder": 0, "go": 1}), ("/api/lock", {"path": "r:0"}),
+                          ("/api/stop", {"now": True}), ("/api/unlock", {"path": "r:0", "all": {}}),
+                          ("/api/range/text", {"weights": [0] * 1325}), ("/api/range/text", {"weights": [True] * 1326}),
+                          ("/api/range/text", {"weights": [2] * 1326}), ("/api/range/parse", {"text": 5}),
+                          ("/api/ranges/load", {"name": "x", "text": ""}), ("/api/setup", [POLAR])):
+            refused(app, "POST", url, body)
+        (app.folder / "ranges" / "bad.txt").write_text("# no range\nAKx\n")
+        assert "bad.txt" in refused(app, "POST", "/api/ranges/load", {"name": "bad"})
         assert "exit" not in app.sent()
 
     def test_files_stay_inside_the_named_folders(self, app, tmp_path):
@@ -400,7 +408,7 @@ class TestSession:
         assert sum(weights) == 4 + 3 and app("POST", "/api/range/text", {"weights": weights})[1]["text"] == "QQ:0.5,AKs"
         assert "position" in app("POST", "/api/range/parse", {"text": "AKs,QX"})[1]["problem"]
         assert app("POST", "/api/ranges/save", {"name": "mine", "text": "AKs,QQ:0.5"})[0] == 200
-        assert app("GET", "/api/ranges")[1]["files"] == ["mine.txt"]
+        assert app("GET", "/api/ranges")[1]["files"] == ["bad.txt", "mine.txt"]
         assert app("POST", "/api/ranges/load", {"name": "mine"})[1]["text"] == "AKs,QQ:0.5"
 
 

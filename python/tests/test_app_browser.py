@@ -221,6 +221,9 @@ def test_a_game_set_up_by_clicking_solves_to_the_closed_form_locks_saves_and_ope
     wait(d, lambda d: len(d.execute_script(rows)) == 3)
     assert d.execute_script(rows)[1] == ["OOP", "90.000", "120.000"]
     shot(d, "app-lock.png")
+    tab(d, "solve")
+    assert [tr.text.split()[-1] for tr in d.find_elements("css selector", "#history tr")[1:]] == ["\u2013", "r:0:b100"]
+    tab(d, "explore")
     show_node(d, "r:0")
     bets = d.execute_script(SPLITS)
     assert bets["43s"]["b100"] == pytest.approx(0, abs=0.01) and bets["99"]["b100"] == pytest.approx(1, abs=0.01)
@@ -289,6 +292,13 @@ def test_the_card_report_agrees_with_the_engine(browser, app, engine, tmp_path):
     csv = d.downloads / "node-r_0_c_c.csv"
     wait(d, lambda d: csv.exists())
     assert csv.read_text().splitlines()[0] == "hand,weight,ev,equity"
+    find(d, "#export-json").click()
+    exported = d.downloads / "node-r_0_c_c.json"
+    wait(d, lambda d: exported.exists() and exported.stat().st_size)
+    hands = json.loads(exported.read_text())["hands"]
+    rows = [line.split(",") for line in csv.read_text().splitlines()[1:]]
+    assert [(h["hand"], h["equity"]) for h in hands] == [(r[0], pytest.approx(float(r[3]), abs=1e-6)) for r in rows]
+    assert {h["hand"][:2] for h in hands} == {"Kd", "Kh", "Ks", "Ac", "Ad", "Ah"}  # IP's KK and AQs: its grid shown
     assert severe(d) == []
 
 
@@ -329,6 +339,12 @@ def test_a_long_solve_draws_its_progress_and_stops_at_the_button(browser, app):
     find(d, "#stop").click()
     wait(d, lambda d: state(d) == "solved" and "requested" in find(d, "#results").text, 10)
     assert time.monotonic() - started < 5 and app.session.settings["threads"] == 1
+    stopped = app.session.results["iterations"]
+    find(d, "#go-on").click()  # from the iteration reached, not from the start
+    wait(d, lambda d: state(d) == "solving")
+    find(d, "#stop").click()
+    wait(d, lambda d: state(d) == "solved")
+    assert app.session.results["iterations"] > stopped and app.session.reports[0]["iteration"] > stopped
     assert severe(d) == []
 
 
@@ -357,6 +373,10 @@ def test_a_study_folder_reads_as_a_table_and_opens_its_trees(browser, app):
     Select(find(d, '#study-filters select[data-texture="suits"]')).select_by_visible_text("monotone")
     assert keys() == ["AhKh5h"]
     Select(find(d, '#study-filters select[data-texture="suits"]')).select_by_visible_text("all")
+    # The chart: each class's mean, weighted by the flops' weights (24 x 60 + 4 x 40) / 28.
+    Select(find(d, "#study-group")).select_by_visible_text("pairing")
+    bars = d.execute_script("return [...document.querySelectorAll('#study-chart rect title')].map(t => t.textContent)")
+    assert bars == ["unpaired: 57.143", "paired: 55.000"]
     type_in(find(d, "#study-path"), "r:0:c")
     find(d, "#study-line").click()
     wait(d, lambda d: d.execute_script("return document.body.dataset.studyLine") == "r:0:c")
