@@ -204,7 +204,19 @@ def test_a_game_set_up_by_clicking_solves_to_the_closed_form_locks_saves_and_ope
     tab(d, "explore")
     show_node(d, "r:0")
     assert frequencies(d)["b100"] == pytest.approx(0.9, abs=0.01)
+    wait(d, lambda d: d.execute_script("return document.body.dataset.values") == "r:0")
+    assert d.execute_script("return document.querySelector('#node-values').innerText").splitlines()[1].split() \
+        == ["EV", "(chips)", "90.00", "10.00"]
     before = d.execute_script(SPLITS)
+    # A lock of picked cells: the sets' cell 99 bets always.
+    find(d, 'input[name="lock-mode"][value="cells"]').click()
+    find(d, '#grid .cell[data-hand="99"]').click()
+    assert "picked: 99" in find(d, "#lock-picked").text
+    find(d, "#lock").click()
+    wait(d, lambda d: "locked 3 hands at r:0" in find(d, "#lock-msg").text)
+    find(d, "#unlock").click()
+    wait(d, lambda d: find(d, "#lock-msg").text == "unlocked")
+    find(d, 'input[name="lock-mode"][value="all"]').click()
 
     # IP always calls: OOP stops bluffing, and its EV is the closed form's.
     find(d, 'button.action[data-action="b100"]').click()
