@@ -1,5 +1,6 @@
 """python3 -m corvanta solve game.toml --out result.json
-python3 -m corvanta script game.toml        (the engine commands of the game)"""
+python3 -m corvanta script game.toml        (the engine commands of the game)
+python3 -m corvanta app [GAME]              (the solver in a local web page; view GAME the same)"""
 from __future__ import annotations
 
 import argparse
@@ -127,8 +128,8 @@ def main(argv=None) -> int:
     p = sub.add_parser("script", help="print the engine commands that set up the game")
     p.add_argument("game")
     p.set_defaults(run=script)
-    from . import report, viewer
-    viewer.add_parser(sub)
+    from . import app, report
+    app.add_parser(sub)
     report.add_parser(sub)
     batch.add_parser(sub)
     aggregate.add_parser(sub)

@@ -16,6 +16,7 @@ import dataclasses
 import math
 import os
 import shutil
+import threading
 import time
 from dataclasses import dataclass
 from pathlib import Path
@@ -158,6 +159,11 @@ class Solver:
     def _proc(self):  # the child itself, for the tests that look at how it ended
         return self._conn.transport.proc
 
+    @property
+    def notes(self):
+        """The latest side lines the engine printed beside its answers."""
+        return self._conn.notes
+
     def alive(self) -> bool:
         return self._conn.alive()
 
@@ -241,11 +247,13 @@ class Solver:
     # -- solving ------------------------------------------------------------
 
     def iter_solve(self, accuracy: float | None = None, seconds: int | None = None,
-                   steps: int | None = None, timeout: float | None = None) -> Iterator[Report]:
+                   steps: int | None = None, timeout: float | None = None,
+                   stop: threading.Event | None = None) -> Iterator[Report]:
         """Starts the solver and yields each evaluation as it arrives, up to the stop.
 
         Leaving the loop early stops the solver. `timeout` (seconds) stops it
-        from here and raises EngineTimeout."""
+        from here and raises EngineTimeout. Another thread stops the solve by
+        setting `stop`, which is looked at twice a second."""
         if seconds is not None and steps is not None:
             raise ValueError("give seconds or steps, not both")
         if accuracy is not None:
@@ -265,6 +273,9 @@ class Solver:
                     yield conn.fresh.popleft()
                 if conn.stop_reason is not None:
                     return
+                if stop is not None and stop.is_set():
+                    conn.stop_run()
+                    continue
                 wait = 0.5 if deadline is None else max(0.0, deadline - time.monotonic())
                 if not conn.poll(wait) and deadline is not None and time.monotonic() >= deadline:
                     conn.stop_run()

@@ -19,6 +19,7 @@
     raise = "60%, a"
     max_raises = 1            # raises after the bet; the default comes from [tree]
     donk = "50%"              # optional: OOP's lead sizes into the last aggressor, false for none
+    ip_bet = "50%"            # optional: IP's own bet sizes (ip_raise: its raises); else bet and raise
 """
 from __future__ import annotations
 
@@ -39,7 +40,7 @@ class GameError(ValueError):
 
 _TOP = {"board", "pot", "stack", "accuracy", "seconds", "steps", "threads", "ranges", "tree"}
 _TREE = {"allin_threshold", "min_bet", "max_raises", *STREET_NAMES}
-_STREET = {"bet", "raise", "max_raises", "donk"}
+_STREET = {"bet", "raise", "max_raises", "donk", "ip_bet", "ip_raise"}
 
 
 _LIMIT = 2 ** 31  # the engine reads its numbers as signed 32-bit
@@ -162,7 +163,8 @@ class Game:
             if not _whole(raises) or raises < 0:
                 raise GameError(f"tree.{name}.max_raises: a whole number of 0 or more, not {_shown(raises)}")
             try:
-                streets.append(StreetRules.of(st.get("bet"), st.get("raise"), st.get("donk"), raises))
+                streets.append(StreetRules.of(st.get("bet"), st.get("raise"), st.get("donk"), raises,
+                                              st.get("ip_bet"), st.get("ip_raise")))
             except (RulesError, TypeError, ValueError) as e:
                 raise GameError(f"tree.{name}: {e}") from None
         threshold, min_bet = tree.get("allin_threshold"), tree.get("min_bet", 1)

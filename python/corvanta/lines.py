@@ -6,7 +6,8 @@ is a check or call, and calls and folds to a bet come by themselves. Players
 think in rules instead: "bet 33% and 75% of the pot, raise 2.5x, all-in". This
 module expands such rules into the game tree and writes one line per showdown.
 
-Sizes, one text per street and action, separated by commas:
+Sizes, one text per street and action (and, where IP's differ, per player),
+separated by commas:
 
     33%     a share of the pot (for a raise: of the pot after calling)
     2.5x    raise to 2.5 times the bet faced on this street
@@ -81,15 +82,20 @@ class StreetRules:
     raises: tuple[Size, ...] = ()
     donk: tuple[Size, ...] | None = None
     max_raises: int = 1
+    ip_bet: tuple[Size, ...] | None = None      # IP's own sizes; None: the same as OOP's
+    ip_raises: tuple[Size, ...] | None = None
 
     @staticmethod
-    def of(bet=None, raises=None, donk=None, max_raises: int = 1) -> "StreetRules":
-        """From texts such as bet="33%, 75%", raises="2.5x, a"; donk=False means no lead."""
+    def of(bet=None, raises=None, donk=None, max_raises: int = 1, ip_bet=None, ip_raises=None) -> "StreetRules":
+        """From texts such as bet="33%, 75%", raises="2.5x, a"; donk=False means no lead;
+        ip_bet and ip_raises, when given, are IP's sizes in place of bet and raises."""
         if donk is False:
             lead: tuple[Size, ...] | None = ()
         else:
             lead = None if donk is None or donk is True else parse_sizes(donk)
-        return StreetRules(parse_sizes(bet), parse_sizes(raises), lead, int(max_raises))
+        return StreetRules(parse_sizes(bet), parse_sizes(raises), lead, int(max_raises),
+                           None if ip_bet is None else parse_sizes(ip_bet),
+                           None if ip_raises is None else parse_sizes(ip_raises))
 
 
 @dataclass
@@ -116,10 +122,10 @@ class TreeRules:
         for name, st in zip(STREET_NAMES[self.first_street - 1:], self.streets):
             if st.max_raises < 0:
                 raise RulesError(f"{name}: max_raises can't be negative")
-            for size in st.bet + (st.donk or ()):
+            for size in st.bet + (st.donk or ()) + (st.ip_bet or ()):
                 if size.kind == "x":
                     raise RulesError(f"{name}: '{size}' multiplies a bet faced; use it for raises")
-            for size in st.raises:
+            for size in st.raises + (st.ip_raises or ()):
                 if size.kind == "geo":
                     raise RulesError(f"{name}: geometric size '{size}' is for bets")
                 if size.kind == "x" and size.value <= 1:
@@ -215,10 +221,12 @@ class _Builder:
                                            st.last_raise, st.aggressor, st.previous_aggressor))
         passive.level = level
         node.children.append(passive)
+        bets = rules.bet if p == 0 or rules.ip_bet is None else rules.ip_bet
+        raises = rules.raises if p == 0 or rules.ip_raises is None else rules.ip_raises
         if facing:
-            sizes = rules.raises if st.bets - 1 < rules.max_raises and level < self.r.stack else ()
+            sizes = raises if st.bets - 1 < rules.max_raises and level < self.r.stack else ()
         else:
-            sizes = rules.bet
+            sizes = bets
             if p == 0 and st.previous_aggressor == 1 and rules.donk is not None:
                 sizes = rules.donk
         for to in self.sizes_to_levels(st, sizes, facing) if level < self.r.stack else ():

@@ -1,4 +1,4 @@
-"""What the viewer and the reports show of one node, read from the engine.
+"""What the app and the reports show of one node, read from the engine.
 
 A game comes in two forms: a TOML game, set up and solved here, or a stored
 tree, which the engine loads. Either way everything shown afterwards comes
@@ -34,7 +34,7 @@ EMPTY_COLOR = "#3a3f47"
 
 
 class ViewError(ValueError):
-    """A request the viewer refuses: a bad path or player, or one the engine refuses."""
+    """A request the app refuses: a bad path or player, or one the engine refuses."""
 
 
 def check_path(path: str) -> str:
@@ -179,14 +179,15 @@ def children(solver: Solver, path: str) -> list[NodeBlock]:
 
 # -- one node ---------------------------------------------------------------
 
-def node_view(solver: Solver, path: str, player: str | None = None) -> dict[str, Any]:
+def node_view(solver: Solver, path: str, player: str | None = None, values: bool = True) -> dict[str, Any]:
     """Everything the page and the reports show at a node; `player` picks the main grid's
-    player (default: the one to act, OOP where nobody acts)."""
+    player (default: the one to act, OOP where nobody acts). Without `values` the EVs and
+    equities are left out: on a flop tree each EV is a pass over the tree below the node."""
     check_path(path)
     if player is not None:
         check_player(player)
     try:
-        return _node_view(solver, path, player)
+        return _node_view(solver, path, player, values)
     except _BROKEN:
         raise
     except EngineError as e:
@@ -197,7 +198,7 @@ def node_view(solver: Solver, path: str, player: str | None = None) -> dict[str,
 _BROKEN = (EngineNotImplemented, EngineDied, EngineTimeout)
 
 
-def _node_view(solver: Solver, path: str, player: str | None) -> dict[str, Any]:
+def _node_view(solver: Solver, path: str, player: str | None, values: bool = True) -> dict[str, Any]:
     node = node_block(solver, path)
     kind = node.kind
     acting = {"OOP_DEC": "OOP", "IP_DEC": "IP"}.get(kind)
@@ -237,7 +238,7 @@ def _node_view(solver: Solver, path: str, player: str | None) -> dict[str, Any]:
     # Per hand for the grid's player; over the range for both. The engine's own equity total
     # weighs every hand alike, so the range average is taken here for EV and equity both.
     ev, eq, summary_ev, summary_eq = {}, {}, {}, {}
-    for p in PLAYERS:
+    for p in PLAYERS if values else ():
         for query, per_hand, summary in ((solver.ev, ev, summary_ev), (solver.equity, eq, summary_eq)):
             try:
                 got = query(p, path)

@@ -277,6 +277,9 @@ class Connection:
         self.stop_reason: str | None = None
         self.stop_sent = False
         self.iterations: int | None = None
+        # The latest side lines ("#..." comments, "[...]" under -v), for callers that read
+        # what the engine says beside its answers, such as the storage plan of a build.
+        self.notes: collections.deque[str] = collections.deque(maxlen=64)
 
     def alive(self) -> bool:
         return not self.dead and self.transport.returncode(0) is None
@@ -382,7 +385,10 @@ class Connection:
                 self._add_report(dataclasses.replace(self.pending, iteration=self.iterations))
                 self.pending = None
             return True
-        return line.startswith("#") or line.startswith("[")
+        if line.startswith("#") or line.startswith("["):
+            self.notes.append(line)
+            return True
+        return False
 
     def _add_report(self, report: Report) -> None:
         self.reports.append(report)

@@ -1,8 +1,8 @@
 """python3 -m corvanta report GAME --path r:0 --png grid.png --html report.html
 
-The viewer's grid and node summary as files: a PNG drawn with matplotlib and
+The app's grid and node summary as files: a PNG drawn with matplotlib and
 an HTML page that holds everything inline (CSS and SVG, no scripts), so it
-reads the same from a mail or an archive. Both come from the viewer's own
+reads the same from a mail or an archive. Both come from the app's own
 node data, so a report and the page never disagree.
 """
 from __future__ import annotations

@@ -73,6 +73,8 @@ BAD = {
     "view --port 99999": (GAME, ["--port", "99999"], "--port"),
     "view of a bad game": (edit("accuracy = 0", "accuracy = nan"), [], "accuracy"),
     "view of no file": (None, [], "game.tree"),
+    "view on every address": (GAME, ["--host", "0.0.0.0"], "--host"),
+    "view with a folder that isn't there": (GAME, ["--folder", "{tmp}/missing"], "--folder"),
     "report of no file": (None, ["--html", "{tmp}/report.html"], "game.tree"),
 }
 
@@ -129,6 +131,15 @@ def test_report_without_matplotlib(engine, tmp_path):
     assert page.read_text().count('<g class="cell" ') == 169 and not png.exists()
 
 
+def test_the_app_without_flask_names_the_package(tmp_path):
+    hide = tmp_path / "hide"
+    hide.mkdir()
+    (hide / "sitecustomize.py").write_text(HIDE.replace('"matplotlib"', '"flask"').replace("matplotlib.", "flask."))
+    env = {**os.environ, "PYTHONPATH": os.pathsep.join([str(hide), str(ROOT / "python")])}
+    run = corvanta("app", "--bin", NO_ENGINE, env=env, timeout=30)
+    assert run.returncode == 2 and run.stderr.count("\n") == 1 and "python3-flask" in run.stderr, run.stderr
+
+
 DEBIAN_MATPLOTLIB = Path("/usr/lib/python3/dist-packages/matplotlib") / f"_path{sysconfig.get_config_var('EXT_SUFFIX')}"
 
 
@@ -152,7 +163,7 @@ def debian_pip() -> bool:
 
 
 @pytest.mark.skipif(not debian_pip(), reason="no python3-pip, python3-setuptools and python3-wheel")
-def test_the_wheel_installs_and_serves_the_viewer(engine, tmp_path):
+def test_the_wheel_installs_and_serves_the_app(engine, tmp_path):
     # A copy laid out as the checkout is (pip builds in the source folder); no network, no build isolation.
     source = tmp_path / "python"
     shutil.copytree(ROOT / "python", source, ignore=shutil.ignore_patterns("tests", "__pycache__", "build",
@@ -179,9 +190,10 @@ def test_the_wheel_installs_and_serves_the_viewer(engine, tmp_path):
         url = re.search(r"http://127\.0\.0\.1:\d+/", line)
         assert url, line + (proc.stderr.read() if proc.poll() is not None else "")
         url = url[0]
-        for page in ("", "viewer.js", "viewer.css"):
+        static = ROOT / "python" / "corvanta" / "static"
+        for page in ("", *(f"static/{p.name}" for p in static.iterdir() if p.name != "app.html")):
             with urllib.request.urlopen(url + page, timeout=30) as r:
-                assert r.read() == (ROOT / "python" / "corvanta" / "static" / (page or "index.html")).read_bytes()
+                assert r.read() == (static / (page[len("static/"):] or "app.html")).read_bytes()
     finally:
         proc.terminate()
         proc.wait(10)

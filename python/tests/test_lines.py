@@ -44,6 +44,9 @@ RULE_SETS = {
     "turn, donk 25% and 2e": ("Qs Jh 2h 7c", turn_rules(donk="25%, 2e")),
     "turn, all-in at 40% of the stack": ("Qs Jh 2h 7c", turn_rules(bet="75%", allin_threshold=0.4)),
     "turn, 2 raises": ("Qs Jh 2h 7c", turn_rules(turn_max=2, river_max=2)),
+    "turn, IP bets its own sizes and never raises": ("Qs Jh 2h 7c", TreeRules(
+        60, 270, [StreetRules.of("50%, 100%", "2.5x, a", None, 1, ip_bet="33%", ip_raises=""),
+                  StreetRules.of("50%", "a", None, 1, ip_bet="75%, 150%")], first_street=2)),
     "flop, 2 raises, all-in threshold, min bet": ("Qs Jh 2h", TreeRules(
         20, 200, [StreetRules.of("33%", "3x", None, 2), StreetRules.of("66%", "2.5x", False, 1),
                   StreetRules.of("1e", "a", "33%", 1)], first_street=1, allin_threshold=0.6, min_bet=10)),
@@ -67,6 +70,19 @@ def test_donk_and_threshold_change_the_tree():
     sizes = {name: len(lines(rules)) for name, (_, rules) in RULE_SETS.items()}
     assert len({sizes["turn, donk sizes as bets"], sizes["turn, no donk"], sizes["turn, donk 25% and 2e"]}) == 3
     assert sizes["turn, all-in at 40% of the stack"] < len(lines(turn_rules(bet="75%")))
+
+
+def test_ip_sizes_are_ips_alone():
+    # River, pot 100: OOP bets 50 and raises all-in; IP bets 75 and can't raise.
+    rules = TreeRules(100, 200, [StreetRules.of("50%", "a", ip_bet="75%", ip_raises="")], first_street=3)
+    assert lines(rules) == ["add_line 0 0", "add_line 0 75 75", "add_line 0 75 200 200", "add_line 50 50"]
+    same = TreeRules(100, 200, [StreetRules.of("50%", "a")], first_street=3)
+    assert lines(same) == ["add_line 0 0", "add_line 0 50 50", "add_line 0 50 200 200",
+                           "add_line 50 50", "add_line 50 200 200"]
+    with pytest.raises(RulesError, match="multiplies"):
+        TreeRules(100, 200, [StreetRules.of("50%", ip_bet="2x")], first_street=3).check()
+    with pytest.raises(RulesError, match="geometric"):
+        TreeRules(100, 200, [StreetRules.of("50%", ip_raises="2e")], first_street=3).check()
 
 
 def test_sizes_are_rounded_capped_and_merged():
