@@ -75,6 +75,19 @@ def find(driver, css):
     return driver.find_element("css selector", css)
 
 
+def click(driver, css):
+    """Clicks the element, found again if the page redrew it between finding and clicking."""
+    from selenium.common.exceptions import StaleElementReferenceException
+
+    def clicked(d):
+        try:
+            find(d, css).click()
+            return True
+        except StaleElementReferenceException:
+            return False
+    wait(driver, clicked)
+
+
 def shot(driver, name):
     """The README's pictures: $CORVANTA_SCREENSHOTS (docs/ for the README), else build/."""
     folder = Path(os.environ.get("CORVANTA_SCREENSHOTS") or ROOT / "build")
@@ -98,7 +111,7 @@ def solved(driver, solves, timeout=60):
 
 
 def tab(driver, name):
-    find(driver, f'#tabs button[data-tab="{name}"]').click()
+    click(driver, f'#tabs button[data-tab="{name}"]')
     wait(driver, lambda d: d.execute_script("return document.body.dataset.tab") == name)
 
 
@@ -151,8 +164,8 @@ def test_the_range_grid_and_its_notation_follow_each_other(browser, app):
     wait(d, lambda d: "QX" in find(d, '.msg[data-for="ranges.ip"]').text)
     assert cell_weights(d, "IP")["AKs"] == 0.5
     # One hand of a cell, weighted by itself.
-    find(d, '.range-editor[data-player="IP"] .modes button[data-mode="hands"]').click()
-    find(d, '.range-editor[data-player="IP"] .cell[data-hand="AKs"]').click()
+    click(d, '.range-editor[data-player="IP"] .modes button[data-mode="hands"]')
+    click(d, '.range-editor[data-player="IP"] .cell[data-hand="AKs"]')
     box = find(d, '.range-editor[data-player="IP"] input[data-hand="AsKs"]')
     type_in(box, "100")
     box.send_keys("\t")
@@ -160,7 +173,7 @@ def test_the_range_grid_and_its_notation_follow_each_other(browser, app):
     assert cell_weights(d, "IP")["AKs"] == 0.625
     from selenium.webdriver.support.ui import Select
     Select(find(d, '.range-editor[data-player="OOP"] select.range-files')).select_by_visible_text("catchers.txt")
-    find(d, '.range-editor[data-player="OOP"] select.range-files + button').click()
+    click(d, '.range-editor[data-player="OOP"] select.range-files + button')
     wait(d, lambda d: find(d, 'textarea[data-player="OOP"]').get_attribute("value") == "KQ")
     assert {c for c, w in cell_weights(d, "OOP").items() if w} == {"KQs", "KQo"}
     assert severe(d) == []
@@ -171,8 +184,8 @@ def test_a_game_set_up_by_clicking_solves_to_the_closed_form_locks_saves_and_ope
     d.get(app.url)
     wait(d, lambda d: d.find_elements("css selector", ".range-editor .cell"))
     for card in ("2c", "7d", "9h", "Ts", "Ks"):
-        find(d, f'#board-picker button[data-card="{card}"]').click()
-    find(d, '#board-picker button[data-card="Ah"]').click()  # a sixth card is not taken
+        click(d, f'#board-picker button[data-card="{card}"]')
+    click(d, '#board-picker button[data-card="Ah"]')  # a sixth card is not taken
     assert [b.get_attribute("data-card") for b in d.find_elements("css selector", "#board-picker button.on")] \
         == ["Ks", "Ts", "9h", "7d", "2c"]
     type_in(find(d, "#stack"), "100")
@@ -191,14 +204,14 @@ def test_a_game_set_up_by_clicking_solves_to_the_closed_form_locks_saves_and_ope
     type_in(find(d, '#sizes input[data-key="ip_bet"]'), "none")
     type_in(find(d, '#sizes input[data-key="max_raises"]'), "0")
     wait(d, lambda d: not find(d, "#build").get_attribute("disabled"))
-    find(d, "#build").click()
+    click(d, "#build")
     wait(d, lambda d: d.find_elements("css selector", "#memory tr.auto"))
     assert "7,056" in find(d, "#preview").text and re.search(r"lines\s+2", find(d, "#preview").text)
     shot(d, "app-setup.png")
 
     tab(d, "solve")
     type_in(find(d, "#accuracy"), "0.1")
-    find(d, "#solve").click()
+    click(d, "#solve")
     solved(d, 1)
     shot(d, "app-solve.png")
     tab(d, "explore")
@@ -209,25 +222,25 @@ def test_a_game_set_up_by_clicking_solves_to_the_closed_form_locks_saves_and_ope
         == ["EV", "(chips)", "90.00", "10.00"]
     before = d.execute_script(SPLITS)
     # A lock of picked cells: the sets' cell 99 bets always.
-    find(d, 'input[name="lock-mode"][value="cells"]').click()
-    find(d, '#grid .cell[data-hand="99"]').click()
+    click(d, 'input[name="lock-mode"][value="cells"]')
+    click(d, '#grid .cell[data-hand="99"]')
     assert "picked: 99" in find(d, "#lock-picked").text
-    find(d, "#lock").click()
+    click(d, "#lock")
     wait(d, lambda d: "locked 3 hands at r:0" in find(d, "#lock-msg").text)
-    find(d, "#unlock").click()
+    click(d, "#unlock")
     wait(d, lambda d: find(d, "#lock-msg").text == "unlocked")
-    find(d, 'input[name="lock-mode"][value="all"]').click()
+    click(d, 'input[name="lock-mode"][value="all"]')
 
     # IP always calls: OOP stops bluffing, and its EV is the closed form's.
-    find(d, 'button.action[data-action="b100"]').click()
+    click(d, 'button.action[data-action="b100"]')
     wait(d, lambda d: d.execute_script("return document.body.dataset.path") == "r:0:b100")
     d.execute_script("""const s = document.querySelector('#lock-sliders input[data-action="c"]');
                         s.value = 100; s.dispatchEvent(new Event('input'));""")
     assert d.execute_script("return [...document.querySelectorAll('#lock-sliders input')].map(x => +x.value)") \
         == [0, 100]  # fold, call
-    find(d, "#lock").click()
+    click(d, "#lock")
     wait(d, lambda d: "locked the whole range" in find(d, "#lock-msg").text)
-    find(d, "#resolve").click()
+    click(d, "#resolve")
     solved(d, 2)
     rows = "return [...document.querySelectorAll('#lock-table tr')].map(r => r.innerText.split(/\\s+/))"
     wait(d, lambda d: len(d.execute_script(rows)) == 3)
@@ -243,7 +256,7 @@ def test_a_game_set_up_by_clicking_solves_to_the_closed_form_locks_saves_and_ope
 
     tab(d, "files")
     type_in(find(d, "#save-name"), "polar")
-    find(d, "#save").click()
+    click(d, "#save")
     wait(d, lambda d: "saved polar.tree" in find(d, "#save-msg").text)
     # The solve outlives a reload of the page; a tree opened from the file shows the same.
     d.refresh()
@@ -254,7 +267,7 @@ def test_a_game_set_up_by_clicking_solves_to_the_closed_form_locks_saves_and_ope
     assert "120.000" in find(d, "#results").text
     tab(d, "files")
     wait(d, lambda d: d.find_elements("css selector", 'button.file[data-name="polar.tree"]'))
-    find(d, 'button.file[data-name="polar.tree"]').click()
+    click(d, 'button.file[data-name="polar.tree"]')
     wait(d, lambda d: d.execute_script("return document.body.dataset.path") == "r:0")
     assert d.execute_script(SPLITS) == bets and "polar.tree" in find(d, "#game").text
     assert severe(d) == []
@@ -279,9 +292,9 @@ def test_the_card_report_agrees_with_the_engine(browser, app, engine, tmp_path):
     d.execute_script("location.hash = '#r:0:c:k'")
     wait(d, lambda d: find(d, "#error").text == "not a node path: r:0:c:k")
     show_node(d, path)
-    find(d, '#players button[data-player="IP"]').click()
+    click(d, '#players button[data-player="IP"]')
     wait(d, lambda d: find(d, "#grid-title").text == "IP's range")
-    find(d, "#cards-ev").click()
+    click(d, "#cards-ev")
     wait(d, lambda d: d.execute_script("return document.body.dataset.cards") == path + " with EVs"
          and len(d.find_elements("css selector", "#cards-table tr")) == 50)
     shot(d, "app-cards.png")
@@ -304,14 +317,14 @@ def test_the_card_report_agrees_with_the_engine(browser, app, engine, tmp_path):
                 assert float(table[card][i]) == pytest.approx(range_average(ev.values, ev.matchups, weights, live),
                                                               abs=0.006)
     # Sorted by OOP's EV, largest first, at a click of its header.
-    find(d, '#cards-table th[data-key="ev.OOP"]').click()
+    click(d, '#cards-table th[data-key="ev.OOP"]')
     evs = [float(tr.text.split()[2]) for tr in d.find_elements("css selector", "#cards-table tr")[1:]]
     assert evs == sorted(evs, reverse=True) and len(set(evs)) > 1
-    find(d, "#export-csv").click()
+    click(d, "#export-csv")
     csv = d.downloads / "node-r_0_c_c.csv"
     wait(d, lambda d: csv.exists())
     assert csv.read_text().splitlines()[0] == "hand,weight,ev,equity"
-    find(d, "#export-json").click()
+    click(d, "#export-json")
     exported = d.downloads / "node-r_0_c_c.json"
     wait(d, lambda d: exported.exists() and exported.stat().st_size)
     hands = json.loads(exported.read_text())["hands"]
@@ -351,17 +364,17 @@ def test_a_long_solve_draws_its_progress_and_stops_at_the_button(browser, app):
     type_in(find(d, "#accuracy"), "0")
     type_in(find(d, "#seconds"), "120")
     type_in(find(d, "#threads"), "1")
-    find(d, "#solve").click()
+    click(d, "#solve")
     wait(d, lambda d: len(d.find_elements("css selector", "#chart circle")) >= 3)
     assert "iteration" in find(d, "#progress-text").text and find(d, "#solve").get_attribute("disabled")
     started = time.monotonic()
-    find(d, "#stop").click()
+    click(d, "#stop")
     wait(d, lambda d: state(d) == "solved" and "requested" in find(d, "#results").text, 10)
     assert time.monotonic() - started < 5 and app.session.settings["threads"] == 1
     stopped = app.session.results["iterations"]
-    find(d, "#go-on").click()  # from the iteration reached, not from the start
+    click(d, "#go-on")  # from the iteration reached, not from the start
     wait(d, lambda d: state(d) == "solving")
-    find(d, "#stop").click()
+    click(d, "#stop")
     wait(d, lambda d: state(d) == "solved")
     assert app.session.results["iterations"] > stopped and app.session.reports[0]["iteration"] > stopped
     assert severe(d) == []
@@ -380,13 +393,13 @@ def test_a_study_folder_reads_as_a_table_and_opens_its_trees(browser, app):
     d.get(app.url)
     tab(d, "files")
     wait(d, lambda d: d.find_elements("css selector", "button.file.study"))
-    find(d, "button.file.study").click()
+    click(d, "button.file.study")
     wait(d, lambda d: len(d.find_elements("css selector", "#study-table tr")) == 4)
     keys = lambda: [tr.get_attribute("data-key") for tr in d.find_elements("css selector", "#study-table tr")[1:]]
     assert keys() == ["QsJh2h", "7c7d2s", "AhKh5h"]  # by weight
-    find(d, '#study-table th[data-key="ev_oop"]').click()
+    click(d, '#study-table th[data-key="ev_oop"]')
     assert keys() == ["QsJh2h", "7c7d2s", "AhKh5h"]
-    find(d, '#study-table th[data-key="freq_b100"]').click()
+    click(d, '#study-table th[data-key="freq_b100"]')
     assert keys() == ["AhKh5h", "QsJh2h", "7c7d2s"]
     from selenium.webdriver.support.ui import Select
     Select(find(d, '#study-filters select[data-texture="suits"]')).select_by_visible_text("monotone")
@@ -397,11 +410,11 @@ def test_a_study_folder_reads_as_a_table_and_opens_its_trees(browser, app):
     bars = d.execute_script("return [...document.querySelectorAll('#study-chart rect title')].map(t => t.textContent)")
     assert bars == ["unpaired: 57.143", "paired: 55.000"]
     type_in(find(d, "#study-path"), "r:0:c")
-    find(d, "#study-line").click()
+    click(d, "#study-line")
     wait(d, lambda d: d.execute_script("return document.body.dataset.studyLine") == "r:0:c")
     line = {tr.get_attribute("data-key"): tr.text for tr in d.find_elements("css selector", "#study-table tr")[1:]}
     assert "no tree" in line["AhKh5h"] and re.search(r"\d+\.\d\d%", line["QsJh2h"])
     shot(d, "app-study.png")
-    next(tr for tr in d.find_elements("css selector", "#study-table tr") if tr.get_attribute("data-key") == "QsJh2h").click()
+    click(d, '#study-table tr[data-key="QsJh2h"]')
     wait(d, lambda d: d.execute_script("return document.body.dataset.path") == "r:0" and "QsJh2h.tree" in find(d, "#game").text)
     assert severe(d) == []
