@@ -268,8 +268,9 @@ def test_a_game_set_up_by_clicking_solves_to_the_closed_form_locks_saves_and_ope
     tab(d, "files")
     wait(d, lambda d: d.find_elements("css selector", 'button.file[data-name="polar.tree"]'))
     click(d, 'button.file[data-name="polar.tree"]')
-    wait(d, lambda d: d.execute_script("return document.body.dataset.path") == "r:0")
-    assert d.execute_script(SPLITS) == bets and "polar.tree" in find(d, "#game").text
+    wait(d, lambda d: "polar.tree" in find(d, "#game").text
+         and d.execute_script("return document.body.dataset.path") == "r:0")
+    assert d.execute_script(SPLITS) == bets
     assert severe(d) == []
 
 
