@@ -135,21 +135,37 @@ void FloatFlatStore::accumulate_strategy(int32_t group, int32_t cell, const Hand
                       cell_mask(lock, c.length, scratch), true);
 }
 
+// The rows of every cell in order, unpadded as the file has them: one piece a
+// row, or one for a run of rows that lie back to back.
+static std::vector<BytePiece> row_pieces(float* block, const StoreShape& shape) {
+  std::vector<BytePiece> pieces;
+  for (const StoreCell& c : shape.cells)
+    for (int32_t a = 0; a < shape.actions; a++) {
+      const size_t bytes = size_t(c.length) * sizeof(float);
+      float* row = block ? block + c.offset + int64_t(a) * align4(c.length) : const_cast<float*>(ZeroRow);
+      if (bytes == 0) continue;
+      if (block && !pieces.empty() && static_cast<uint8_t*>(pieces.back().data) + pieces.back().count ==
+                                          reinterpret_cast<uint8_t*>(row))
+        pieces.back().count += bytes;
+      else
+        pieces.push_back({row, bytes});
+    }
+  return pieces;
+}
+
 void FloatFlatStore::save(ByteWriter& writer) {
   save_locks(writer);
-  for (const StoreCell& c : shape->cells)
-    for (int32_t a = 0; a < shape->actions; a++) {
-      const float* row = data ? values() + c.offset + int64_t(a) * align4(c.length) : ZeroRow;
-      writer.write(row, size_t(c.length) * sizeof(float));
-    }
+  std::vector<BytePiece> pieces = row_pieces(data ? values() : nullptr, *shape);
+  writer.write_pieces(pieces.data(), pieces.size());
 }
 
 void FloatFlatStore::load(ByteSource& source) {
   load_locks(source);
   if (!materialise()) throw std::runtime_error("out of memory");
-  for (const StoreCell& c : shape->cells)
-    for (int32_t a = 0; a < shape->actions; a++)
-      source.read(values() + c.offset + int64_t(a) * align4(c.length), size_t(c.length) * sizeof(float));
+  if (!data) return;  // a store without hands
+  populate_memory(data, data_bytes);
+  std::vector<BytePiece> pieces = row_pieces(values(), *shape);
+  source.read_pieces(pieces.data(), pieces.size());
 }
 
 // ---- Word16FlatStore --------------------------------------------------------------------------
@@ -200,6 +216,7 @@ void Word16FlatStore::save(ByteWriter& writer) {
 void Word16FlatStore::load(ByteSource& source) {
   load_locks(source);
   if (!materialise()) throw std::runtime_error("out of memory");
+  if (data) populate_memory(data, data_bytes);
   for (const StoreCell& c : shape->cells)
     for (int32_t a = 0; a < shape->actions; a++) {
       uint16_t* row = values() + c.offset + int64_t(a) * align4(c.length);
