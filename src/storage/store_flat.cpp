@@ -1,6 +1,7 @@
 // ShapedStore and the flat river stores: FloatFlatStore (floats) and
 // Word16FlatStore (16-bit fixed-point regrets), each one block of values
 // committed at once.
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -11,10 +12,9 @@
 
 // ---- ShapedStore ----------------------------------------------------------------------
 
-ShapedStore::ShapedStore(const StoreShape* shape_) : shape(shape_) {
-  check_action_count(shape->actions);
-  locks.resize(size_t(shape->cell_count));
-}
+const CellLock ShapedStore::NoCellLock{};
+
+ShapedStore::ShapedStore(const StoreShape* shape_) : shape(shape_) { check_action_count(shape->actions); }
 
 ShapedStore::~ShapedStore() {
   for (CellLock& lock : locks) free_lock_mask(lock);
@@ -33,15 +33,46 @@ int64_t ShapedStore::value_count(int32_t group) {
 }
 
 CellLock* ShapedStore::cell_lock_info(int32_t group, int32_t cell) {
+  return locks.empty() ? nullptr : &locks[size_t(shape->cell_index(group, cell))];
+}
+
+CellLock* ShapedStore::cell_lock_to_set(int32_t group, int32_t cell) {
+  if (locks.empty()) locks.resize(size_t(shape->cell_count));
   return &locks[size_t(shape->cell_index(group, cell))];
 }
 
 void ShapedStore::save_locks(ByteWriter& writer) const {
-  for (const CellLock& lock : locks) save_lock_record(writer, lock);
+  if (!locks.empty()) {
+    for (const CellLock& lock : locks) save_lock_record(writer, lock);
+    return;
+  }
+  // Without records every cell's is the empty one: four zero bytes.
+  const size_t zeros = sizeof ZeroRow;
+  for (size_t left = size_t(shape->cell_count) * sizeof(uint32_t); left > 0;) {
+    size_t k = std::min(left, zeros);
+    writer.write(ZeroRow, k);
+    left -= k;
+  }
 }
 
+// The records are made when the file locks a cell.
 void ShapedStore::load_locks(ByteSource& source) {
-  for (CellLock& lock : locks) load_lock_record(source, lock);
+  for (int32_t i = 0; i < shape->cell_count; i++) {
+    if (!locks.empty()) {
+      load_lock_record(source, locks[size_t(i)]);
+      continue;
+    }
+    CellLock lock;
+    try {
+      load_lock_record(source, lock);
+    } catch (...) {
+      free_lock_mask(lock);
+      throw;
+    }
+    if (lock.flags == 0 && !lock.mask) continue;
+    locks.resize(size_t(shape->cell_count));
+    locks[size_t(i)] = lock;
+  }
 }
 
 // ---- FlatStore ---------------------------------------------------------------------------
@@ -111,7 +142,7 @@ void FloatFlatStore::write_row(int32_t group, int32_t cell, int32_t action, cons
 void FloatFlatStore::update_regrets(int32_t group, int32_t cell, const HandVector& baseline,
                                     const HandVector* action_rows, const HandGroupRuns*, double) {
   int32_t index = shape->cell_index(group, cell);
-  const CellLock& lock = locks[size_t(index)];
+  const CellLock& lock = lock_at(index);
   if (!data || (lock.flags & CELL_LOCKED)) return;
   const StoreCell& c = shape->cells[size_t(index)];
   float* rows[MaxStoreActions];
@@ -125,7 +156,7 @@ void FloatFlatStore::accumulate_strategy(int32_t group, int32_t cell, const Hand
                                          const HandVector& reach, float weight) {
   if (!(weight > 0.0f) || !reach.data || !data) return;
   int32_t index = shape->cell_index(group, cell);
-  const CellLock& lock = locks[size_t(index)];
+  const CellLock& lock = lock_at(index);
   if (lock.flags & CELL_LOCKED) return;
   const StoreCell& c = shape->cells[size_t(index)];
   float* rows[MaxStoreActions];
@@ -192,7 +223,7 @@ void Word16FlatStore::update_regrets(int32_t group, int32_t cell, const HandVect
                                      const HandVector* action_rows,
                                      const HandGroupRuns* groups_or_null, double scale) {
   int32_t index = shape->cell_index(group, cell);
-  const CellLock& lock = locks[size_t(index)];
+  const CellLock& lock = lock_at(index);
   if (!data || (lock.flags & CELL_LOCKED)) return;
   const StoreCell& c = shape->cells[size_t(index)];
   uint16_t* rows[MaxStoreActions];
