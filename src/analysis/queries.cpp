@@ -219,7 +219,7 @@ template <typename F>
 void both_locks(Node& node, const Cell& c, F f) {
   for (Store* store : {node.regretStore, node.strategyStore})
     if (store)
-      if (CellLock* lock = store->cell_lock_info(c.turn_cell, c.river_cell)) f(*lock);
+      if (CellLock* lock = store->cell_lock_to_set(c.turn_cell, c.river_cell)) f(*lock);
 }
 
 }  // namespace

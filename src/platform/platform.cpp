@@ -106,6 +106,13 @@ void release_address_space(void* base, size_t bytes) {
   if (base) munmap(base, bytes);
 }
 
+void populate_memory(void* base, size_t bytes) {
+  static const bool on = !getenv("CORV_NOPOP");
+#ifdef MADV_POPULATE_WRITE
+  if (on && bytes > 0) madvise(base, bytes, MADV_POPULATE_WRITE);
+#endif
+}
+
 size_t page_size() { return size_t(sysconf(_SC_PAGESIZE)); }
 
 bool release_address_space_checked(void* base, size_t bytes) {

@@ -26,6 +26,9 @@ double process_cpu_seconds(); // user + system time of the whole process
 void* reserve_address_space(size_t bytes);
 bool commit_memory(void* base, size_t bytes);
 void release_address_space(void* base, size_t bytes);
+// Gives committed pages their memory now, in one call, rather than one fault
+// at a time as they are first written; only a hint.
+void populate_memory(void* base, size_t bytes);
 size_t page_size();
 // release_address_space that reports whether the system gave the range back.
 bool release_address_space_checked(void* base, size_t bytes);

@@ -193,6 +193,9 @@ void PackedArena::load(ByteSource& source) {
   size_target = stored_size;
   committed_target = round_to_granule(size_target, granule_mask);
   grow_region(committed_target, committed, reserved, base);
-  if (size_target > 0) source.read(base, size_t(size_target));
+  if (size_target > 0) {
+    populate_memory(base, size_t(size_target));
+    source.read(base, size_t(size_target));
+  }
   position = 0;
 }

@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "core/core.h"
+#include "platform/platform.h"
 #include "storage/arena.h"
 #include "storage/memory/allocation.h"
 #include "storage/memory/counters.h"
@@ -213,5 +214,8 @@ void EntropyArena::load(ByteSource& source) {
   size_target = stored_size;
   committed_target = round_to_granule(size_target, granule_mask);
   grow_region(committed_target, committed, reserved, base);
-  if (size_target > 0) source.read(base, size_t(size_target));
+  if (size_target > 0) {
+    populate_memory(base, size_t(size_target));
+    source.read(base, size_t(size_target));
+  }
 }

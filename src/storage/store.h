@@ -195,7 +195,11 @@ class Store {
   // River stores, through for_each_river_store below.
   virtual Arena* open_group(Arena* arena, int32_t group, int64_t size) { unsupported(__func__); }
   virtual Arena* close_group(Arena* arena, int32_t group, bool keep) { unsupported(__func__); }
+  // The lock record of a cell for reading: null when the store keeps none for
+  // it, which means nothing of it is locked. cell_lock_to_set gives the record
+  // to change, making it if need be; only between runs of the solver.
   virtual CellLock* cell_lock_info(int32_t group, int32_t cell) { unsupported(__func__); }
+  virtual CellLock* cell_lock_to_set(int32_t group, int32_t cell) { return cell_lock_info(group, cell); }
   // Bytes per value, FlatStore classes only.
   virtual int32_t value_width() { unsupported(__func__); }
 
@@ -268,7 +272,9 @@ class CompositeStore : public Store {
 class ShapedStore : public Store {
  public:
   const StoreShape* shape;
-  std::vector<CellLock> locks;  // cell_count records
+  // cell_count records, made when the first cell is locked: most trees lock
+  // nothing, and a record a cell is as much as the regrets of a few hands.
+  std::vector<CellLock> locks;
 
   explicit ShapedStore(const StoreShape* shape);
   ~ShapedStore() override;
@@ -278,6 +284,7 @@ class ShapedStore : public Store {
   int32_t row_length(int32_t group, int32_t cell) override;
   int64_t value_count(int32_t group) override;
   CellLock* cell_lock_info(int32_t group, int32_t cell) override;
+  CellLock* cell_lock_to_set(int32_t group, int32_t cell) override;
   // Every river store takes part in a group's open and close; a store whose
   // groups always lie open in plain memory has nothing to do and hands no
   // arena on. The packed store decompresses here.
@@ -285,8 +292,10 @@ class ShapedStore : public Store {
   Arena* close_group(Arena* arena, int32_t group, bool keep) override { return nullptr; }
 
  protected:
+  const CellLock& lock_at(int32_t index) const { return locks.empty() ? NoCellLock : locks[size_t(index)]; }
   void save_locks(ByteWriter& writer) const;
   void load_locks(ByteSource& source);
+  static const CellLock NoCellLock;
 };
 
 // One block of `padded_values * value_width()` bytes, committed from the

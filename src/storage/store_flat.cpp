@@ -1,6 +1,7 @@
 // ShapedStore and the flat river stores: FloatFlatStore (floats) and
 // Word16FlatStore (16-bit fixed-point regrets), each one block of values
 // committed at once.
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -11,10 +12,9 @@
 
 // ---- ShapedStore ----------------------------------------------------------------------
 
-ShapedStore::ShapedStore(const StoreShape* shape_) : shape(shape_) {
-  check_action_count(shape->actions);
-  locks.resize(size_t(shape->cell_count));
-}
+const CellLock ShapedStore::NoCellLock{};
+
+ShapedStore::ShapedStore(const StoreShape* shape_) : shape(shape_) { check_action_count(shape->actions); }
 
 ShapedStore::~ShapedStore() {
   for (CellLock& lock : locks) free_lock_mask(lock);
@@ -33,15 +33,46 @@ int64_t ShapedStore::value_count(int32_t group) {
 }
 
 CellLock* ShapedStore::cell_lock_info(int32_t group, int32_t cell) {
+  return locks.empty() ? nullptr : &locks[size_t(shape->cell_index(group, cell))];
+}
+
+CellLock* ShapedStore::cell_lock_to_set(int32_t group, int32_t cell) {
+  if (locks.empty()) locks.resize(size_t(shape->cell_count));
   return &locks[size_t(shape->cell_index(group, cell))];
 }
 
 void ShapedStore::save_locks(ByteWriter& writer) const {
-  for (const CellLock& lock : locks) save_lock_record(writer, lock);
+  if (!locks.empty()) {
+    for (const CellLock& lock : locks) save_lock_record(writer, lock);
+    return;
+  }
+  // Without records every cell's is the empty one: four zero bytes.
+  const size_t zeros = sizeof ZeroRow;
+  for (size_t left = size_t(shape->cell_count) * sizeof(uint32_t); left > 0;) {
+    size_t k = std::min(left, zeros);
+    writer.write(ZeroRow, k);
+    left -= k;
+  }
 }
 
+// The records are made when the file locks a cell.
 void ShapedStore::load_locks(ByteSource& source) {
-  for (CellLock& lock : locks) load_lock_record(source, lock);
+  for (int32_t i = 0; i < shape->cell_count; i++) {
+    if (!locks.empty()) {
+      load_lock_record(source, locks[size_t(i)]);
+      continue;
+    }
+    CellLock lock;
+    try {
+      load_lock_record(source, lock);
+    } catch (...) {
+      free_lock_mask(lock);
+      throw;
+    }
+    if (lock.flags == 0 && !lock.mask) continue;
+    locks.resize(size_t(shape->cell_count));
+    locks[size_t(i)] = lock;
+  }
 }
 
 // ---- FlatStore ---------------------------------------------------------------------------
@@ -111,7 +142,7 @@ void FloatFlatStore::write_row(int32_t group, int32_t cell, int32_t action, cons
 void FloatFlatStore::update_regrets(int32_t group, int32_t cell, const HandVector& baseline,
                                     const HandVector* action_rows, const HandGroupRuns*, double) {
   int32_t index = shape->cell_index(group, cell);
-  const CellLock& lock = locks[size_t(index)];
+  const CellLock& lock = lock_at(index);
   if (!data || (lock.flags & CELL_LOCKED)) return;
   const StoreCell& c = shape->cells[size_t(index)];
   float* rows[MaxStoreActions];
@@ -125,7 +156,7 @@ void FloatFlatStore::accumulate_strategy(int32_t group, int32_t cell, const Hand
                                          const HandVector& reach, float weight) {
   if (!(weight > 0.0f) || !reach.data || !data) return;
   int32_t index = shape->cell_index(group, cell);
-  const CellLock& lock = locks[size_t(index)];
+  const CellLock& lock = lock_at(index);
   if (lock.flags & CELL_LOCKED) return;
   const StoreCell& c = shape->cells[size_t(index)];
   float* rows[MaxStoreActions];
@@ -135,21 +166,37 @@ void FloatFlatStore::accumulate_strategy(int32_t group, int32_t cell, const Hand
                       cell_mask(lock, c.length, scratch), true);
 }
 
+// The rows of every cell in order, unpadded as the file has them: one piece a
+// row, or one for a run of rows that lie back to back.
+static std::vector<BytePiece> row_pieces(float* block, const StoreShape& shape) {
+  std::vector<BytePiece> pieces;
+  for (const StoreCell& c : shape.cells)
+    for (int32_t a = 0; a < shape.actions; a++) {
+      const size_t bytes = size_t(c.length) * sizeof(float);
+      float* row = block ? block + c.offset + int64_t(a) * align4(c.length) : const_cast<float*>(ZeroRow);
+      if (bytes == 0) continue;
+      if (block && !pieces.empty() && static_cast<uint8_t*>(pieces.back().data) + pieces.back().count ==
+                                          reinterpret_cast<uint8_t*>(row))
+        pieces.back().count += bytes;
+      else
+        pieces.push_back({row, bytes});
+    }
+  return pieces;
+}
+
 void FloatFlatStore::save(ByteWriter& writer) {
   save_locks(writer);
-  for (const StoreCell& c : shape->cells)
-    for (int32_t a = 0; a < shape->actions; a++) {
-      const float* row = data ? values() + c.offset + int64_t(a) * align4(c.length) : ZeroRow;
-      writer.write(row, size_t(c.length) * sizeof(float));
-    }
+  std::vector<BytePiece> pieces = row_pieces(data ? values() : nullptr, *shape);
+  writer.write_pieces(pieces.data(), pieces.size());
 }
 
 void FloatFlatStore::load(ByteSource& source) {
   load_locks(source);
   if (!materialise()) throw std::runtime_error("out of memory");
-  for (const StoreCell& c : shape->cells)
-    for (int32_t a = 0; a < shape->actions; a++)
-      source.read(values() + c.offset + int64_t(a) * align4(c.length), size_t(c.length) * sizeof(float));
+  if (!data) return;  // a store without hands
+  populate_memory(data, data_bytes);
+  std::vector<BytePiece> pieces = row_pieces(values(), *shape);
+  source.read_pieces(pieces.data(), pieces.size());
 }
 
 // ---- Word16FlatStore --------------------------------------------------------------------------
@@ -176,7 +223,7 @@ void Word16FlatStore::update_regrets(int32_t group, int32_t cell, const HandVect
                                      const HandVector* action_rows,
                                      const HandGroupRuns* groups_or_null, double scale) {
   int32_t index = shape->cell_index(group, cell);
-  const CellLock& lock = locks[size_t(index)];
+  const CellLock& lock = lock_at(index);
   if (!data || (lock.flags & CELL_LOCKED)) return;
   const StoreCell& c = shape->cells[size_t(index)];
   uint16_t* rows[MaxStoreActions];
@@ -200,6 +247,7 @@ void Word16FlatStore::save(ByteWriter& writer) {
 void Word16FlatStore::load(ByteSource& source) {
   load_locks(source);
   if (!materialise()) throw std::runtime_error("out of memory");
+  if (data) populate_memory(data, data_bytes);
   for (const StoreCell& c : shape->cells)
     for (int32_t a = 0; a < shape->actions; a++) {
       uint16_t* row = values() + c.offset + int64_t(a) * align4(c.length);

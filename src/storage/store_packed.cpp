@@ -153,7 +153,7 @@ void PackedStore::update_regrets(int32_t group, int32_t cell, const HandVector& 
                                  const HandGroupRuns* groups_or_null, double scale) {
   if (!buffers[size_t(group)]) not_open();
   int32_t index = shape->cell_index(group, cell);
-  const CellLock& lock = locks[size_t(index)];
+  const CellLock& lock = lock_at(index);
   if (!wide16 || (lock.flags & CELL_LOCKED)) return;
   const StoreCell& c = shape->cells[size_t(index)];
   uint16_t* rows[MaxStoreActions];
@@ -168,7 +168,7 @@ void PackedStore::accumulate_strategy(int32_t group, int32_t cell, const HandVec
   if (!(weight > 0.0f) || !reach.data) return;
   if (!buffers[size_t(group)]) not_open();
   int32_t index = shape->cell_index(group, cell);
-  const CellLock& lock = locks[size_t(index)];
+  const CellLock& lock = lock_at(index);
   if (wide16 || (lock.flags & CELL_LOCKED)) return;
   const StoreCell& c = shape->cells[size_t(index)];
   uint32_t* rows[MaxStoreActions];

@@ -128,7 +128,7 @@ void WideningStore::accumulate_strategy(int32_t group, int32_t cell, const HandV
                                         const HandVector& reach, float weight) {
   if (!(weight > 0.0f) || !reach.data) return;
   int32_t index = shape->cell_index(group, cell);
-  const CellLock& lock = locks[size_t(index)];
+  const CellLock& lock = lock_at(index);
   if ((lock.flags & CELL_LOCKED) || !data[size_t(group)]) return;
   const StoreCell& c = shape->cells[size_t(index)];
   int32_t n = c.length;

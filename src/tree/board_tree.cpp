@@ -89,6 +89,18 @@ void make_hand_groups(BoardRecord& rec) {
   rec.group_table8.clear();
   rec.group_table16.clear();
   const size_t n = rec.strength.size();
+  // Counted first: the lists are kept for the tree's life, and growing them
+  // by doubling would leave a third of them unused on average.
+  size_t runs = 0, short_runs = 0, mid_runs = 0;
+  for (size_t first = 0, end; first < n; first = end) {
+    for (end = first + 1; end < n && rec.strength[end] == rec.strength[first];) end++;
+    runs++;
+    short_runs += end - first <= 8;
+    mid_runs += end - first > 8 && end - first <= 16;
+  }
+  rec.groups.reserve(runs);
+  rec.group_table8.reserve(short_runs);
+  rec.group_table16.reserve(mid_runs);
   size_t first = 0;
   while (first < n) {
     size_t end = first + 1;

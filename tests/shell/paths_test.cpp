@@ -48,9 +48,9 @@ struct PathLocks : ::testing::Test {
 TEST_F(PathLocks, FlopDecision) {
   game("Qs Jh 2h", "0 0 0 0 0 0");
   EXPECT_EQ(flags_line("r:0"), "flags: ");
-  ActiveTree->nodes[0].regretStore->cell_lock_info(-1, -1)->flags = CELL_LOCKED;
+  ActiveTree->nodes[0].regretStore->cell_lock_to_set(-1, -1)->flags = CELL_LOCKED;
   EXPECT_EQ(flags_line("r:0"), "flags: LOCKED");
-  ActiveTree->nodes[0].regretStore->cell_lock_info(-1, -1)->flags = CELL_LOCKED | CELL_MASKED;
+  ActiveTree->nodes[0].regretStore->cell_lock_to_set(-1, -1)->flags = CELL_LOCKED | CELL_MASKED;
   EXPECT_EQ(flags_line("r:0"), "flags: LOCKED COMBO_LOCKED");
 }
 
@@ -65,7 +65,7 @@ TEST_F(PathLocks, RiverDecisionOnOneBoardOnly) {
   CanonicalCards cc = canonicalise_query(BoardFlop, MakeCard(12, 2), MakeCard(1, 0), b.isomorphic);
   int32_t tc, rc;
   ASSERT_TRUE(find_board_cells(b, cc.turn, cc.river, tc, rc));
-  node.regretStore->cell_lock_info(tc, rc)->flags = CELL_MASKED;
+  node.regretStore->cell_lock_to_set(tc, rc)->flags = CELL_MASKED;
   EXPECT_EQ(flags_line("r:0:c:c:Ah:c:c:3c"), "flags: COMBO_LOCKED");
   EXPECT_EQ(flags_line("r:0:c:c:Ah:c:c:4c"), "flags: ");
   // No river card: no board, no cell.

@@ -186,7 +186,7 @@ TEST_F(SolverTest, FullyLockedPlayerHasNoGainAtItsNode) {
   std::vector<float> zero(size_t(n), 0.0f), one(size_t(n), 1000.0f);
   root.regretStore->write_row(tc, rc, 0, zero.data());  // bet 100
   root.regretStore->write_row(tc, rc, 1, one.data());   // check
-  root.regretStore->cell_lock_info(tc, rc)->flags |= CELL_LOCKED;
+  root.regretStore->cell_lock_to_set(tc, rc)->flags |= CELL_LOCKED;
   solve(t, scaled(400));
   SolverResults r = evaluate(t);
   // Checking everything: showdown, nuts +50, air -50 -> value 0; the locked

@@ -106,12 +106,40 @@ TEST_F(FlatStoreTest, FloatStoreSaveLoad) {
   ASSERT_TRUE(s.materialise());
   write_cell(s, 0, 1, {random_floats(rng, 7, 0, 3), random_floats(rng, 7, 0, 3), random_floats(rng, 7, 0, 3)});
   write_cell(s, 1, 0, {random_floats(rng, 11, 0, 3), random_floats(rng, 11, 0, 3), random_floats(rng, 11, 0, 3)});
-  s.cell_lock_info(1, 0)->flags = CELL_LOCKED;
+  s.cell_lock_to_set(1, 0)->flags = CELL_LOCKED;
   FloatFlatStore back(&shape);
   EXPECT_EQ(save_and_load(s, back).size(), 3 * 4 + (4 + 7 + 11) * 3 * 4u);
   EXPECT_EQ(back.cell_lock_info(1, 0)->flags, uint32_t(CELL_LOCKED));
   EXPECT_EQ(cell_values(back, 0, 1), cell_values(s, 0, 1));
   EXPECT_EQ(cell_values(back, 1, 0), cell_values(s, 1, 0));
+}
+
+// A store keeps no lock records until a cell is locked, yet stores one per
+// cell; a file that locks nothing makes none, one that locks a cell makes them.
+TEST_F(FlatStoreTest, LockRecordsOnlyOnceACellIsLocked) {
+  StoreShape shape = make_store_shape(2, {{5, 6}, {7}});
+  FloatFlatStore s(&shape);
+  ASSERT_TRUE(s.materialise());
+  EXPECT_EQ(s.cell_lock_info(0, 1), nullptr);
+  FloatFlatStore back(&shape);
+  std::vector<uint8_t> bytes = save_and_load(s, back);
+  ASSERT_EQ(bytes.size(), 3 * 4 + (5 + 6 + 7) * 2 * 4u);
+  EXPECT_EQ(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 12), std::vector<uint8_t>(12, 0));
+  EXPECT_TRUE(back.locks.empty());
+  EXPECT_EQ(back.cell_lock_info(1, 0), nullptr);
+  StoreMemory bare;
+  add_store_memory(&back, bare, true);
+
+  s.cell_lock_to_set(0, 1)->flags = CELL_LOCKED;
+  FloatFlatStore locked(&shape);
+  std::vector<uint8_t> again = save_and_load(s, locked);
+  EXPECT_EQ(again.size(), bytes.size());
+  ASSERT_NE(locked.cell_lock_info(0, 1), nullptr);
+  EXPECT_EQ(locked.cell_lock_info(0, 1)->flags, uint32_t(CELL_LOCKED));
+  EXPECT_EQ(locked.cell_lock_info(0, 0)->flags, 0u);
+  StoreMemory with;
+  add_store_memory(&locked, with, true);
+  EXPECT_EQ(with.heap - bare.heap, int64_t(3 * sizeof(CellLock)));
 }
 
 // ---- Word16FlatStore ------------------------------------------------------------------------
@@ -298,7 +326,7 @@ TEST_F(FlatStoreTest, Word16GroupAveraging) {
 
   // Frozen hands keep their values and stay out of the mean.
   write_cell(s, 0, 0, {{10, 20, 31, 5, 7, 100, 1}, {1, 2, 3, 4, 5, 6, 7}});
-  CellLock& lock = *s.cell_lock_info(0, 0);
+  CellLock& lock = *s.cell_lock_to_set(0, 0);
   lock.flags = CELL_MASKED;
   ensure_lock_mask(lock, 7)[2] = 1;
   s.update_regrets(0, 0, base, zero.data(), &groups, 5.0);
@@ -318,10 +346,10 @@ TEST_F(FlatStoreTest, Word16LocksAndFrozenHands) {
   fill(base, random_floats(rng, 12, -5, 5));
   Rows children(3);
   for (int a = 0; a < 3; a++) fill(children[a], random_floats(rng, 12, -5, 5));
-  s.cell_lock_info(0, 0)->flags = CELL_LOCKED;
+  s.cell_lock_to_set(0, 0)->flags = CELL_LOCKED;
   s.update_regrets(0, 0, base, children.data(), nullptr, 50.0);
   EXPECT_EQ(cell_values(s, 0, 0), before);
-  CellLock& lock = *s.cell_lock_info(0, 0);
+  CellLock& lock = *s.cell_lock_to_set(0, 0);
   lock.flags = CELL_MASKED;
   uint8_t* m = ensure_lock_mask(lock, 12);
   m[0] = m[7] = m[11] = 1;
@@ -349,7 +377,7 @@ TEST_F(FlatStoreTest, Word16SaveLoadAllFormats) {
       write_cell(s, g, c, {random_floats(rng, n, 0, 5000), random_floats(rng, n, 0, 65535)});
     }
   s.cell_factors = {2.0f, 0.5f, 8.0f};
-  CellLock& lock = *s.cell_lock_info(0, 1);
+  CellLock& lock = *s.cell_lock_to_set(0, 1);
   lock.flags = CELL_MASKED;
   ensure_lock_mask(lock, 5)[0] = 1;
 

@@ -244,10 +244,10 @@ TEST_F(PackedStoreTest, SumsAgainstReference) {
   Rows strat = random_strategy(rng, 3, 14);
   HandVector reach;
   fill(reach, random_floats(rng, 14, 0.5f, 1.0f));
-  s.cell_lock_info(0, 1)->flags = CELL_LOCKED;
+  s.cell_lock_to_set(0, 1)->flags = CELL_LOCKED;
   s.accumulate_strategy(0, 1, strat.data(), reach, 100.0f);
   EXPECT_EQ(group_values(s, 0)[1], before);
-  CellLock& lock = *s.cell_lock_info(0, 1);
+  CellLock& lock = *s.cell_lock_to_set(0, 1);
   lock.flags = CELL_MASKED;
   ensure_lock_mask(lock, 14)[13] = 1;
   s.accumulate_strategy(0, 1, strat.data(), reach, 100.0f);
@@ -292,7 +292,7 @@ TEST_F(PackedStoreTest, SaveLoadKeepsTheCompressedGroups) {
       open_river_group(ch.refs.data(), ch.refs.size(), 3);
       close_river_group(ch.refs.data(), ch.refs.size(), 3, false);
       if (wide16) ch.stores[3]->cell_factors[4] = 4.0f;
-      ch.stores[2]->cell_lock_info(2, 1)->flags = CELL_LOCKED;
+      ch.stores[2]->cell_lock_to_set(2, 1)->flags = CELL_LOCKED;
 
       Chain back;
       make_chain(back, level, wide16);

@@ -110,13 +110,13 @@ TEST_F(RowStoreTest, LockedCellAndFrozenHandsStayUntouched) {
   HandVector reach;
   fill(reach, random_floats(rng, n, 0.1f, 1.0f));
 
-  s.cell_lock_info(-1, -1)->flags = CELL_LOCKED;
+  s.cell_lock_to_set(-1, -1)->flags = CELL_LOCKED;
   s.update_regrets(-1, -1, base, children.data(), nullptr, 1.0);
   s.accumulate_strategy(-1, -1, strat.data(), reach, 3.0f);
   for (int a = 0; a < actions; a++) EXPECT_EQ(to_vector(s.rows[size_t(a)]), before[size_t(a)]);
 
   // Frozen hands 0, 5 and 20 keep their values, the others move.
-  CellLock& lock = *s.cell_lock_info(-1, -1);
+  CellLock& lock = *s.cell_lock_to_set(-1, -1);
   lock.flags = CELL_MASKED;
   uint8_t* m = ensure_lock_mask(lock, n);
   m[0] = m[5] = m[20] = 1;

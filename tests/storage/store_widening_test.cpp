@@ -134,12 +134,12 @@ TEST_F(WideningTest, LocksAndNoOps) {
   empty.count = 10;
   s.accumulate_strategy(0, 0, strat.data(), reach, 0.0f);
   s.accumulate_strategy(0, 0, strat.data(), empty, 100.0f);
-  s.cell_lock_info(0, 0)->flags = CELL_LOCKED;
+  s.cell_lock_to_set(0, 0)->flags = CELL_LOCKED;
   s.accumulate_strategy(0, 0, strat.data(), reach, 100.0f);
   for (auto& row : cell_values(s, 0, 0))
     for (uint32_t v : row) EXPECT_EQ(v, 0u);
   EXPECT_EQ(s.peaks[0], 0.0f);
-  CellLock& lock = *s.cell_lock_info(0, 0);
+  CellLock& lock = *s.cell_lock_to_set(0, 0);
   lock.flags = CELL_MASKED;
   ensure_lock_mask(lock, 10)[4] = 1;
   s.accumulate_strategy(0, 0, strat.data(), reach, 100.0f);
@@ -157,7 +157,7 @@ TEST_F(WideningTest, SaveLoadRoundTripAndIncompatibleFormat) {
       for (int step = 0; step < 3; step++) accumulate_and_check(rng, s, g, c, 9000.0f, false);
   s.widen(1);
   for (int step = 0; step < 10; step++) accumulate_and_check(rng, s, 1, 0, 20000.0f, true);
-  s.cell_lock_info(2, 0)->flags = CELL_LOCKED;
+  s.cell_lock_to_set(2, 0)->flags = CELL_LOCKED;
   WideningStore back(&shape);
   std::vector<uint8_t> bytes = save_and_load(s, back);
   EXPECT_EQ(back.wide, s.wide);

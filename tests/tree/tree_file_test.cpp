@@ -203,6 +203,44 @@ TEST_F(TreeFileInProcess, ByteSourceAndWriterAcrossBuffersAndFailures) {
   EXPECT_EQ(size_t(f.tellg()), data.size());
   unlink(name.c_str());
   EXPECT_THROW(FileByteSource(temp_name("missing")), IOException);
+  // Gathered and scattered pieces: rows lying apart in memory, back to back in
+  // the file, small and large, around the buffer, the direct writes and more
+  // pieces than go to the system at once.
+  {
+    const std::string pieces_name = temp_name("pieces.bin");
+    std::vector<size_t> lengths;
+    size_t span = 0;
+    for (size_t k = 0, from = 0; from < data.size(); k++) {
+      lengths.push_back(std::min(data.size() - from, k % 50 == 49 ? FileDirectBytes + 17 : 100 + 37 * (k % 11)));
+      from += lengths.back();
+      span += lengths.back() + k % 3;  // gaps, as padded rows leave
+    }
+    std::vector<uint8_t> lying(span, 0xEE);
+    std::vector<BytePiece> rows;
+    for (size_t k = 0, from = 0, at = 0; k < lengths.size(); k++) {
+      memcpy(lying.data() + at, data.data() + from, lengths[k]);
+      rows.push_back({lying.data() + at, lengths[k]});
+      from += lengths[k];
+      at += lengths[k] + k % 3;
+    }
+    FileByteWriter w(pieces_name);
+    w.write("x", 1);
+    w.write_pieces(rows.data(), 3);  // small: through the buffer
+    w.write_pieces(rows.data() + 3, rows.size() - 3);
+    w.commit();
+    FileByteSource s(pieces_name);
+    uint8_t x;
+    s.read(&x, 1);
+    std::vector<uint8_t> back(lying.size(), 0xEE);
+    std::vector<BytePiece> into = rows;
+    for (BytePiece& p : into) p.data = back.data() + (static_cast<uint8_t*>(p.data) - lying.data());
+    s.read_pieces(into.data(), 2);
+    s.read_pieces(into.data() + 2, into.size() - 2);
+    EXPECT_EQ(x, 'x');
+    EXPECT_EQ(back, lying);
+    EXPECT_EQ(s.remaining(), 0);
+    unlink(pieces_name.c_str());
+  }
 }
 
 }  // namespace

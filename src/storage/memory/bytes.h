@@ -5,11 +5,23 @@
 #include <cstdint>
 #include <vector>
 
+// One piece of a gathered write or a scattered read: the rows of a store lie
+// apart in memory (padded) and one behind the other in the file.
+struct BytePiece {
+  void* data;
+  size_t count;
+};
+
 // What a stored tree is written to. Failures are raised as exceptions by the
 // implementation.
 struct ByteWriter {
   virtual ~ByteWriter() = default;
   virtual void write(const void* bytes, size_t count) = 0;
+  // The pieces one behind the other, as writes of each would put them; the
+  // pieces' bytes are only read.
+  virtual void write_pieces(const BytePiece* pieces, size_t n) {
+    for (size_t i = 0; i < n; i++) write(pieces[i].data, pieces[i].count);
+  }
 };
 
 // What a stored tree is read from. `format` is the file's format number, kept
@@ -19,6 +31,10 @@ struct ByteSource {
   int32_t format = 9;
   virtual ~ByteSource() = default;
   virtual void read(void* buffer, size_t count) = 0;
+  // Fills the pieces in order, as reads of each would.
+  virtual void read_pieces(const BytePiece* pieces, size_t n) {
+    for (size_t i = 0; i < n; i++) read(pieces[i].data, pieces[i].count);
+  }
   // Bytes left to read. Readers compare every stored length with it before
   // they allocate, so a damaged length can't ask for more than the file holds;
   // a length that runs past the end fails through fail_read, as the read of
