@@ -35,6 +35,7 @@ TREE_SUFFIX = ".tree"
 NAME_RE = re.compile(r"[\w .,+@()-]{1,120}")
 MAX_REPORTS = 2000
 CACHED = 256
+QUEUE_SECONDS = 60.0  # how long a change waits for reads of the tree ahead of it
 
 
 class Busy(Exception):
@@ -131,8 +132,11 @@ class Session:
         return self.solver
 
     @contextlib.contextmanager
-    def engine(self, doing: str, wait: float = 0.0, new_game: bool = False) -> Iterator[Solver]:
-        """The engine for one request: at once (wait 0) or within `wait` seconds, else Busy."""
+    def engine(self, doing: str, wait: float | None = None, new_game: bool = False) -> Iterator[Solver]:
+        """The engine for one request within `wait` seconds, else Busy. A change (no `wait`)
+        queues behind the reads ahead of it, but not behind a solve, which only a stop ends."""
+        if wait is None:
+            wait = 0.0 if self.state == "solving" else QUEUE_SECONDS
         got = self._lock.acquire(timeout=wait) if wait else self._lock.acquire(blocking=False)
         if not got:
             raise Busy(f"the engine is busy: {self.busy or 'working'}")
@@ -236,8 +240,11 @@ class Session:
             raise Busy("the engine is busy: solving")
         if self.state not in ("built", "solved") and not (self.state == "error" and self.game):
             raise Refused("solve: set up a game or open a tree first")
-        if not self._lock.acquire(blocking=False):
+        if not self._lock.acquire(timeout=QUEUE_SECONDS):
             raise Busy(f"the engine is busy: {self.busy or 'working'}")
+        if self.state == "solving":  # another request started a solve while this one waited
+            self._lock.release()
+            raise Busy("the engine is busy: solving")
         # The lock goes to the solving thread, which lets it go when the solver stopped.
         self.busy = "solving"
         self._stop.clear()

@@ -19,6 +19,7 @@ import pytest
 from corvanta.app import Server
 from corvanta.cards import HAND_NAMES, parse_cards
 from corvanta.client import Solver
+from corvanta import explore
 from corvanta.explore import check_mix, chosen_hands, live_hands, lock_rows
 from corvanta.game import Game
 from corvanta.lines import node_count
@@ -375,6 +376,32 @@ class TestSession:
             assert st["state"] == "solved" and st["results"]["stop_reason"] and time.monotonic() - started < 5
             (code, node), (code2, cards) = (r.result(10) for r in reads)
         assert (code, code2, node["path"], len(cards["cards"])) == (200, 200, "r:0", 48)
+
+    def test_a_change_waits_for_the_reads_ahead_of_it(self, app, monkeypatch):
+        assert app("POST", "/api/setup", POLAR)[0] == 200
+        assert app("POST", "/api/solve", {"steps": 20, "threads": 1})[0] == 200
+        app.wait()
+        real, entered = explore.node_values, threading.Event()
+
+        def slow(*args):  # EVs as a slow machine computes them
+            entered.set()
+            time.sleep(1.5)
+            return real(*args)
+        monkeypatch.setattr(explore, "node_values", slow)
+        with ThreadPoolExecutor(2) as pool:
+            read = pool.submit(app, "GET", "/api/values?path=r:0:b100&player=IP")
+            assert entered.wait(10)
+            started = time.monotonic()
+            assert app("POST", "/api/lock", {"path": "r:0:b100", "all": {"c": 1, "f": 0}})[0] == 200
+            assert time.monotonic() - started > 0.5 and read.result(10)[0] == 200
+            entered.clear()
+            read = pool.submit(app, "GET", "/api/values?path=r:0&player=OOP")
+            assert entered.wait(10)
+            assert app("POST", "/api/solve", {"steps": 20, "threads": 1})[0] == 200
+            assert read.result(10)[0] == 200
+        st = app.wait()
+        assert st["state"] == "solved" and [lock["path"] for lock in st["locks"]] == ["r:0:b100"]
+        assert app("POST", "/api/unlock", {"path": "r:0:b100"})[0] == 200
 
     def test_card_report_concurrent_nodes_and_ranges(self, app, engine):
         assert app("POST", "/api/setup", TURN)[0] == 200
