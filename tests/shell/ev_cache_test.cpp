@@ -41,7 +41,7 @@ struct EvCacheTest : ::testing::Test {
         for (int lo = 0; lo < hi; lo++) {
           const int r1 = RankOf(Card(hi)), r2 = RankOf(Card(lo)), suited = SuitOf(Card(hi)) == SuitOf(Card(lo));
           const int a = std::max(r1, r2), b = std::min(r1, r2);
-          const bool live = a == b || (b >= 6 + p) || (suited && a >= 9);
+          const bool live = (a == b && a >= 4) || b >= 8 + p || (suited && a >= 11);
           const int x = (a * (5 + p) + b * 3 + suited) % 7;
           Ranges[p][size_t(PairIndexOf(hi, lo))] = !live || x < 1 ? 0.0 : x < 4 ? 0.5 : 1.0;
         }
@@ -51,7 +51,7 @@ struct EvCacheTest : ::testing::Test {
     for (const char* l : Lines) run(std::string("add_line ") + l);
     ASSERT_EQ(run("build_tree"), "build_tree ok!\n");
     run("set_threads 1");
-    solve(70);
+    solve(64);  // the average strategies are played from here on
   }
   void TearDown() override {
     reset_tree_state();
