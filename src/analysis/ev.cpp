@@ -78,9 +78,21 @@ struct PageWalk {
   // the end of its subtree; every context there is kept as well.
   const Node* river_entry = nullptr;
   int32_t river_end = -1;
+  // Without current records, only the chance nodes whose values can reach
+  // the node asked are walked: those in the subtree from `region` to
+  // `region_end` (on `region_turn` alone, unless -1). The others count as
+  // zeros, so only contexts inside are right and kept.
+  bool whole = true;
+  int32_t region = 0, region_end = 0, region_turn = -1;
   std::mutex lock;  // visits come from the workers of the team
   EvPlayerValues* values = nullptr;
 };
+
+bool in_region(const PageWalk& w, const TraversalContext& ctx) {
+  if (w.whole) return true;
+  const int32_t i = node_index(*w.tree, *ctx.node);
+  return i >= w.region && i < w.region_end && (w.region_turn < 0 || ctx.turn_cell == w.region_turn);
+}
 
 bool chance_context(const TraversalContext& ctx) {
   const Node& n = *ctx.node;
@@ -127,9 +139,9 @@ bool page_chance(void* target, TraversalContext& ctx) {
     std::lock_guard<std::mutex> guard(w.lock);
     v = known_chance(w, ctx, known);
   }
-  if (!known) return false;
+  if (!known && in_region(w, ctx)) return false;
   // As the walk leaves it: a turn node's sums always have data, a river
-  // node without reach has none.
+  // node without reach has none. Outside the region, zeros.
   const int32_t count = chance_count(*w.tree, ctx.turn_cell);
   if (!turn && !ctx.reach.data) {
     make_empty(ctx.value, count);
@@ -148,6 +160,7 @@ void page_visit(void* target, TraversalContext& ctx) {
   const int32_t count = ctx.value.count;
   std::lock_guard<std::mutex> guard(w.lock);
   EvPlayerValues& p = *w.values;
+  if (!in_region(w, ctx)) return;
   if (chance_context(ctx)) {
     // A chance node the walk opened: its value serves later walks.
     bool known;
@@ -191,9 +204,26 @@ void page_walk(Tree& t, Node& node, int32_t tc, int32_t rc, int32_t player) {
   w.river_cell = rc;
   w.values = &EvValues.players[player];
   prepare_tree_facts(t);
-  if (node.street == 3 && rc >= 0 && t.nodes[0].street < 3) {
+  const int32_t root_street = t.nodes[0].street;
+  if (node.street == 3 && rc >= 0 && root_street < 3) {
     w.river_entry = river_entry(node);
     w.river_end = Facts.node[size_t(node_index(t, *w.river_entry))].end;
+  }
+  // The region: the node's own subtree on the flop, all cards of its turn
+  // entry on the turn, its river entry on the river card asked.
+  if (!w.records && node.street > root_street) {
+    const Node* r = &node;
+    if (node.street == 2 && tc >= 0)
+      while (r->parent && r->parent->street == 2) r = r->parent;
+    if (w.river_entry) r = w.river_entry;
+    w.whole = false;
+    w.region = node_index(t, *r);
+    w.region_end = Facts.node[size_t(w.region)].end;
+    w.region_turn = w.river_entry ? tc : -1;
+  } else if (!w.records && node.street == 1 && &node != &t.nodes[0]) {
+    w.whole = false;
+    w.region = node_index(t, node);
+    w.region_end = Facts.node[size_t(w.region)].end;
   }
   WalkProbe probe;
   probe.visit = page_visit;

@@ -117,6 +117,8 @@ TEST_F(EvCacheTest, KeptAnswersReadAsFreshWalks) {
 TEST_F(EvCacheTest, AnotherRunMovesThem) {
   const std::vector<std::string> before = answers();
   solve(3);
+  // Deep nodes first: their walks see only the chance nodes below their entry.
+  for (int i = int(std::size(Paths)); i-- > 0;) run(std::string("calc_ev IP ") + Paths[i]);
   const std::vector<std::string> after = answers();
   EXPECT_NE(after[0], before[0]);
   expect_fresh(after);
