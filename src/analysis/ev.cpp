@@ -1,9 +1,10 @@
 // Values of hands at a node. On a complete tree one walk per player answers a
-// whole page: it keeps the value and reach of every flop and turn node on
-// every card, and takes the values of the chance nodes it need not open from
-// the street records of an evaluation of the present strategies, or from an
-// earlier walk of them. A tree with a forgotten street goes the old way: one
-// probe walk per node asked.
+// whole page: it keeps the value and reach of every flop node, and when asked
+// for a later street of every turn node on every card. The chance nodes it
+// need not open give their values from the street records of an evaluation
+// of the present strategies, or from an earlier walk of them; without either,
+// a walk for a deeper node opens only what lies below that node's entry. A
+// tree with a forgotten street goes the old way: one probe walk per node.
 #include <cmath>
 #include <cstring>
 #include <mutex>
@@ -72,6 +73,7 @@ struct PageWalk {
   int32_t player = 0;
   bool records = false;        // the street records hold this player's values
   int32_t keep_street = 2;     // contexts kept up to this street
+  bool open_turns = false;     // walk every turn card, for a node on the turn or river
   const Node* target = nullptr;
   int32_t turn_cell = -1, river_cell = -1;
   // A river target: the river entry above it, whose cards are walked, and
@@ -130,8 +132,9 @@ const float* known_chance(PageWalk& w, const TraversalContext& ctx, bool& known)
 bool page_chance(void* target, TraversalContext& ctx) {
   PageWalk& w = *static_cast<PageWalk*>(target);
   const bool turn = ctx.turn_cell < 0;
-  // Every turn card is walked: the page's cards and the nodes below them.
-  if (turn && ctx.node->street == 2) return false;
+  // For a later street every turn card is walked: the page's cards and the
+  // nodes below them. A flop node takes the turn values as known.
+  if (turn && ctx.node->street == 2 && w.open_turns) return false;
   if (!turn && ctx.node == w.river_entry && ctx.turn_cell == w.turn_cell) return false;
   bool known;
   const float* v;
@@ -199,6 +202,7 @@ void page_walk(Tree& t, Node& node, int32_t tc, int32_t rc, int32_t player) {
   w.player = player;
   w.records = records_current(t, player);
   w.keep_street = std::max(2, t.nodes[0].street);
+  w.open_turns = node.street >= 2;
   w.target = &node;
   w.turn_cell = tc;
   w.river_cell = rc;
