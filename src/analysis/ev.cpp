@@ -161,11 +161,12 @@ void page_visit(void* target, TraversalContext& ctx) {
   const Node& n = *ctx.node;
   const int32_t index = node_index(t, n);
   const int32_t count = ctx.value.count;
-  std::lock_guard<std::mutex> guard(w.lock);
-  EvPlayerValues& p = *w.values;
+  // Every context of the walk comes here: the lock only for what is kept.
   if (!in_region(w, ctx)) return;
+  EvPlayerValues& p = *w.values;
   if (chance_context(ctx)) {
     // A chance node the walk opened: its value serves later walks.
+    std::lock_guard<std::mutex> guard(w.lock);
     bool known;
     known_chance(w, ctx, known);
     if (known) return;
@@ -179,6 +180,7 @@ void page_visit(void* target, TraversalContext& ctx) {
   const bool below_entry = w.river_entry && ctx.turn_cell == w.turn_cell && index >= node_index(t, *w.river_entry) &&
                            index < w.river_end;
   if (!asked && (n.kind != NODE_DECISION || (!below_entry && n.street > w.keep_street))) return;
+  std::lock_guard<std::mutex> guard(w.lock);
   const uint64_t key = context_key(index, ctx.turn_cell, ctx.river_cell);
   if (p.contexts.count(key)) return;
   EvContext e;
