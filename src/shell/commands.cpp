@@ -114,7 +114,7 @@ static const char* const ReadingCommands[] = {
     "calc_eq", "calc_eq_pp", "calc_eq_node", "stdoutredi", "stdoutredi_append", "stdoutback", "wait_for_solver",
     "show_memory", "node_count", "show_effective_stack", "show_category_names", "show_categories",
     "ai6_get_actual_compression", "get_actual_compression", "ai6_get_instruction_set", "get_instruction_set",
-    "echo", "show_cpu_info", "show_tree_info", "eval_hand", "help"};
+    "echo", "show_cpu_info", "show_tree_info", "eval_hand", "help", "sleep", "take_a_break"};
 
 static bool only_reads(const CommandEntry& e) {
   for (const char* name : ReadingCommands)
