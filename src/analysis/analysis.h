@@ -3,7 +3,9 @@
 // commands turn them into HandIndex order).
 #pragma once
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "tree/board_tree.h"
@@ -126,6 +128,38 @@ struct AnalysisState {
   std::vector<EvProbeResult> ev_probes;
 };
 extern AnalysisState Analysis;
+
+// The values a page walk kept for one player of a complete tree: per
+// (node, turn cell, river cell) the value and the reach of the hands, and per
+// chance node the value the walk found there when no evaluation had it. A
+// null pointer is a vector of zeros. The floats live in 4 MB blocks.
+struct EvContext {
+  const float* value = nullptr;
+  const float* reach = nullptr;
+  int32_t count = 0;
+};
+struct EvChance {
+  const float* value = nullptr;
+  int32_t count = 0;
+};
+struct EvPlayerValues {
+  std::unordered_map<uint64_t, EvContext> contexts;
+  std::unordered_map<uint64_t, EvChance> chance;
+  std::vector<std::unique_ptr<float[]>> blocks;
+  int64_t used = 0;  // floats taken in the last block
+};
+// Valid for one tree, iteration and store generation; anything else empties it.
+struct EvCache {
+  const Tree* tree = nullptr;
+  int32_t iteration = -1;
+  uint32_t generation = 0;
+  EvPlayerValues players[2];
+};
+extern EvCache EvValues;
+// Bytes the cache may hold; past it a walk keeps only the node asked.
+extern int64_t EvCacheBudget;
+int64_t ev_cache_bytes();
+void clear_ev_cache();
 // set_recalc_accuracy: the exploitability in chips, for the flop, turn and
 // river, at which a partial solve stops.
 extern double RecalcAccuracy[3];

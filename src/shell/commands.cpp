@@ -105,6 +105,38 @@ const CommandEntry CommandTable[CommandCount] = {
     {"help", cmd_help, 1},
 };
 
+// Commands that only read: the rest may change strategies, values or the tree,
+// so they move the store generation that query caches are keyed by.
+static const char* const ReadingCommands[] = {
+    "is_ready", "solver_time", "show_hand_order", "show_settings", "show_tree_params", "is_tree_present",
+    "show_node", "show_children", "show_strategy", "show_strategy_pp", "show_locked_combos", "show_range",
+    "show_probs", "calc_results", "calc_ev", "calc_ev_pp", "calc_ev_line", "calc_line_freq", "calc_global_freq",
+    "calc_eq", "calc_eq_pp", "calc_eq_node", "stdoutredi", "stdoutredi_append", "stdoutback", "wait_for_solver",
+    "show_memory", "node_count", "show_effective_stack", "show_category_names", "show_categories",
+    "ai6_get_actual_compression", "get_actual_compression", "ai6_get_instruction_set", "get_instruction_set",
+    "echo", "show_cpu_info", "show_tree_info", "eval_hand", "help", "sleep", "take_a_break"};
+
+static bool only_reads(const CommandEntry& e) {
+  for (const char* name : ReadingCommands)
+    if (!strcmp(name, e.name)) return true;
+  return false;
+}
+
+// Moves the generation before a changing command and again after it, so
+// that a walk of the solving thread overlapping it never carries the
+// generation that follows it; the query caches give their memory back.
+struct GenerationMark {
+  bool on;
+  explicit GenerationMark(bool changes) : on(changes) {
+    if (!on) return;
+    Evaluation.store_generation++;
+    clear_ev_cache();
+  }
+  ~GenerationMark() {
+    if (on) Evaluation.store_generation++;
+  }
+};
+
 const CommandEntry* find_command(const std::string& name) {
   for (const CommandEntry& e : CommandTable)
     if (name == e.name) return &e;
@@ -151,6 +183,7 @@ void process_line(const Tokens& tokens) {
     if (entry->arg_count > 0 && size_t(entry->arg_count) != tokens.size()) fail_argument(tokens[0]);
     // The handler.
     CurrentCommand = tokens[0];
+    GenerationMark mark(!only_reads(*entry));
     entry->handler(tokens);
   } catch (const std::invalid_argument&) {
     shell_print("ERROR: Invalid value\n");

@@ -8,6 +8,13 @@ ResultsCache& results_cache() { return Evaluation.cache; }
 void forget_results_cache() {
   Evaluation.cache = ResultsCache();
   Evaluation.cache_tree = nullptr;
+  Evaluation.records[0] = Evaluation.records[1] = RecordsStamp();
+}
+
+bool records_current(const Tree& t, int32_t player) {
+  const RecordsStamp& r = Evaluation.records[player & 1];
+  return r.tree == &t && r.iteration == t.iteration && r.generation == Evaluation.store_generation &&
+         !(t.flags & INCOMPLETE_TREE);
 }
 
 bool materialise_tree_stores(Tree& tree) {

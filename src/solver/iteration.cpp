@@ -642,6 +642,8 @@ static void finish_chance(ChanceVisit& c) {
 }
 
 static void visit_chance(TraversalContext& ctx, bool turn) {
+  const WalkProbe& probe = ctx.walk->probe;
+  if (ctx.walk->mode == MODE_PROBE && probe.chance && probe.chance(probe.target, ctx)) return;
   ChanceVisit c = chance_visit(ctx, turn);
   if (visit_forgotten_street(c)) return;
   keep_street_reach(c);
@@ -714,6 +716,7 @@ TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
   // One walk at a time; a query's walk may hold the lock already.
   std::lock_guard<std::recursive_mutex> guard(traversal_lock());
   WalkState w = walk_state(tree, player, mode, PASS_QUEUE, probe);
+  const uint32_t generation = Evaluation.store_generation;  // as the walk starts
   assert(mode != MODE_PROBE || probe.visit);
   // A tree whose stores were never planned has nothing to walk with.
   if (tree.nodes.empty() || !tree.boards) return result;
@@ -747,6 +750,8 @@ TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
     for (int32_t i = 0; i < n; i++) br_total += ctx.br_value.data[i] * norm[size_t(i)];
   result.mes = br_total;
   result.ev = value_total;
+  if (mode == MODE_EVALUATE && !(tree.flags & INCOMPLETE_TREE))
+    Evaluation.records[player & 1] = {&tree, tree.iteration, generation};
 
   // Everything the walk held goes back.
   release_context(ctx);

@@ -96,11 +96,15 @@ void run_iteration(Tree& tree);
 inline void count_terminal_hands(int64_t hands) { Run.terminal_hands.fetch_add(hands, std::memory_order_relaxed); }
 
 // What a MODE_PROBE walk hands every context outside the queueing pass to:
-// visit(target, context), with the caller's own target.
+// visit(target, context), with the caller's own target. `chance`, if set, is
+// asked first at every chance node (in every pass, the same answer each
+// time): true when it filled the context's value itself, from values known
+// for the present strategies, so that the cards below are not walked.
 struct TraversalContext;
 struct WalkProbe {
   void (*visit)(void* target, TraversalContext& ctx) = nullptr;
   void* target = nullptr;
+  bool (*chance)(void* target, TraversalContext& ctx) = nullptr;
 };
 // One whole-tree walk for `player` in `mode`.
 TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe = {});
@@ -220,11 +224,23 @@ struct ResultsCache {
 // The cache and the tree it belongs to, and a count of changes of strategies
 // that leave the iteration count as it was, so that caches keyed by the
 // iteration (here and in the queries) can tell.
+// `records` says, per player, for which tree, iteration and generation a
+// whole-tree evaluation of a complete tree last wrote the values of the
+// street records: until either moves, they are the values a walk of the
+// present strategies would find at those chance nodes.
+struct RecordsStamp {
+  const Tree* tree = nullptr;
+  int32_t iteration = -1;
+  uint32_t generation = 0;
+};
 struct EvaluationState {
   ResultsCache cache;
   const Tree* cache_tree = nullptr;
-  uint32_t store_generation = 0;
+  std::atomic<uint32_t> store_generation{0};
+  RecordsStamp records[2];
 };
+// Whether the street records hold the player's values for the tree as it is.
+bool records_current(const Tree& tree, int32_t player);
 extern EvaluationState Evaluation;
 ResultsCache& results_cache();
 // Runs both evaluation passes and fills the cache for the present iteration.
