@@ -456,4 +456,27 @@ TEST_F(KernelsTest, BatchDriverOverAnyCountAndLevel) {
   }
 }
 
+TEST_F(KernelsTest, WideFoldBatchesKeepTheBitsOfBatchesOfFour) {
+  // Level 8 runs folds eight at a time; a solve must not change by a bit for
+  // it. Lanes don't depend on their batch, but the one-terminal kernel rounds
+  // differently, so the terminal that batches of four leave alone (counts of
+  // 4k + 1) must stay alone.
+  std::mt19937 rng(33);
+  RiverList l = real_list(random_board(rng));
+  const int32_t n = l.count();
+  Batch b = make_batch(rng, l, 13, false);
+  for_each_isa([&](const std::string& isa) {
+    for (int m = 1; m <= 13; m++) {
+      SimdLevel = 4;
+      fold_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), m, n, l.packed.data());
+      std::vector<std::vector<float>> four(b.out.begin(), b.out.begin() + m);
+      SimdLevel = 8;
+      fold_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), m, n, l.packed.data());
+      for (int t = 0; t < m; t++)
+        EXPECT_EQ(0, memcmp(four[size_t(t)].data(), b.out[size_t(t)].data(), size_t(n) * sizeof(float)))
+            << isa << ": " << m << " folds, terminal " << t;
+    }
+  });
+}
+
 }  // namespace

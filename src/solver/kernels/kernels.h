@@ -75,6 +75,8 @@ void showdown_and_fold2(float* out_showdown, float* out_fold, const float* reach
 // lane gives what the one-terminal kernel gives, up to float rounding. The
 // terminals go in lane batches of the largest width that SimdLevel allows and
 // that still fits the terminals left: showdowns 8, 6, 4, 3, 2, 1; folds
+// 8 to 1 at level 8 (a terminal that batches of four would leave alone still
+// goes alone: the one-terminal fold rounds its last step its own way), else
 // 4, 3, 2, 1. The walk of `packed` and the runs is shared by the lanes.
 void showdown_value_batch(float* const* out, const float* const* reach, const float* values,
                           int32_t n, int32_t count, const RiverGroups& groups,

@@ -28,7 +28,7 @@ struct KernelSet {
   // Both reaches non-empty; the one-reach form passes the same pointer twice.
   PairKernel showdown_and_fold;
   ShowdownLanes showdown_lanes[9];  // by width; null where the width is not in the table
-  FoldLanes fold_lanes[5];          // by width
+  FoldLanes fold_lanes[9];          // by width; null where the width is not in the table
   ReachBits reach_bits;
 };
 
