@@ -11,6 +11,7 @@
 #include "core/core.h"
 #include "solver/kernels/kernels_body.h"
 #include "solver/kernels/kernels_internal.h"
+#include "solver/kernels/rows_body.h"
 
 namespace {
 
@@ -109,6 +110,13 @@ const KernelSet PortableKernels = {
     portable_reach_bits,
 };
 
+const RowKernels PortableRowKernels = {
+    [](float* out, const float* const* s, const float* const* c, int32_t rows, int32_t count) {
+      weighted_rows_body(out, s, c, rows, count);
+    },
+    [](float* x, const float* reach, int32_t count) { return reach_row_body(x, reach, count); },
+};
+
 // ---- Choice of the instruction set -------------------------------------------
 
 int32_t KernelIsaLimit = KERNEL_AVX512;
@@ -142,6 +150,16 @@ const KernelSet& kernels() {
   return PortableKernels;
 }
 }  // namespace
+
+void weighted_rows(float* out, const float* const* s, const float* const* c, int32_t rows, int32_t count) {
+  const RowKernels& k = KernelIsaLimit >= KERNEL_AVX2 && HasAvx2 ? Avx2RowKernels : PortableRowKernels;
+  k.weighted_rows(out, s, c, rows, count);
+}
+
+float reach_row(float* x, const float* reach, int32_t count) {
+  const RowKernels& k = KernelIsaLimit >= KERNEL_AVX2 && HasAvx2 ? Avx2RowKernels : PortableRowKernels;
+  return k.reach_row(x, reach, count);
+}
 
 KernelIsa kernel_isa() {
   const KernelSet& k = kernels();

@@ -96,6 +96,16 @@ void showdown_value_lanes(int32_t width, float* const* out, const float* const* 
 void fold_value_lanes(int32_t width, float* const* out, const float* const* reach,
                       const float* values, int32_t count, const uint16_t* packed);
 
+// ---- Rows of the walk -------------------------------------------------------
+// Plain row arithmetic of the walk, vectorised as wide as the processor allows
+// with the same rounding everywhere (no fused multiply-add).
+
+// out = s[0] c[0] + s[1] c[1] + ... + s[rows-1] c[rows-1], added in that order; rows >= 1.
+void weighted_rows(float* out, const float* const* s, const float* const* c, int32_t rows, int32_t count);
+// x *= reach element by element; returns the sum of the new x (in an order
+// of its own: callers only compare it with FLT_MIN).
+float reach_row(float* x, const float* reach, int32_t count);
+
 // ---- Instruction sets -------------------------------------------------------
 // The kernels exist once per instruction set and are chosen on every call:
 // AVX-512 when UseAvx512 is set and the processor has it, else AVX2 with FMA

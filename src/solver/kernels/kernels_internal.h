@@ -32,6 +32,14 @@ struct KernelSet {
   ReachBits reach_bits;
 };
 
+// The walk's row steps (rows_body.h).
+struct RowKernels {
+  void (*weighted_rows)(float* out, const float* const* s, const float* const* c, int32_t rows, int32_t count);
+  float (*reach_row)(float* x, const float* reach, int32_t count);
+};
+extern const RowKernels PortableRowKernels;
+extern const RowKernels Avx2RowKernels;
+
 extern const KernelSet PortableKernels;
 extern const KernelSet Avx2Kernels;
 // Only what the wider registers improve; null entries are taken from
