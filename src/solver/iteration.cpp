@@ -614,10 +614,10 @@ static void walk_chance_inline(ChanceVisit& c) {
     child.turn_cell = c.turn ? int32_t(k) : tc;
     child.river_cell = c.turn ? -1 : int32_t(k);
     alloc_vector(child.reach, cn, false);
-    map_to_child(r, ctx.reach.data, child.reach.data);
+    gather_row(child.reach.data, ctx.reach.data, r.parentPosition[0].data(), cn);
     if (own && ctx.own_reach.data) {
       alloc_vector(child.own_reach, cn, false);
-      map_to_child(r, ctx.own_reach.data, child.own_reach.data);
+      gather_row(child.own_reach.data, ctx.own_reach.data, r.parentPosition[0].data(), cn);
     } else if (own) {
       make_empty(child.own_reach, cn);
     }

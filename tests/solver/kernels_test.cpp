@@ -519,6 +519,13 @@ TEST_F(KernelsTest, WalkRowsRoundAlikeOnEverySet) {
     EXPECT_NEAR(sum, total, 1e-3 * total) << isa;
     std::vector<float> zeros(size_t(count), 0.0f);
     EXPECT_EQ(0.0f, reach_row(x.data(), zeros.data(), count)) << isa;
+    // A parent's vector down to a child board: any positions, in any order.
+    std::vector<uint16_t> index(static_cast<size_t>(count));
+    for (int32_t i = 0; i < count; i++) index[size_t(i)] = uint16_t(rng() % uint32_t(count));
+    std::vector<float> down(size_t(count), -7.0f);
+    gather_row(down.data(), c[3].data(), index.data(), count - 3);
+    for (int32_t i = 0; i < count - 3; i++) EXPECT_EQ(c[3][index[size_t(i)]], down[size_t(i)]) << isa << " hand " << i;
+    EXPECT_EQ(-7.0f, down[size_t(count - 3)]) << isa << ": past the end";
   });
 }
 

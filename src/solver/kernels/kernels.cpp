@@ -115,6 +115,7 @@ const RowKernels PortableRowKernels = {
       weighted_rows_body(out, s, c, rows, count);
     },
     [](float* x, const float* reach, int32_t count) { return reach_row_body(x, reach, count); },
+    [](float* out, const float* in, const uint16_t* index, int32_t count) { gather_row_body(out, in, index, count); },
 };
 
 // ---- Choice of the instruction set -------------------------------------------
@@ -159,6 +160,11 @@ void weighted_rows(float* out, const float* const* s, const float* const* c, int
 float reach_row(float* x, const float* reach, int32_t count) {
   const RowKernels& k = KernelIsaLimit >= KERNEL_AVX2 && HasAvx2 ? Avx2RowKernels : PortableRowKernels;
   return k.reach_row(x, reach, count);
+}
+
+void gather_row(float* out, const float* in, const uint16_t* index, int32_t count) {
+  const RowKernels& k = KernelIsaLimit >= KERNEL_AVX2 && HasAvx2 ? Avx2RowKernels : PortableRowKernels;
+  k.gather_row(out, in, index, count);
 }
 
 KernelIsa kernel_isa() {

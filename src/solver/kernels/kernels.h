@@ -105,6 +105,8 @@ void weighted_rows(float* out, const float* const* s, const float* const* c, int
 // x *= reach element by element; returns the sum of the new x (in an order
 // of its own: callers only compare it with FLT_MIN).
 float reach_row(float* x, const float* reach, int32_t count);
+// out[i] = in[index[i]]: a parent's hand vector down to a child board.
+void gather_row(float* out, const float* in, const uint16_t* index, int32_t count);
 
 // ---- Instruction sets -------------------------------------------------------
 // The kernels exist once per instruction set and are chosen on every call:

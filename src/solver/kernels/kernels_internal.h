@@ -36,6 +36,7 @@ struct KernelSet {
 struct RowKernels {
   void (*weighted_rows)(float* out, const float* const* s, const float* const* c, int32_t rows, int32_t count);
   float (*reach_row)(float* x, const float* reach, int32_t count);
+  void (*gather_row)(float* out, const float* in, const uint16_t* index, int32_t count);
 };
 extern const RowKernels PortableRowKernels;
 extern const RowKernels Avx2RowKernels;

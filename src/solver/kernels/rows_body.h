@@ -44,4 +44,12 @@ inline float reach_row_body(float* x_, const float* reach_, int32_t count) {
   return ((part[0] + part[1]) + (part[2] + part[3])) + ((part[4] + part[5]) + (part[6] + part[7]));
 }
 
+// out[i] = in[index[i]].
+inline void gather_row_body(float* out_, const float* in_, const uint16_t* index_, int32_t count) {
+  float* __restrict out = out_;
+  const float* __restrict in = in_;
+  const uint16_t* __restrict index = index_;
+  for (int32_t i = 0; i < count; i++) out[i] = in[index[i]];
+}
+
 }  // namespace
