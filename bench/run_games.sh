@@ -43,7 +43,7 @@ for g in "${games[@]}"; do
     go="go"
     [ "$max_seconds" != "0" ] && go="go $max_seconds seconds"
     [ -n "$steps" ] && [ "$steps" != "0" ] && go="go $steps steps"
-    out=$( { cat "$script"; printf 'set_threads %s\nset_compression %s\nsolver_time\n%s\nwait_for_solver\nsolver_time\ncalc_results\n' "$threads" "$level" "$go"; } |
+    out=$( { cat "$script"; printf 'set_threads %s\nset_compression %s\nsolver_time\n%s\nwait_for_solver\nsolver_time\ncalc_results\nshow_memory\n' "$threads" "$level" "$go"; } |
            "$bin" -m -v -k 2>&1)
     echo "$out" | awk -v name="$name" -v game="$g" -v level="$level" -v pot="$pot" '
       /^[0-9]+\.[0-9]+$/ { if (t_start == "") t_start = $1 + 0; else t_end = $1 + 0 }
@@ -60,12 +60,14 @@ for g in "${games[@]}"; do
       /^EV OOP:/ { ev = $3 }
       /^#[0-9]+ iterations/ { it = $1; sub("#", "", it); it = it + 0 }
       /peak working set/ { m = $0; sub(/.*peak working set /, "", m); sub(/ MB.*/, "", m); peak = m + 0 }
+      # Runs too short for a report: the high-water mark of show_memory.
+      /^#memory total/ { m = $0; sub(/.*peak /, "", m); sub(/ MB.*/, "", m); if (m + 0 > peak) peak = m + 0 }
       /^#terminal hands / { th = $3 + 0; tsec = $5 + 0 }
       END {
         secs = t_end - t_start
         ips = secs > 0 ? it / secs : 0
         cost = th > 0 ? sprintf("%.2f", tsec * 1e9 / th) : "-"
-        printf "%-8s %-6s %-5s %8d %9s %9s %9.1f %10d %12s %8s %.4f%% in %.2fs\n", name, game, level, it, (t5 == "" ? "-" : t5), (t3 == "" ? "-" : t3), ips, peak, cost, ev, 100 * final_e / pot, secs
+        printf "%-8s %-6s %-5s %8d %9s %9s %9.3f %10d %12s %8s %.4f%% in %.2fs\n", name, game, level, it, (t5 == "" ? "-" : t5), (t3 == "" ? "-" : t3), ips, peak, cost, ev, 100 * final_e / pot, secs
       }'
    done
   done
