@@ -11,6 +11,7 @@
 #
 #   scripts/same-bytes.sh BIN_BEFORE BIN_AFTER [games...]   (default: river turn flop)
 #   STEPS="river=40 turn=12 flop=3" LEVELS="0 4" scripts/same-bytes.sh ...
+# A game is a script in the shared bench games or in bench/ (large).
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 [ $# -ge 2 ] || { echo "usage: same-bytes.sh BIN_BEFORE BIN_AFTER [games...]" >&2; exit 2; }
@@ -20,7 +21,7 @@ shift 2
 games=("$@")
 [ ${#games[@]} -eq 0 ] && games=(river turn flop)
 levels="${LEVELS:-0 2 4}"
-steps="${STEPS:-river=40 turn=12 flop=3}"
+steps="${STEPS:-river=40 turn=12 flop=3 large=2}"
 dir="$root/../shared/bench-games"
 [ -d "$dir" ] || dir="${BENCH_GAMES:?no bench games folder}"
 work="$(mktemp -d)"
@@ -30,7 +31,9 @@ run() {  # binary, game, level, out dir
   local bin="$1" g="$2" level="$3" out="$4" n
   n=$(tr ' ' '\n' <<<"$steps" | awk -F= -v g="$g" '$1==g{print $2}')
   mkdir -p "$out"
-  { cat "$dir/$g.txt"
+  local script="$dir/$g.txt"
+  [ -f "$script" ] || script="$root/bench/$g.txt"
+  { cat "$script"
     printf 'set_threads 1\nset_compression %s\ngo %s steps\nwait_for_solver\n' "$level" "${n:-3}"
     # The second file holds the compressed section of a forgotten street;
     # loading the first reads every store back.

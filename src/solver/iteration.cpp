@@ -166,22 +166,21 @@ void apply_ev_boost(const Node& parent, const Node& child, HandVector& v) {
 // value = sum over actions of strategy x child value; empty when no child has data.
 static void combine_weighted(HandVector& out, const HandVector* s, const HandVector* c, int32_t n,
                              int32_t count) {
-  bool started = false;
+  const float* sr[MaxNodeActions];
+  const float* cr[MaxNodeActions];
+  int32_t rows = 0;
   for (int32_t a = 0; a < n; a++) {
     if (!c[a].data) continue;
-    const float* __restrict sa = s[a].data;
-    const float* __restrict ca = c[a].data;
-    if (!started) {
-      alloc_vector(out, count, false);
-      float* __restrict o = out.data;
-      for (int32_t i = 0; i < count; i++) o[i] = sa[i] * ca[i];
-      started = true;
-    } else {
-      float* __restrict o = out.data;
-      for (int32_t i = 0; i < count; i++) o[i] += sa[i] * ca[i];
-    }
+    sr[rows] = s[a].data;
+    cr[rows] = c[a].data;
+    rows++;
   }
-  if (!started) make_empty(out, count);
+  if (!rows) {
+    make_empty(out, count);
+    return;
+  }
+  alloc_vector(out, count, false);
+  weighted_rows(out.data, sr, cr, rows, count);
 }
 
 // Best response: per hand the best child, where an empty child is worth 0.0;
@@ -441,7 +440,9 @@ void visit_node(TraversalContext& ctx) {
   if (node.street == 3 && ctx.turn_cell >= 0 && ctx.river_cell >= 0 &&
       (!node.parent || node.parent->street != 3)) {
     prepare_river_subtree(ctx);
-    if (w.mode == MODE_TRAIN && SimdLevel > 1) {
+    // A lone showdown (both players all-in before the river) is one kernel
+    // call: the batch would only add its bookkeeping.
+    if (w.mode == MODE_TRAIN && SimdLevel > 1 && node.kind == NODE_DECISION) {
       run_river_batch(ctx);
       goto last;
     }
@@ -613,10 +614,10 @@ static void walk_chance_inline(ChanceVisit& c) {
     child.turn_cell = c.turn ? int32_t(k) : tc;
     child.river_cell = c.turn ? -1 : int32_t(k);
     alloc_vector(child.reach, cn, false);
-    map_to_child(r, ctx.reach.data, child.reach.data);
+    gather_row(child.reach.data, ctx.reach.data, r.parentPosition[0].data(), cn);
     if (own && ctx.own_reach.data) {
       alloc_vector(child.own_reach, cn, false);
-      map_to_child(r, ctx.own_reach.data, child.own_reach.data);
+      gather_row(child.own_reach.data, ctx.own_reach.data, r.parentPosition[0].data(), cn);
     } else if (own) {
       make_empty(child.own_reach, cn);
     }

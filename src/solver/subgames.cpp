@@ -76,7 +76,7 @@ static void map_down(HandVector& out, const HandVector& in, const BoardRecord& r
     return;
   }
   alloc_vector(out, n, false);
-  map_to_child(r, in.data, out.data);
+  gather_row(out.data, in.data, r.parentPosition[0].data(), n);
 }
 
 // Adds a child-order vector into the parent order, once per variant.

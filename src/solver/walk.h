@@ -74,22 +74,8 @@ inline void scale_vector(HandVector& v, float f) {
 // are exact, and a sum of non-negative terms that reaches FLT_MIN can't round
 // back below it. So it runs in eight partial sums, which vectorise.
 inline void child_reaches(HandVector* s, int32_t n, const float* __restrict reach, int32_t count) {
-  for (int32_t a = 0; a < n; a++) {
-    float* __restrict x = s[a].data;
-    float part[8] = {};
-    int32_t i = 0;
-    for (; i + 8 <= count; i += 8)
-      for (int32_t j = 0; j < 8; j++) {
-        x[i + j] *= reach[i + j];
-        part[j] += x[i + j];
-      }
-    for (; i < count; i++) {
-      x[i] *= reach[i];
-      part[0] += x[i];
-    }
-    float sum = ((part[0] + part[1]) + (part[2] + part[3])) + ((part[4] + part[5]) + (part[6] + part[7]));
-    if (sum < FLT_MIN) make_empty(s[a], count);
-  }
+  for (int32_t a = 0; a < n; a++)
+    if (reach_row(s[a].data, reach, count) < FLT_MIN) make_empty(s[a], count);
 }
 
 // ---- Boards ---------------------------------------------------------------------

@@ -456,4 +456,77 @@ TEST_F(KernelsTest, BatchDriverOverAnyCountAndLevel) {
   }
 }
 
+TEST_F(KernelsTest, WideFoldBatchesKeepTheBitsOfBatchesOfFour) {
+  // Level 8 runs folds eight at a time; a solve must not change by a bit for
+  // it. Lanes don't depend on their batch, but the one-terminal kernel rounds
+  // differently, so the terminal that batches of four leave alone (counts of
+  // 4k + 1) must stay alone.
+  std::mt19937 rng(33);
+  RiverList l = real_list(random_board(rng));
+  const int32_t n = l.count();
+  Batch b = make_batch(rng, l, 13, false);
+  for_each_isa([&](const std::string& isa) {
+    for (int m = 1; m <= 13; m++) {
+      SimdLevel = 4;
+      fold_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), m, n, l.packed.data());
+      std::vector<std::vector<float>> four(b.out.begin(), b.out.begin() + m);
+      SimdLevel = 8;
+      fold_value_batch(b.out_ptr.data(), b.reach_ptr.data(), b.values.data(), m, n, l.packed.data());
+      for (int t = 0; t < m; t++)
+        EXPECT_EQ(0, memcmp(four[size_t(t)].data(), b.out[size_t(t)].data(), size_t(n) * sizeof(float)))
+            << isa << ": " << m << " folds, terminal " << t;
+    }
+  });
+}
+
+// ---- Rows of the walk -----------------------------------------------------------------------
+
+TEST_F(KernelsTest, WalkRowsRoundAlikeOnEverySet) {
+  // A node's value and its children's reaches must not change by a bit with
+  // the instruction set: one multiply and one add, each rounded, in row order.
+  std::mt19937 rng(41);
+  std::uniform_real_distribution<float> u(-3.0f, 3.0f);
+  const int32_t count = 1037;  // a tail after the whole vectors
+  std::vector<std::vector<float>> s(4, std::vector<float>(size_t(count))), c = s;
+  for (int a = 0; a < 4; a++)
+    for (int32_t i = 0; i < count; i++) {
+      s[size_t(a)][size_t(i)] = std::fabs(u(rng)) / 3.0f;
+      c[size_t(a)][size_t(i)] = u(rng) * 1000.0f;
+    }
+  const float* sp[4] = {s[0].data(), s[1].data(), s[2].data(), s[3].data()};
+  const float* cp[4] = {c[0].data(), c[1].data(), c[2].data(), c[3].data()};
+  std::vector<float> want(static_cast<size_t>(count));
+  for (int32_t i = 0; i < count; i++) {
+    volatile float v = sp[0][i] * cp[0][i];
+    for (int a = 1; a < 4; a++) {
+      volatile float p = sp[a][i] * cp[a][i];
+      v = v + p;
+    }
+    want[size_t(i)] = v;
+  }
+  for_each_isa([&](const std::string& isa) {
+    std::vector<float> out(size_t(count), -7.0f);
+    weighted_rows(out.data(), sp, cp, 4, count);
+    EXPECT_EQ(0, memcmp(out.data(), want.data(), size_t(count) * sizeof(float))) << isa;
+    std::vector<float> x = s[1];
+    float sum = reach_row(x.data(), s[2].data(), count);
+    double total = 0.0;
+    for (int32_t i = 0; i < count; i++) {
+      volatile float p = s[1][size_t(i)] * s[2][size_t(i)];
+      EXPECT_EQ(p, x[size_t(i)]) << isa << " hand " << i;
+      total += p;
+    }
+    EXPECT_NEAR(sum, total, 1e-3 * total) << isa;
+    std::vector<float> zeros(size_t(count), 0.0f);
+    EXPECT_EQ(0.0f, reach_row(x.data(), zeros.data(), count)) << isa;
+    // A parent's vector down to a child board: any positions, in any order.
+    std::vector<uint16_t> index(static_cast<size_t>(count));
+    for (int32_t i = 0; i < count; i++) index[size_t(i)] = uint16_t(rng() % uint32_t(count));
+    std::vector<float> down(size_t(count), -7.0f);
+    gather_row(down.data(), c[3].data(), index.data(), count - 3);
+    for (int32_t i = 0; i < count - 3; i++) EXPECT_EQ(c[3][index[size_t(i)]], down[size_t(i)]) << isa << " hand " << i;
+    EXPECT_EQ(-7.0f, down[size_t(count - 3)]) << isa << ": past the end";
+  });
+}
+
 }  // namespace

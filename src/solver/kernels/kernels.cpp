@@ -11,6 +11,7 @@
 #include "core/core.h"
 #include "solver/kernels/kernels_body.h"
 #include "solver/kernels/kernels_internal.h"
+#include "solver/kernels/rows_body.h"
 
 namespace {
 
@@ -104,8 +105,17 @@ const KernelSet PortableKernels = {
     {nullptr, showdown_lane1, showdown_lanes<Rows4, 2>, showdown_lanes<Rows4, 3>,
      showdown_lanes<Rows4, 4>, nullptr, showdown_lanes<Rows8, 6>, nullptr,
      showdown_lanes<Rows8, 8>},
-    {nullptr, fold_lane1<Rows4>, fold_lanes<Rows4, 2>, fold_lanes<Rows4, 3>, fold_lanes<Rows4, 4>},
+    {nullptr, fold_lane1<Rows4>, fold_lanes<Rows4, 2>, fold_lanes<Rows4, 3>, fold_lanes<Rows4, 4>,
+     fold_lanes<Rows8, 5>, fold_lanes<Rows8, 6>, fold_lanes<Rows8, 7>, fold_lanes<Rows8, 8>},
     portable_reach_bits,
+};
+
+const RowKernels PortableRowKernels = {
+    [](float* out, const float* const* s, const float* const* c, int32_t rows, int32_t count) {
+      weighted_rows_body(out, s, c, rows, count);
+    },
+    [](float* x, const float* reach, int32_t count) { return reach_row_body(x, reach, count); },
+    [](float* out, const float* in, const uint16_t* index, int32_t count) { gather_row_body(out, in, index, count); },
 };
 
 // ---- Choice of the instruction set -------------------------------------------
@@ -128,7 +138,7 @@ KernelSet merge_avx512() {
   if (w.showdown_and_fold) k.showdown_and_fold = w.showdown_and_fold;
   for (int i = 0; i < 9; ++i)
     if (w.showdown_lanes[i]) k.showdown_lanes[i] = w.showdown_lanes[i];
-  for (int i = 0; i < 5; ++i)
+  for (int i = 0; i < 9; ++i)
     if (w.fold_lanes[i]) k.fold_lanes[i] = w.fold_lanes[i];
   if (w.reach_bits) k.reach_bits = w.reach_bits;
   return k;
@@ -141,6 +151,21 @@ const KernelSet& kernels() {
   return PortableKernels;
 }
 }  // namespace
+
+void weighted_rows(float* out, const float* const* s, const float* const* c, int32_t rows, int32_t count) {
+  const RowKernels& k = KernelIsaLimit >= KERNEL_AVX2 && HasAvx2 ? Avx2RowKernels : PortableRowKernels;
+  k.weighted_rows(out, s, c, rows, count);
+}
+
+float reach_row(float* x, const float* reach, int32_t count) {
+  const RowKernels& k = KernelIsaLimit >= KERNEL_AVX2 && HasAvx2 ? Avx2RowKernels : PortableRowKernels;
+  return k.reach_row(x, reach, count);
+}
+
+void gather_row(float* out, const float* in, const uint16_t* index, int32_t count) {
+  const RowKernels& k = KernelIsaLimit >= KERNEL_AVX2 && HasAvx2 ? Avx2RowKernels : PortableRowKernels;
+  k.gather_row(out, in, index, count);
+}
 
 KernelIsa kernel_isa() {
   const KernelSet& k = kernels();
@@ -231,7 +256,7 @@ void showdown_and_fold2(float* out_showdown, float* out_fold, const float* reach
 
 namespace {
 constexpr int32_t ShowdownWidths[] = {8, 6, 4, 3, 2, 1};
-constexpr int32_t FoldWidths[] = {4, 3, 2, 1};
+constexpr int32_t FoldWidths[] = {8, 7, 6, 5, 4, 3, 2, 1};
 
 // Terminals with an empty reach get zeros; the rest go on as a smaller batch.
 // Returns false when every reach is there.
@@ -267,8 +292,11 @@ int32_t showdown_batch_width(int32_t left) {
 }
 
 int32_t fold_batch_width(int32_t left) {
+  // Widths above four only from level 8 on, where fold_value_batch keeps the
+  // terminals that batches of four leave alone.
+  const int32_t top = SimdLevel >= 8 ? 8 : SimdLevel < 4 ? SimdLevel : 4;
   for (int32_t w : FoldWidths)
-    if (w <= SimdLevel && w <= left) return w;
+    if (w <= top && w <= left) return w;
   return 1;
 }
 
@@ -294,7 +322,7 @@ void fold_value_lanes(int32_t width, float* const* out, const float* const* reac
     fold_value_batch(o, r, v, m, count, packed);
   };
   const KernelSet& k = kernels();
-  if (width < 1 || width > 4) {
+  if (width < 1 || width > 8 || !k.fold_lanes[width]) {
     fold_value_batch(out, reach, values, width, count, packed);
     return;
   }
@@ -336,6 +364,14 @@ void showdown_value_batch(float* const* out, const float* const* reach, const fl
 
 void fold_value_batch(float* const* out, const float* const* reach, const float* values, int32_t n,
                       int32_t count, const uint16_t* packed) {
+  // A lane's values don't depend on the width of its batch, but the
+  // one-terminal kernel rounds its last step differently: a terminal left
+  // alone by batches of four stays alone, the rest go eight at a time.
+  if (SimdLevel >= 8 && n % 4 == 1) {
+    fold_value_batch(out, reach, values, n - 1, count, packed);
+    fold_value_lanes(1, out + n - 1, reach + n - 1, values + n - 1, count, packed);
+    return;
+  }
   for (int32_t t = 0; t < n;) {
     int32_t w = fold_batch_width(n - t);
     fold_value_lanes(w, out + t, reach + t, values + t, count, packed);

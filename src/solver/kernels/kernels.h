@@ -75,6 +75,8 @@ void showdown_and_fold2(float* out_showdown, float* out_fold, const float* reach
 // lane gives what the one-terminal kernel gives, up to float rounding. The
 // terminals go in lane batches of the largest width that SimdLevel allows and
 // that still fits the terminals left: showdowns 8, 6, 4, 3, 2, 1; folds
+// 8 to 1 at level 8 (a terminal that batches of four would leave alone still
+// goes alone: the one-terminal fold rounds its last step its own way), else
 // 4, 3, 2, 1. The walk of `packed` and the runs is shared by the lanes.
 void showdown_value_batch(float* const* out, const float* const* reach, const float* values,
                           int32_t n, int32_t count, const RiverGroups& groups,
@@ -93,6 +95,18 @@ void showdown_value_lanes(int32_t width, float* const* out, const float* const* 
                           const uint16_t* packed);
 void fold_value_lanes(int32_t width, float* const* out, const float* const* reach,
                       const float* values, int32_t count, const uint16_t* packed);
+
+// ---- Rows of the walk -------------------------------------------------------
+// Plain row arithmetic of the walk, vectorised as wide as the processor allows
+// with the same rounding everywhere (no fused multiply-add).
+
+// out = s[0] c[0] + s[1] c[1] + ... + s[rows-1] c[rows-1], added in that order; rows >= 1.
+void weighted_rows(float* out, const float* const* s, const float* const* c, int32_t rows, int32_t count);
+// x *= reach element by element; returns the sum of the new x (in an order
+// of its own: callers only compare it with FLT_MIN).
+float reach_row(float* x, const float* reach, int32_t count);
+// out[i] = in[index[i]]: a parent's hand vector down to a child board.
+void gather_row(float* out, const float* in, const uint16_t* index, int32_t count);
 
 // ---- Instruction sets -------------------------------------------------------
 // The kernels exist once per instruction set and are chosen on every call:

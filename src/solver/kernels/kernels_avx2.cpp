@@ -29,6 +29,7 @@ const KernelSet Avx2Kernels = {
      showdown_lanes<AvxRows4, 4>, nullptr, showdown_lanes<AvxRows8, 6>, nullptr,
      showdown_lanes<AvxRows8, 8>},
     {nullptr, fold_lane1<Avx2One>, fold_lanes<AvxRows4, 2>, fold_lanes<AvxRows4, 3>,
-     fold_lanes<AvxRows4, 4>},
+     fold_lanes<AvxRows4, 4>, fold_lanes<AvxRows8, 5>, fold_lanes<AvxRows8, 6>,
+     fold_lanes<AvxRows8, 7>, fold_lanes<AvxRows8, 8>},
     avx_reach_bits,
 };

@@ -28,9 +28,18 @@ struct KernelSet {
   // Both reaches non-empty; the one-reach form passes the same pointer twice.
   PairKernel showdown_and_fold;
   ShowdownLanes showdown_lanes[9];  // by width; null where the width is not in the table
-  FoldLanes fold_lanes[5];          // by width
+  FoldLanes fold_lanes[9];          // by width; null where the width is not in the table
   ReachBits reach_bits;
 };
+
+// The walk's row steps (rows_body.h).
+struct RowKernels {
+  void (*weighted_rows)(float* out, const float* const* s, const float* const* c, int32_t rows, int32_t count);
+  float (*reach_row)(float* x, const float* reach, int32_t count);
+  void (*gather_row)(float* out, const float* in, const uint16_t* index, int32_t count);
+};
+extern const RowKernels PortableRowKernels;
+extern const RowKernels Avx2RowKernels;
 
 extern const KernelSet PortableKernels;
 extern const KernelSet Avx2Kernels;
