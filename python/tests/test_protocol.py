@@ -1,6 +1,6 @@
 """The protocol layer against a scripted engine: each answer form, read without a process.
 
-The real engine's tests (test_client.py, test_viewer.py) are the end-to-end layer;
+The real engine's tests (test_client.py, test_app.py) are the end-to-end layer;
 here the engine says exactly what the script says, also what it rarely says.
 """
 import time
