@@ -120,13 +120,15 @@ class Session:
     def _engine(self, new_game: bool = False) -> Solver:
         """The engine; a new one for a new game when there is none or it died. An engine that
         died under a game is not replaced behind the page's back: its game is gone."""
-        if self.solver is not None and not self.solver.alive() and not new_game:
+        # One look at the child: one that dies between two looks must not pass for none at all.
+        alive = self.solver is not None and self.solver.alive()
+        if self.solver is not None and not alive and not new_game:
             dead, self.solver = self.solver, None
             try:
                 dead.command("echo")  # the client's account of the end: exit code, last words
             except EngineDied as e:
                 raise EngineDied(f"{e}; set up or open a game again", e.returncode) from None
-        if self.solver is None or not self.solver.alive():
+        if not alive:
             # -v: the build reports the storage it plans ("[uncompressed storage N MB]").
             self.solver = Solver(self.binary, args=("-v",))
         return self.solver

@@ -478,6 +478,18 @@ class TestEngine:
             assert code == 400 and words in answer["error"], answer
 
 
+def test_an_engine_that_dies_while_it_is_looked_at_is_not_replaced():
+    class Dying:  # alive at the first look, dead at any later one
+        looks = 0
+
+        def alive(self):
+            self.looks += 1
+            return self.looks == 1
+    session = Session("/nonexistent/corvanta")
+    session.solver = dying = Dying()
+    assert session._engine() is dying  # its death shows on its next command, with its exit code
+
+
 def test_an_engine_that_dies_is_an_error_and_a_new_set_up_starts_another(engine, tmp_path):
     server = Server(Session(engine, [tmp_path])).start()
     try:
