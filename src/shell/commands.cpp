@@ -8,18 +8,22 @@
 #include "storage/memory/memory_report.h"
 #include "tree/tree.h"
 
+// Commands marked Reads only read; the rest may change strategies, values or
+// the tree, so they move the store generation that query caches are keyed by.
+constexpr bool Reads = true;
+
 const CommandEntry CommandTable[CommandCount] = {
-    {"is_ready", cmd_answer_only, 1},
-    {"solver_time", cmd_solver_time, 1},
-    {"show_hand_order", cmd_show_hand_order, 1},
-    {"show_settings", cmd_show_settings, 1},
-    {"show_tree_params", cmd_show_tree_params, 1},
+    {"is_ready", cmd_answer_only, 1, Reads},
+    {"solver_time", cmd_solver_time, 1, Reads},
+    {"show_hand_order", cmd_show_hand_order, 1, Reads},
+    {"show_settings", cmd_show_settings, 1, Reads},
+    {"show_tree_params", cmd_show_tree_params, 1, Reads},
     {"set_threads", cmd_set_threads, 2},
     {"ai6_set_threads", cmd_set_threads, 2},
     {"set_recalc_accuracy", cmd_set_recalc_accuracy, 4},
     {"set_isomorphism", cmd_set_isomorphism, 3},
     {"skip_if_done", cmd_skip_if_done, 3},
-    {"is_tree_present", cmd_is_tree_present, 1},
+    {"is_tree_present", cmd_is_tree_present, 1, Reads},
     {"go", cmd_go, -1},
     {"stop", cmd_stop, 1},
     {"load_script", cmd_load_script, 2},
@@ -36,29 +40,29 @@ const CommandEntry CommandTable[CommandCount] = {
     {"load_tree", cmd_load_tree, 2},
     {"dump_tree", cmd_dump_tree, -1},
     {"free_tree", cmd_free_tree, 1},
-    {"show_node", cmd_show_node, 2},
-    {"show_children", cmd_show_children, 2},
-    {"show_strategy", cmd_show_strategy, 2},
-    {"show_strategy_pp", cmd_show_strategy_pp, 2},
-    {"show_locked_combos", cmd_show_locked_combos, 2},
-    {"show_range", cmd_show_range, -1},
-    {"show_probs", cmd_show_probs, 2},
-    {"calc_results", cmd_calc_results, 1},
-    {"calc_ev", cmd_calc_ev, 3},
-    {"calc_ev_pp", cmd_calc_ev_pp, 3},
-    {"calc_ev_line", cmd_calc_ev_line, 3},
-    {"calc_line_freq", cmd_calc_line_freq, 2},
-    {"calc_global_freq", cmd_calc_global_freq, 2},
-    {"calc_eq", cmd_calc_eq, 2},
-    {"calc_eq_pp", cmd_calc_eq_pp, 2},
-    {"calc_eq_node", cmd_calc_eq_node, 3},
-    {"stdoutredi", cmd_stdoutredi, 2},
-    {"stdoutredi_append", cmd_stdoutredi_append, 2},
-    {"stdoutback", cmd_stdoutback, 1},
-    {"wait_for_solver", cmd_wait_for_solver, 1},
-    {"show_memory", cmd_show_memory, 1},
-    {"node_count", cmd_node_count, 1},
-    {"show_effective_stack", cmd_show_effective_stack, 1},
+    {"show_node", cmd_show_node, 2, Reads},
+    {"show_children", cmd_show_children, 2, Reads},
+    {"show_strategy", cmd_show_strategy, 2, Reads},
+    {"show_strategy_pp", cmd_show_strategy_pp, 2, Reads},
+    {"show_locked_combos", cmd_show_locked_combos, 2, Reads},
+    {"show_range", cmd_show_range, -1, Reads},
+    {"show_probs", cmd_show_probs, 2, Reads},
+    {"calc_results", cmd_calc_results, 1, Reads},
+    {"calc_ev", cmd_calc_ev, 3, Reads},
+    {"calc_ev_pp", cmd_calc_ev_pp, 3, Reads},
+    {"calc_ev_line", cmd_calc_ev_line, 3, Reads},
+    {"calc_line_freq", cmd_calc_line_freq, 2, Reads},
+    {"calc_global_freq", cmd_calc_global_freq, 2, Reads},
+    {"calc_eq", cmd_calc_eq, 2, Reads},
+    {"calc_eq_pp", cmd_calc_eq_pp, 2, Reads},
+    {"calc_eq_node", cmd_calc_eq_node, 3, Reads},
+    {"stdoutredi", cmd_stdoutredi, 2, Reads},
+    {"stdoutredi_append", cmd_stdoutredi_append, 2, Reads},
+    {"stdoutback", cmd_stdoutback, 1, Reads},
+    {"wait_for_solver", cmd_wait_for_solver, 1, Reads},
+    {"show_memory", cmd_show_memory, 1, Reads},
+    {"node_count", cmd_node_count, 1, Reads},
+    {"show_effective_stack", cmd_show_effective_stack, 1, Reads},
     {"set_eff_stack", cmd_answer_only, 2},
     {"set_rake", cmd_set_rake, 3},
     {"set_ev_boost", cmd_set_ev_boost, 3},
@@ -73,54 +77,37 @@ const CommandEntry CommandTable[CommandCount] = {
     {"combo_lock_node", cmd_combo_lock_node, 1328},
     {"solve_partial", cmd_solve_partial, 2},
     {"explo_partial", cmd_explo_partial, 2},
-    {"show_category_names", cmd_show_category_names, 1},
-    {"show_categories", cmd_show_categories, -1},
+    {"show_category_names", cmd_show_category_names, 1, Reads},
+    {"show_categories", cmd_show_categories, -1, Reads},
     {"ai6_set_compression", cmd_set_compression, 2},
     {"set_compression", cmd_set_compression, 2},
-    {"ai6_get_actual_compression", cmd_get_actual_compression, 1},
-    {"get_actual_compression", cmd_get_actual_compression, 1},
-    {"ai6_get_instruction_set", cmd_get_instruction_set, 1},
-    {"get_instruction_set", cmd_get_instruction_set, 1},
+    {"ai6_get_actual_compression", cmd_get_actual_compression, 1, Reads},
+    {"get_actual_compression", cmd_get_actual_compression, 1, Reads},
+    {"ai6_get_instruction_set", cmd_get_instruction_set, 1, Reads},
+    {"get_instruction_set", cmd_get_instruction_set, 1, Reads},
     {"set_scheduler", cmd_set_scheduler, 2},
     {"enable_avx512", cmd_enable_avx512, 2},
     {"enable_river_strategy", cmd_enable_river_strategy, 2},
-    {"sleep", cmd_sleep, 2},
-    {"take_a_break", cmd_take_a_break, 2},
+    {"sleep", cmd_sleep, 2, Reads},
+    {"take_a_break", cmd_take_a_break, 2, Reads},
     {"repeat", cmd_repeat, -1},
-    {"echo", cmd_echo, -1},
+    {"echo", cmd_echo, -1, Reads},
     {"ignore_mem_check", cmd_ignore_mem_check, 2},
     {"connect", cmd_connect, -1},
     {"disconnect", cmd_disconnect, 1},
-    {"show_cpu_info", cmd_show_cpu_info, 1},
+    {"show_cpu_info", cmd_show_cpu_info, 1, Reads},
     {"reset_tree_info", cmd_reset_tree_info, 1},
     {"add_info_line", cmd_add_info_line, 2},
-    {"show_tree_info", cmd_show_tree_info, 1},
+    {"show_tree_info", cmd_show_tree_info, 1, Reads},
     {"set_simd_level", cmd_set_simd_level, 2},
     {"set_precision", cmd_set_precision, 2},
     {"set_must_use_hole_cards", cmd_set_must_use_hole_cards, 2},
     {"set_hand_type_order", cmd_set_hand_type_order, 10},
     {"set_low_card", cmd_set_low_card, 2},
-    {"eval_hand", cmd_eval_hand, 2},
+    {"eval_hand", cmd_eval_hand, 2, Reads},
     {"enable_adaptive_precision", cmd_enable_adaptive_precision, 2},
-    {"help", cmd_help, 1},
+    {"help", cmd_help, 1, Reads},
 };
-
-// Commands that only read: the rest may change strategies, values or the tree,
-// so they move the store generation that query caches are keyed by.
-static const char* const ReadingCommands[] = {
-    "is_ready", "solver_time", "show_hand_order", "show_settings", "show_tree_params", "is_tree_present",
-    "show_node", "show_children", "show_strategy", "show_strategy_pp", "show_locked_combos", "show_range",
-    "show_probs", "calc_results", "calc_ev", "calc_ev_pp", "calc_ev_line", "calc_line_freq", "calc_global_freq",
-    "calc_eq", "calc_eq_pp", "calc_eq_node", "stdoutredi", "stdoutredi_append", "stdoutback", "wait_for_solver",
-    "show_memory", "node_count", "show_effective_stack", "show_category_names", "show_categories",
-    "ai6_get_actual_compression", "get_actual_compression", "ai6_get_instruction_set", "get_instruction_set",
-    "echo", "show_cpu_info", "show_tree_info", "eval_hand", "help", "sleep", "take_a_break"};
-
-static bool only_reads(const CommandEntry& e) {
-  for (const char* name : ReadingCommands)
-    if (!strcmp(name, e.name)) return true;
-  return false;
-}
 
 // Moves the generation before a changing command and again after it, so
 // that a walk of the solving thread overlapping it never carries the
@@ -183,7 +170,7 @@ void process_line(const Tokens& tokens) {
     if (entry->arg_count > 0 && size_t(entry->arg_count) != tokens.size()) fail_argument(tokens[0]);
     // The handler.
     CurrentCommand = tokens[0];
-    GenerationMark mark(!only_reads(*entry));
+    GenerationMark mark(!entry->reads);
     entry->handler(tokens);
   } catch (const std::invalid_argument&) {
     shell_print("ERROR: Invalid value\n");

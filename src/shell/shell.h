@@ -17,6 +17,7 @@ struct CommandEntry {
   const char* name;
   CommandHandler handler;
   int32_t arg_count;  // exact token count with the command word; <= 0: the handler checks
+  bool reads = false;  // only reads: leaves strategies, values and the tree as they are
 };
 
 constexpr int CommandCount = 94;

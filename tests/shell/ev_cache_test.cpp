@@ -11,6 +11,7 @@
 
 #include "analysis/analysis.h"
 #include "shell/shell.h"
+#include "shell_support.h"
 #include "solver/solver.h"
 #include "tree/tree.h"
 
@@ -56,13 +57,6 @@ struct EvCacheTest : ::testing::Test {
   void TearDown() override {
     reset_tree_state();
     OutputBuffer.clear();
-  }
-  static std::string run(const std::string& line) {
-    OutputBuffer.clear();
-    process_line(tokenize_line(line));
-    std::string out = OutputBuffer;
-    OutputBuffer.clear();
-    return out;
   }
   static void solve(int steps) {
     run("go " + std::to_string(steps) + " steps");

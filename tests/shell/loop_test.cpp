@@ -7,6 +7,7 @@
 #include <set>
 
 #include "shell/shell.h"
+#include "shell_support.h"
 #include "solver/solver.h"
 #include "tree/tree.h"
 
@@ -22,13 +23,6 @@ struct LoopTest : ::testing::Test {
     OutputBuffer.clear();
   }
   void TearDown() override { OutputBuffer.clear(); }
-  std::string run(const std::string& line) {
-    OutputBuffer.clear();
-    process_line(tokenize_line(line));
-    std::string out = OutputBuffer;
-    OutputBuffer.clear();
-    return out;
-  }
 };
 
 }  // namespace

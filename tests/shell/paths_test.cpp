@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "shell/shell.h"
+#include "shell_support.h"
 #include "solver/solver.h"
 #include "tree/board_tree.h"
 #include "tree/tree.h"
@@ -21,13 +22,6 @@ struct PathLocks : ::testing::Test {
   void TearDown() override {
     reset_tree_state();
     OutputBuffer.clear();
-  }
-  static std::string run(const std::string& line) {
-    OutputBuffer.clear();
-    process_line(tokenize_line(line));
-    std::string out = OutputBuffer;
-    OutputBuffer.clear();
-    return out;
   }
   static void game(const std::string& board, const std::string& line) {
     Ranges[0].assign(HandCount, 1.0);
