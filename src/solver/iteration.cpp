@@ -762,6 +762,7 @@ TraverseResult traverse(Tree& tree, int player, int mode, WalkProbe probe) {
 }
 
 void run_iteration(Tree& tree) {
+  if (tree.average_policy == 1 && tree.iteration == WalkAverageFrom) page_in_stores(tree, true);
   // Player 1, then player 0.
   traverse(tree, 1, MODE_TRAIN);
   traverse(tree, 0, MODE_TRAIN);

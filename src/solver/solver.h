@@ -212,6 +212,8 @@ void reset_report_log();
 // Materialises every store not yet ready, as the first run does; false at the
 // first failure (nodes done so far stay done).
 bool materialise_tree_stores(Tree& tree);
+// Asks for the flat stores' pages written: the regret stores, or the sums.
+void page_in_stores(Tree& tree, bool sums);
 
 // The evaluation cache of the present tree; results_iteration -1 = none.
 struct ResultsCache {

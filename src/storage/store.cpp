@@ -288,3 +288,8 @@ void add_store_memory(Store* store, StoreMemory& m, bool settled) {
     add_locks(p->locks, m);
   }
 }
+
+void add_flat_pages(Store* store, std::vector<PageBlock>& blocks) {
+  if (auto* f = dynamic_cast<FlatStore*>(store))
+    if (f->data) blocks.push_back({f->data, f->data_bytes});
+}

@@ -467,6 +467,14 @@ struct StoreMemory {
 };
 void add_store_memory(Store* store, StoreMemory& total, bool settled);
 
+// The block of a flat store, for callers that want its pages before their
+// first touch; nothing for the other classes or a store without values.
+struct PageBlock {
+  void* data;
+  size_t bytes;
+};
+void add_flat_pages(Store* store, std::vector<PageBlock>& blocks);
+
 // ---- Making the stores of a node -------------------------------------------------------
 
 // The compression classes in force: the first number for river regrets, the

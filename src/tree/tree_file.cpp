@@ -686,14 +686,12 @@ void apply_tree_state(Tree& t, const TreeFileState& st, int32_t format) {
 struct FlatPagesAhead {
   std::thread worker;
   explicit FlatPagesAhead(const Tree& t) {
-    std::vector<std::pair<void*, size_t>> blocks;
+    std::vector<PageBlock> blocks;
     for (const Node& node : t.nodes)
-      for (Store* store : {node.regretStore, node.strategyStore})
-        if (auto* f = dynamic_cast<FlatStore*>(store))
-          if (f->data) blocks.push_back({f->data, f->data_bytes});
+      for (Store* store : {node.regretStore, node.strategyStore}) add_flat_pages(store, blocks);
     if (blocks.empty()) return;
     worker = std::thread([blocks = std::move(blocks)] {
-      for (const auto& [data, bytes] : blocks) populate_memory(data, bytes);
+      for (const PageBlock& b : blocks) populate_memory(b.data, b.bytes);
     });
   }
   ~FlatPagesAhead() {

@@ -5,6 +5,7 @@
 // the bettor is +25 chips from the middle of a pot of 100.
 #include <cmath>
 
+#include "platform/platform.h"
 #include "solver/walk.h"
 #include "solver_support.h"
 
@@ -237,4 +238,35 @@ TEST_F(SolverTest, WalkReusesItsRowsOnceWarm) {
   solve(t, 50);
   evaluate(t);
   EXPECT_EQ(row_pool_idle_blocks(*pool), warm);
+}
+
+// Flat stores get their pages written before the walk first reads them (else
+// each page is read as the zero page and copied on its first write): the
+// regrets when the stores are made, the sums only when averaging starts, so
+// a short solve doesn't hold memory it never uses.
+TEST_F(SolverTest, FlatStorePagesComeWhenFirstNeeded) {
+  GameSpec g;
+  g.board = "KsQd7h4c";
+  g.oop = {"AA", "KK", "QQ", "JJ", "TT", "99", "88", "AK", "AQ", "AJ", "KQ", "KJ", "QJ", "JT", "T9", "98"};
+  g.ip = g.oop;
+  g.lines = {"0 0 100 100", "0 0 0 0"};
+  Tree& t = build(g);
+  auto resident = [&](bool sums) {
+    std::vector<PageBlock> blocks;
+    for (Node& node : t.nodes) add_flat_pages(sums ? node.strategyStore : node.regretStore, blocks);
+    size_t in = 0, all = 0;
+    for (const PageBlock& b : blocks) {
+      in += resident_bytes_in(b.data, b.bytes);
+      all += b.bytes;
+    }
+    EXPECT_GT(all, size_t(4) << 12) << "a game too small to tell pages apart";
+    return all ? double(in) / double(all) : 0.0;
+  };
+  EXPECT_EQ(resident(false), 1.0);
+  EXPECT_EQ(resident(true), 0.0);
+  t.iteration = WalkAverageFrom - 1;
+  run_iteration(t);
+  EXPECT_EQ(resident(true), 0.0);  // nothing summed yet
+  run_iteration(t);
+  EXPECT_EQ(resident(true), 1.0);
 }
