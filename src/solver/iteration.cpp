@@ -12,6 +12,8 @@
 #include <cmath>
 #include <typeinfo>
 
+#include <immintrin.h>
+
 #include "solver/walk.h"
 
 
@@ -125,22 +127,46 @@ void played_strategy(const Tree& t, const Node& node, int32_t tc, int32_t rc, Ha
   }
   static const float Zeros[MaxNodeActions] = {};
   node.strategyStore->read_strategy(out, tc, rc, integer_sums(node.strategyStore) ? nullptr : Zeros);
-  int32_t count = out[0].count;
-  // Hands without sums play the current strategy.
-  int32_t missing = -1;
-  for (int32_t i = 0; i < count && missing < 0; i++) {
-    float total = 0.0f;
-    for (int32_t a = 0; a < n; a++) total += out[a].data[i];
-    if (total == 0.0f) missing = i;
+  const int32_t count = out[0].count;
+  // Hands without sums play the current strategy. Most nodes have some (hands
+  // the line never reaches), so the sums go by blocks of rows, in action
+  // order as a hand at a time would add them.
+  constexpr int32_t Block = 64;
+  auto block_totals = [&](int32_t i0, int32_t m, float* total) {
+    for (int32_t j = 0; j < m; j++) total[j] = out[0].data[i0 + j];
+    for (int32_t a = 1; a < n; a++) {
+      const float* __restrict row = out[a].data + i0;
+      for (int32_t j = 0; j < m; j++) total[j] += row[j];
+    }
+  };
+  alignas(32) float total[Block];
+  int32_t first = -1;
+  for (int32_t i0 = 0; i0 < count && first < 0; i0 += Block) {
+    const int32_t m = std::min(Block, count - i0);
+    block_totals(i0, m, total);
+    int32_t zeros = 0;
+    for (int32_t j = 0; j < m; j++) zeros += total[j] == 0.0f;
+    if (zeros) first = i0;
   }
-  if (missing < 0) return;
+  if (first < 0) return;
   VectorFrame q(n);
   node.regretStore->read_strategy(q.data(), tc, rc, uniform);
-  for (int32_t i = missing; i < count; i++) {
-    float total = 0.0f;
-    for (int32_t a = 0; a < n; a++) total += out[a].data[i];
-    if (total != 0.0f) continue;
-    for (int32_t a = 0; a < n; a++) out[a].data[i] = q[a].data[i];
+  for (int32_t i0 = first; i0 < count; i0 += Block) {
+    const int32_t m = std::min(Block, count - i0);
+    block_totals(i0, m, total);
+    for (int32_t a = 0; a < n; a++) {
+      float* __restrict to = out[a].data + i0;
+      const float* __restrict from = q[a].data + i0;
+      // A select, not a branch per hand (the compiler makes a branch of it).
+      int32_t j = 0;
+      for (; j + 4 <= m; j += 4) {
+        __m128 none = _mm_cmpeq_ps(_mm_load_ps(total + j), _mm_setzero_ps());
+        __m128 keep = _mm_andnot_ps(none, _mm_loadu_ps(to + j));
+        _mm_storeu_ps(to + j, _mm_or_ps(keep, _mm_and_ps(none, _mm_loadu_ps(from + j))));
+      }
+      for (; j < m; j++)
+        if (total[j] == 0.0f) to[j] = from[j];
+    }
   }
 }
 
