@@ -240,6 +240,56 @@ TEST_F(SolverTest, WalkReusesItsRowsOnceWarm) {
   EXPECT_EQ(row_pool_idle_blocks(*pool), warm);
 }
 
+// The average a walk plays: the sums normalised, and the current strategy for
+// hands without sums, wherever they fall among the blocks the read goes by
+// (first, last of a block, the next, the tail).
+TEST_F(SolverTest, HandsWithoutSumsPlayTheCurrentStrategy) {
+  GameSpec g;
+  g.board = "KsQd7h4c2s";
+  g.oop = {"AA", "JJ", "TT", "99", "88", "66", "55", "33", "AJ", "AT", "A9", "JT", "T9", "98", "86", "65"};
+  g.ip = g.oop;
+  g.lines = {"100 100", "0 0"};
+  Tree& t = build(g);
+  Node& root = t.nodes[0];
+  const int32_t tc = t.boards->turn_child, rc = t.boards->river_child;
+  const int32_t n = int32_t(root.children.size());
+  const int32_t hands = root.regretStore->row_length(tc, rc);
+  ASSERT_GT(hands, 130);
+  solve(t, 64);
+  // Sums of some hands set to nothing.
+  const std::vector<int32_t> cleared = {0, 63, 64, 65, 127, hands - 1};
+  HandVector sums[MaxNodeActions];
+  static const float Zeros[MaxNodeActions] = {};
+  root.strategyStore->read_strategy(sums, tc, rc, Zeros);
+  std::vector<std::vector<float>> raw(static_cast<size_t>(n));
+  for (int32_t a = 0; a < n; a++) {
+    // read_strategy normalises; the rows written back are the normalised sums,
+    // which leaves the average of the other hands as it was.
+    raw[size_t(a)].assign(sums[a].data, sums[a].data + hands);
+    for (int32_t h : cleared) raw[size_t(a)][size_t(h)] = 0.0f;
+    root.strategyStore->write_row(tc, rc, a, raw[size_t(a)].data());
+  }
+  float uniform[MaxNodeActions];
+  for (int32_t a = 0; a < n; a++) uniform[a] = 1.0f / float(n);
+  HandVector current[MaxNodeActions], played[MaxNodeActions];
+  root.regretStore->read_strategy(current, tc, rc, uniform);
+  played_strategy(t, root, tc, rc, played, WalkAverageFrom);
+  int32_t without = 0;
+  for (int32_t h = 0; h < hands; h++) {
+    float total = 0.0f;
+    for (int32_t a = 0; a < n; a++) total += raw[size_t(a)][size_t(h)];
+    without += total == 0.0f;
+    for (int32_t a = 0; a < n; a++) {
+      if (total == 0.0f)
+        EXPECT_EQ(played[a].data[h], current[a].data[h]) << "hand " << h << " action " << a;
+      else  // normalised twice
+        EXPECT_NEAR(played[a].data[h], sums[a].data[h], 1e-6) << "hand " << h << " action " << a;
+    }
+  }
+  EXPECT_GE(without, int32_t(cleared.size()));
+  EXPECT_LT(without, hands / 2);
+}
+
 // Flat stores get their pages written before the walk first reads them (else
 // each page is read as the zero page and copied on its first write): the
 // regrets when the stores are made, the sums only when averaging starts, so
