@@ -475,6 +475,16 @@ struct PageBlock {
 };
 void add_flat_pages(Store* store, std::vector<PageBlock>& blocks);
 
+// Fresh memory costs more at its first touch than the copy into it. While a
+// file is read, a helper thread asks for the pages of the flat stores in the
+// order given, one block at a time; the reader's load of each store takes its
+// pages through take_flat_pages: nothing to do when they are there, else it
+// asks for them itself, or, while the helper is on them, for the next block
+// nobody has taken. No block is asked for twice, or by both at once.
+void start_pages_ahead(std::vector<PageBlock> blocks);
+void finish_pages_ahead();
+void take_flat_pages(void* data, size_t bytes);
+
 // ---- Making the stores of a node -------------------------------------------------------
 
 // The compression classes in force: the first number for river regrets, the

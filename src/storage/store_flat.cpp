@@ -2,7 +2,11 @@
 // Word16FlatStore (16-bit fixed-point regrets), each one block of values
 // committed at once.
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <memory>
+#include <thread>
+#include <unordered_map>
 #include <stdexcept>
 
 #include "platform/platform.h"
@@ -194,7 +198,7 @@ void FloatFlatStore::load(ByteSource& source) {
   load_locks(source);
   if (!materialise()) throw std::runtime_error("out of memory");
   if (!data) return;  // a store without hands
-  populate_memory(data, data_bytes);
+  take_flat_pages(data, data_bytes);
   std::vector<BytePiece> pieces = row_pieces(values(), *shape);
   source.read_pieces(pieces.data(), pieces.size());
 }
@@ -247,7 +251,7 @@ void Word16FlatStore::save(ByteWriter& writer) {
 void Word16FlatStore::load(ByteSource& source) {
   load_locks(source);
   if (!materialise()) throw std::runtime_error("out of memory");
-  if (data) populate_memory(data, data_bytes);
+  if (data) take_flat_pages(data, data_bytes);
   for (const StoreCell& c : shape->cells)
     for (int32_t a = 0; a < shape->actions; a++) {
       uint16_t* row = values() + c.offset + int64_t(a) * align4(c.length);
@@ -260,4 +264,75 @@ void Word16FlatStore::load(ByteSource& source) {
     source.read(cell_factors.data(), cell_factors.size() * sizeof(float));
   else
     std::fill(cell_factors.begin(), cell_factors.end(), 1.0f);
+}
+
+// ---- Pages ahead of a load ------------------------------------------------------------
+
+namespace {
+
+enum : uint8_t { PAGES_FREE = 0, PAGES_TAKEN = 1, PAGES_DONE = 2 };
+
+struct PagesAhead {
+  std::vector<PageBlock> blocks;
+  std::unique_ptr<std::atomic<uint8_t>[]> state;
+  std::unordered_map<const void*, size_t> index;
+  std::atomic<size_t> next{0};  // the next block to take in order
+  std::thread worker;
+};
+PagesAhead Ahead;
+
+bool claim(size_t i) {
+  uint8_t free = PAGES_FREE;
+  return Ahead.state[i].compare_exchange_strong(free, PAGES_TAKEN, std::memory_order_acq_rel);
+}
+
+void fill(size_t i) {
+  populate_memory(Ahead.blocks[i].data, Ahead.blocks[i].bytes);
+  Ahead.state[i].store(PAGES_DONE, std::memory_order_release);
+}
+
+}  // namespace
+
+void start_pages_ahead(std::vector<PageBlock> blocks) {
+  finish_pages_ahead();
+  if (blocks.empty()) return;
+  Ahead.blocks = std::move(blocks);
+  const size_t n = Ahead.blocks.size();
+  Ahead.state = std::make_unique<std::atomic<uint8_t>[]>(n);
+  for (size_t i = 0; i < n; i++) {
+    Ahead.state[i].store(PAGES_FREE, std::memory_order_relaxed);
+    Ahead.index[Ahead.blocks[i].data] = i;
+  }
+  Ahead.worker = std::thread([n] {
+    for (size_t i; (i = Ahead.next.fetch_add(1)) < n;)
+      if (claim(i)) fill(i);
+  });
+}
+
+void finish_pages_ahead() {
+  if (Ahead.worker.joinable()) Ahead.worker.join();
+  Ahead.blocks.clear();
+  Ahead.state.reset();
+  Ahead.index.clear();
+  Ahead.next = 0;
+}
+
+void take_flat_pages(void* data, size_t bytes) {
+  auto it = Ahead.state ? Ahead.index.find(data) : Ahead.index.end();
+  if (it == Ahead.index.end() || Ahead.blocks[it->second].bytes != bytes) {
+    populate_memory(data, bytes);
+    return;
+  }
+  const size_t i = it->second;
+  if (claim(i)) return fill(i);
+  // Faulting pages in costs more than the copy into them: rather than wait
+  // for the helper, the reader takes the next block in order itself.
+  while (Ahead.state[i].load(std::memory_order_acquire) != PAGES_DONE) {
+    const size_t j = Ahead.next.fetch_add(1);
+    if (j < Ahead.blocks.size()) {
+      if (claim(j)) fill(j);
+    } else {
+      std::this_thread::yield();
+    }
+  }
 }

@@ -680,23 +680,16 @@ void apply_tree_state(Tree& t, const TreeFileState& st, int32_t format) {
   memcpy(t.evaluation, st.evaluation, sizeof t.evaluation);
 }
 
-// Fresh memory costs as much at its first touch as the copy into it. The
-// flat stores' blocks, known before their bytes are read, get their pages on
-// another core, in the order the reads will want them.
+// The flat stores' blocks are known before their bytes are read: their pages
+// are asked for on another core while the file is read.
 struct FlatPagesAhead {
-  std::thread worker;
   explicit FlatPagesAhead(const Tree& t) {
     std::vector<PageBlock> blocks;
     for (const Node& node : t.nodes)
       for (Store* store : {node.regretStore, node.strategyStore}) add_flat_pages(store, blocks);
-    if (blocks.empty()) return;
-    worker = std::thread([blocks = std::move(blocks)] {
-      for (const PageBlock& b : blocks) populate_memory(b.data, b.bytes);
-    });
+    start_pages_ahead(std::move(blocks));
   }
-  ~FlatPagesAhead() {
-    if (worker.joinable()) worker.join();
-  }
+  ~FlatPagesAhead() { finish_pages_ahead(); }
 };
 
 void read_tree_data(ByteSource& s, Tree& t, bool results_absent) {
