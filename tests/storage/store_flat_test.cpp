@@ -5,6 +5,7 @@
 
 #include <random>
 
+#include "platform/platform.h"
 #include "storage/codec/codec.h"
 #include "store_support.h"
 
@@ -422,4 +423,34 @@ TEST_F(FlatStoreTest, Word16SaveLoadAllFormats) {
   Word16FlatStore broken(&shape);
   MemoryByteSource bsrc(bad.data(), bad.size());
   EXPECT_THROW(broken.load(bsrc), std::runtime_error);
+}
+
+// Pages ahead of a load: whichever of the reader and the helper takes a
+// block, it is all there when the reader's take returns, in the order of the
+// list or out of it, and a block the helper doesn't know is filled directly.
+TEST(PagesAhead, EveryBlockIsThereWhenTheReaderTakesIt) {
+  const size_t bytes = 64 * page_size();
+  constexpr int Blocks = 96;
+  for (int round = 0; round < 2; round++) {
+    std::vector<PageBlock> blocks;
+    for (int i = 0; i <= Blocks; i++) {
+      void* p = reserve_address_space(bytes);
+      ASSERT_TRUE(p && commit_memory(p, bytes));
+      blocks.push_back({p, bytes});
+    }
+    const PageBlock stranger = blocks.back();
+    blocks.pop_back();
+    ASSERT_EQ(resident_bytes_in(blocks[0].data, bytes), 0u);
+    start_pages_ahead(blocks);
+    for (int k = 0; k < Blocks; k++) {
+      const int i = round == 0 ? k : Blocks - 1 - k;
+      take_flat_pages(blocks[size_t(i)].data, bytes);
+      ASSERT_EQ(resident_bytes_in(blocks[size_t(i)].data, bytes), bytes) << "round " << round << " block " << i;
+    }
+    take_flat_pages(stranger.data, bytes);
+    EXPECT_EQ(resident_bytes_in(stranger.data, bytes), bytes);
+    finish_pages_ahead();
+    for (const PageBlock& b : blocks) release_address_space(b.data, b.bytes);
+    release_address_space(stranger.data, bytes);
+  }
 }
