@@ -7,6 +7,8 @@
 # before and after share the machine's load.
 #
 #   STEPS=25 LEVELS="0 4" bench/ev_queries.sh [binary...]     (default: build/corvanta)
+# With STEPS above 60 the walks play the average strategy, as on a solved
+# tree; a run that doesn't end on a report (70) leaves even "fresh" stale.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 script="$root/../shared/bench-games/flop.txt"

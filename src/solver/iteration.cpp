@@ -116,7 +116,7 @@ static bool integer_sums(Store* s) {
 }
 
 void played_strategy(const Tree& t, const Node& node, int32_t tc, int32_t rc, HandVector* out,
-                     int32_t average_from) {
+                     int32_t average_from, const float* reach) {
   int32_t n = int32_t(node.children.size());
   float uniform[MaxNodeActions];
   for (int32_t a = 0; a < n; a++) uniform[a] = 1.0f / float(n);
@@ -145,7 +145,10 @@ void played_strategy(const Tree& t, const Node& node, int32_t tc, int32_t rc, Ha
     const int32_t m = std::min(Block, count - i0);
     block_totals(i0, m, total);
     int32_t zeros = 0;
-    for (int32_t j = 0; j < m; j++) zeros += total[j] == 0.0f;
+    if (reach)
+      for (int32_t j = 0; j < m; j++) zeros += (total[j] == 0.0f) & (reach[i0 + j] != 0.0f);
+    else
+      for (int32_t j = 0; j < m; j++) zeros += total[j] == 0.0f;
     if (zeros) first = i0;
   }
   if (first < 0) return;
@@ -324,7 +327,8 @@ static void visit_other_node(TraversalContext& ctx) {
       default_strategy(node, defaults);
       node.regretStore->read_strategy(s.data(), tc, rc, defaults);
     } else {
-      played_strategy(t, node, tc, rc, s.data(), WalkAverageFrom);
+      // Hands out of reach at the other player's node play no part.
+      played_strategy(t, node, tc, rc, s.data(), WalkAverageFrom, ctx.reach.data);
     }
     // The average.
     if (train && !pass0 && node.strategyStore) {

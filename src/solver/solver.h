@@ -173,9 +173,11 @@ bool river_sums_due(const Tree& tree);
 // The strategy played outside training at a decision cell: the normalised
 // average sums where the rule allows, with the current strategy for hands
 // without sums, and the current strategy (uniform where it has nothing)
-// before that.
+// before that. With `reach` given, hands whose reach is 0.0 may be left at
+// 0.0 instead: only their product with the reach is used (the other player's
+// node), and the current strategy is read only if a hand with reach needs it.
 void played_strategy(const Tree& tree, const Node& node, int32_t turn_cell, int32_t river_cell,
-                     HandVector* out, int32_t average_from);
+                     HandVector* out, int32_t average_from, const float* reach = nullptr);
 
 // One chance card below a chance node, run by a worker of the team. The four
 // shared vectors belong to the chance node and are shared by all its cards.

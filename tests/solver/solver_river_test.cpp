@@ -288,6 +288,23 @@ TEST_F(SolverTest, HandsWithoutSumsPlayTheCurrentStrategy) {
   }
   EXPECT_GE(without, int32_t(cleared.size()));
   EXPECT_LT(without, hands / 2);
+
+  // At the other player's node only hands with reach need a strategy: one
+  // cleared hand with reach gets the current one, the others may stay at 0.
+  std::vector<float> reach(size_t(hands), 0.0f);
+  for (int32_t h = 0; h < hands; h++)
+    for (int32_t a = 0; a < n; a++)
+      if (raw[size_t(a)][size_t(h)] != 0.0f) reach[size_t(h)] = 1.0f;
+  reach[64] = 0.5f;
+  HandVector other[MaxNodeActions];
+  played_strategy(t, root, tc, rc, other, WalkAverageFrom, reach.data());
+  for (int32_t a = 0; a < n; a++) {
+    EXPECT_EQ(other[a].data[64], current[a].data[64]) << "action " << a;
+    EXPECT_EQ(other[a].data[1], played[a].data[1]) << "action " << a;
+  }
+  reach[64] = 0.0f;
+  played_strategy(t, root, tc, rc, other, WalkAverageFrom, reach.data());
+  for (int32_t a = 0; a < n; a++) EXPECT_EQ(other[a].data[64], 0.0f) << "left at 0 without reach, action " << a;
 }
 
 // Flat stores get their pages written before the walk first reads them (else
