@@ -310,6 +310,9 @@ void start_pages_ahead(std::vector<PageBlock> blocks) {
 }
 
 void finish_pages_ahead() {
+  // A load that failed half-way leaves blocks nobody will read: the helper
+  // stops after the one it is on.
+  Ahead.next.store(SIZE_MAX / 2);
   if (Ahead.worker.joinable()) Ahead.worker.join();
   Ahead.blocks.clear();
   Ahead.state.reset();
