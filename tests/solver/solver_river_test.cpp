@@ -20,6 +20,16 @@ GameSpec polarised_game() {
   return g;
 }
 
+// Both players with the same sixteen classes: rows of well over a hundred hands.
+GameSpec wide_game(const std::string& board, std::vector<std::string> lines) {
+  GameSpec g;
+  g.board = board;
+  g.oop = {"AA", "JJ", "TT", "99", "88", "66", "55", "33", "AJ", "AT", "A9", "JT", "T9", "98", "86", "65"};
+  g.ip = g.oop;
+  g.lines = std::move(lines);
+  return g;
+}
+
 }  // namespace
 
 TEST_F(SolverTest, PolarisedRiverConvergesToItsValue) {
@@ -244,12 +254,7 @@ TEST_F(SolverTest, WalkReusesItsRowsOnceWarm) {
 // hands without sums, wherever they fall among the blocks the read goes by
 // (first, last of a block, the next, the tail).
 TEST_F(SolverTest, HandsWithoutSumsPlayTheCurrentStrategy) {
-  GameSpec g;
-  g.board = "KsQd7h4c2s";
-  g.oop = {"AA", "JJ", "TT", "99", "88", "66", "55", "33", "AJ", "AT", "A9", "JT", "T9", "98", "86", "65"};
-  g.ip = g.oop;
-  g.lines = {"100 100", "0 0"};
-  Tree& t = build(g);
+  Tree& t = build(wide_game("KsQd7h4c2s", {"100 100", "0 0"}));
   Node& root = t.nodes[0];
   const int32_t tc = t.boards->turn_child, rc = t.boards->river_child;
   const int32_t n = int32_t(root.children.size());
@@ -312,12 +317,7 @@ TEST_F(SolverTest, HandsWithoutSumsPlayTheCurrentStrategy) {
 // regrets when the stores are made, the sums only when averaging starts, so
 // a short solve doesn't hold memory it never uses.
 TEST_F(SolverTest, FlatStorePagesComeWhenFirstNeeded) {
-  GameSpec g;
-  g.board = "KsQd7h4c";
-  g.oop = {"AA", "KK", "QQ", "JJ", "TT", "99", "88", "AK", "AQ", "AJ", "KQ", "KJ", "QJ", "JT", "T9", "98"};
-  g.ip = g.oop;
-  g.lines = {"0 0 100 100", "0 0 0 0"};
-  Tree& t = build(g);
+  Tree& t = build(wide_game("KsQd7h4c", {"0 0 100 100", "0 0 0 0"}));
   auto resident = [&](bool sums) {
     std::vector<PageBlock> blocks;
     for (Node& node : t.nodes) add_flat_pages(sums ? node.strategyStore : node.regretStore, blocks);
