@@ -19,6 +19,14 @@ namespace {
 
 // ---- The cache ---------------------------------------------------------------------
 
+// n values, zeros for an empty vector.
+void copy_or_zeros(std::vector<float>& to, const float* from, int32_t n) {
+  if (from)
+    to.assign(from, from + n);
+  else
+    to.assign(size_t(n), 0.0f);
+}
+
 uint64_t context_key(int32_t node, int32_t tc, int32_t rc) {
   return (uint64_t(uint32_t(node)) << 16) | (uint64_t(tc + 1) << 8) | uint64_t(rc + 1);
 }
@@ -253,10 +261,8 @@ void probe_visit(void* target, TraversalContext& ctx) {
   if (ctx.node != probe.node || ctx.turn_cell != probe.turn_cell || ctx.river_cell != probe.river_cell) return;
   std::lock_guard<std::mutex> guard(probe.lock);
   const int32_t n = ctx.value.count;
-  probe.value.assign(size_t(n), 0.0f);
-  probe.reach.assign(size_t(n), 0.0f);
-  if (ctx.value.data) std::copy(ctx.value.data, ctx.value.data + n, probe.value.begin());
-  if (ctx.reach.data && ctx.reach.count == n) std::copy(ctx.reach.data, ctx.reach.data + n, probe.reach.begin());
+  copy_or_zeros(probe.value, ctx.value.data, n);
+  copy_or_zeros(probe.reach, ctx.reach.count == n ? ctx.reach.data : nullptr, n);
   probe.found = true;
 }
 
@@ -300,7 +306,7 @@ bool probe_values(Tree& t, Node& node, const SpotCell& cell, int32_t player, std
 int64_t ev_cache_bytes() {
   int64_t bytes = 0;
   for (const EvPlayerValues& p : EvValues.players) {
-    for (const auto& b : p.blocks) (void)b, bytes += BlockFloats * int64_t(sizeof(float));
+    bytes += int64_t(p.blocks.size()) * BlockFloats * int64_t(sizeof(float));
     bytes += int64_t(p.contexts.size() + p.chance.size()) * 64;  // the maps' nodes, roughly
   }
   return bytes;
@@ -319,10 +325,8 @@ bool cached_values(Tree& t, Node& node, int32_t tc, int32_t rc, int32_t player, 
   auto it = p.contexts.find(context_key(node_index(t, node), tc, rc));
   if (it == p.contexts.end()) return false;
   const EvContext& e = it->second;
-  value.assign(size_t(e.count), 0.0f);
-  reach.assign(size_t(e.count), 0.0f);
-  if (e.value) std::copy(e.value, e.value + e.count, value.begin());
-  if (e.reach) std::copy(e.reach, e.reach + e.count, reach.begin());
+  copy_or_zeros(value, e.value, e.count);
+  copy_or_zeros(reach, e.reach, e.count);
   return true;
 }
 

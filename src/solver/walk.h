@@ -72,7 +72,7 @@ inline void scale_vector(HandVector& v, float f) {
 // The sum only decides the drop, and that decision doesn't depend on the
 // order of the additions: the terms are never negative, sums below FLT_MIN
 // are exact, and a sum of non-negative terms that reaches FLT_MIN can't round
-// back below it. So it runs in eight partial sums, which vectorise.
+// back below it. So reach_row may add in whatever order vectorises best.
 inline void child_reaches(HandVector* s, int32_t n, const float* __restrict reach, int32_t count) {
   for (int32_t a = 0; a < n; a++)
     if (reach_row(s[a].data, reach, count) < FLT_MIN) make_empty(s[a], count);

@@ -24,15 +24,9 @@ const char* const Paths[] = {"r:0",          "r:0:c",         "r:0:b5",         
                              "r:0:c:c:Ks:b8", "r:0:b5:c:Ad",   "r:0:c:c:Ks:c:c:3d", "r:0:c:c:Ks:c:c:3d:c",
                              "r:0:c:c:Ks:b8:c:3d:c", "r:0:c:c:Ks:b8:c:4s:c", "r:0:c:c:2c", "r:0:c:c:9h"};
 
-struct EvCacheTest : ::testing::Test {
-  static void SetUpTestSuite() {
-    build_rank_tables();
-    build_card_tables();
-  }
+struct EvCacheTest : FreshGameTest {
   void SetUp() override {
-    reset_game_state();
-    reset_tree_state();
-    OutputBuffer.clear();
+    FreshGameTest::SetUp();
     // One thread: the turn cards merge in one order, so answers compare bit for bit.
     omp_set_num_threads(1);
     // Weights by ranks and suitedness only, as isomorphic boards need.
@@ -53,10 +47,6 @@ struct EvCacheTest : ::testing::Test {
     ASSERT_EQ(run("build_tree"), "build_tree ok!\n");
     run("set_threads 1");
     solve(64);  // the average strategies are played from here on
-  }
-  void TearDown() override {
-    reset_tree_state();
-    OutputBuffer.clear();
   }
   static void solve(int steps) {
     run("go " + std::to_string(steps) + " steps");

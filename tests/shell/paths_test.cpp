@@ -9,20 +9,7 @@
 
 namespace {
 
-struct PathLocks : ::testing::Test {
-  static void SetUpTestSuite() {
-    build_rank_tables();
-    build_card_tables();
-  }
-  void SetUp() override {
-    reset_game_state();
-    reset_tree_state();
-    OutputBuffer.clear();
-  }
-  void TearDown() override {
-    reset_tree_state();
-    OutputBuffer.clear();
-  }
+struct PathLocks : FreshGameTest {
   static void game(const std::string& board, const std::string& line) {
     Ranges[0].assign(HandCount, 1.0);
     Ranges[1].assign(HandCount, 1.0);

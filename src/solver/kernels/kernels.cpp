@@ -152,19 +152,18 @@ const KernelSet& kernels() {
 }
 }  // namespace
 
-void weighted_rows(float* out, const float* const* s, const float* const* c, int32_t rows, int32_t count) {
-  const RowKernels& k = KernelIsaLimit >= KERNEL_AVX2 && HasAvx2 ? Avx2RowKernels : PortableRowKernels;
-  k.weighted_rows(out, s, c, rows, count);
+static const RowKernels& row_kernels() {
+  return KernelIsaLimit >= KERNEL_AVX2 && HasAvx2 ? Avx2RowKernels : PortableRowKernels;
 }
 
-float reach_row(float* x, const float* reach, int32_t count) {
-  const RowKernels& k = KernelIsaLimit >= KERNEL_AVX2 && HasAvx2 ? Avx2RowKernels : PortableRowKernels;
-  return k.reach_row(x, reach, count);
+void weighted_rows(float* out, const float* const* s, const float* const* c, int32_t rows, int32_t count) {
+  row_kernels().weighted_rows(out, s, c, rows, count);
 }
+
+float reach_row(float* x, const float* reach, int32_t count) { return row_kernels().reach_row(x, reach, count); }
 
 void gather_row(float* out, const float* in, const uint16_t* index, int32_t count) {
-  const RowKernels& k = KernelIsaLimit >= KERNEL_AVX2 && HasAvx2 ? Avx2RowKernels : PortableRowKernels;
-  k.gather_row(out, in, index, count);
+  row_kernels().gather_row(out, in, index, count);
 }
 
 KernelIsa kernel_isa() {
